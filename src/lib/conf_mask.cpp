@@ -1,0 +1,369 @@
+// Masking of sensitive values, by 21 patterns: seven keywords in three forms each.
+//
+// The patterns stand compiled in the exported table g_oxelKeyInfoRe. PCRE2 does not run them,
+// though: on a line full of keywords or quotes its backtracking takes minutes, or gives up and
+// leaves the value readable. As each pattern is a row of literals with ".*" between them, and a
+// greedy ".*" puts each literal as far to the right as those behind it allow, one search from the
+// end of the line for one literal after the other finds the same match. PCRE2 runs only a pattern
+// that a program has put into the table in place of ours.
+#include "conf_mask.h"
+
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
+
+#include "support/owners.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+constexpr std::size_t pattern_count = 21;
+
+pcre2_real_code_8 *g_oxelKeyInfoRe[pattern_count];
+
+namespace {
+
+constexpr std::size_t npos = std::string_view::npos;
+
+struct sensitive_item {
+    std::string_view keyword;
+    std::array<const char *, 3> patterns; // element, value pair, quoted name
+};
+
+#define ITEM(KEYWORD)                                                                              \
+    {                                                                                              \
+        KEYWORD,                                                                                   \
+        {                                                                                          \
+            ".*" KEYWORD ".*>(.*)</.*" KEYWORD, ".*" KEYWORD ".*oldval=(.*),newval=(.*)",          \
+                ".*\".*" KEYWORD ".*\".*: (.*)"                                                    \
+        }                                                                                          \
+    }
+constexpr std::array<sensitive_item, 7> items = {{
+    ITEM("password"),
+    ITEM("cipher"),
+    ITEM("psk"),
+    ITEM("authentication-text"),
+    ITEM("key"),
+    ITEM("text-name"),
+    ITEM("secret"),
+}};
+#undef ITEM
+
+// The patterns that this file compiled, each also in the exported table unless replaced there.
+std::array<pcre2_code_8 *, pattern_count> own_patterns;
+
+// ---- search in one line -------------------------------------------------------------------------
+
+std::string_view view(std::span<const char> text)
+{
+    return {text.data(), text.size()};
+}
+
+// The text in front of `position`; nothing for npos, so that a search after a failed one fails too.
+std::string_view before(std::string_view text, std::size_t position)
+{
+    return {text.data(), position == npos ? 0 : position};
+}
+
+// The position of the last `literal`, or npos. memrchr takes many bytes at a time, unlike rfind().
+std::size_t find_last(std::string_view text, std::string_view literal)
+{
+    std::size_t candidates = text.size() < literal.size() ? 0 : text.size() - literal.size() + 1;
+    while (candidates > 0) {
+        const void *found = memrchr(text.data(), literal.front(), candidates);
+        if (found == nullptr) {
+            break;
+        }
+        candidates = static_cast<std::size_t>(static_cast<const char *>(found) - text.data());
+        if (std::memcmp(found, literal.data(), literal.size()) == 0) {
+            return candidates;
+        }
+    }
+    return npos;
+}
+
+void mask(std::span<char> text, std::size_t begin, std::size_t end)
+{
+    std::fill(text.begin() + static_cast<std::ptrdiff_t>(begin),
+              text.begin() + static_cast<std::ptrdiff_t>(end), '*');
+}
+
+// .*KEYWORD.*>(.*)</.*KEYWORD
+void mask_element(std::span<char> line, std::string_view keyword)
+{
+    const std::string_view text = view(line);
+    const std::size_t closing_name = find_last(text, keyword);
+    const std::size_t value_end = find_last(before(text, closing_name), "</");
+    const std::size_t bracket = find_last(before(text, value_end), ">");
+    if (find_last(before(text, bracket), keyword) != npos) {
+        mask(line, bracket + 1, value_end);
+    }
+}
+
+// .*KEYWORD.*oldval=(.*),newval=(.*)
+void mask_value_pair(std::span<char> line, std::string_view keyword)
+{
+    constexpr std::string_view old_mark = "oldval=";
+    constexpr std::string_view new_mark = ",newval=";
+    const std::string_view text = view(line);
+    const std::size_t new_value = find_last(text, new_mark);
+    const std::size_t old_value = find_last(before(text, new_value), old_mark);
+    if (find_last(before(text, old_value), keyword) != npos) {
+        mask(line, old_value + old_mark.size(), new_value);
+        mask(line, new_value + new_mark.size(), line.size());
+    }
+}
+
+// .*".*KEYWORD.*".*: (.*)
+void mask_quoted(std::span<char> line, std::string_view keyword)
+{
+    constexpr std::string_view colon = ": ";
+    const std::string_view text = view(line);
+    const std::size_t value = find_last(text, colon);
+    const std::size_t closing_quote = find_last(before(text, value), "\"");
+    const std::size_t name = find_last(before(text, closing_quote), keyword);
+    if (find_last(before(text, name), "\"") != npos) {
+        mask(line, value + colon.size(), line.size());
+    }
+}
+
+// ---- lines --------------------------------------------------------------------------------------
+
+// What ends a line: the bytes together, or each of them.
+struct line_end {
+    std::string_view bytes;
+    bool each = false;
+};
+
+line_end line_end_of(std::uint32_t newline)
+{
+    switch (newline) {
+    case PCRE2_NEWLINE_CR:
+        return {"\r"};
+    case PCRE2_NEWLINE_CRLF:
+        return {"\r\n"};
+    case PCRE2_NEWLINE_ANY:
+        return {"\n\v\f\r\x85", true};
+    case PCRE2_NEWLINE_ANYCRLF:
+        return {"\n\r", true};
+    case PCRE2_NEWLINE_NUL:
+        return {std::string_view("", 1)};
+    default:
+        return {"\n"};
+    }
+}
+
+std::size_t find(std::string_view text, std::string_view literal, std::size_t from)
+{
+    const void *found =
+        memmem(text.data() + from, text.size() - from, literal.data(), literal.size());
+    return found == nullptr
+               ? npos
+               : static_cast<std::size_t>(static_cast<const char *>(found) - text.data());
+}
+
+// The begin of the line that holds `position`, not searched for in front of `from`. The rest of a
+// line end may remain in front of the line: it takes part in no match.
+std::size_t line_begin(std::string_view text, line_end end, std::size_t from, std::size_t position)
+{
+    const std::string_view head(text.data() + from, position - from);
+    const std::size_t found = end.each ? head.find_last_of(end.bytes) : find_last(head, end.bytes);
+    return found == npos ? from : from + found + 1;
+}
+
+std::size_t line_finish(std::string_view text, line_end end, std::size_t position)
+{
+    return std::min(text.size(), end.each ? text.find_first_of(end.bytes, position)
+                                          : find(text, end.bytes, position));
+}
+
+// ---- table --------------------------------------------------------------------------------------
+
+std::atomic_ref<pcre2_code_8 *> table_entry(std::size_t pattern)
+{
+    return std::atomic_ref<pcre2_code_8 *>(g_oxelKeyInfoRe[pattern]);
+}
+
+// Two threads may build at once: the pattern that is compiled second is dropped again. Entry 0 says
+// that the table is complete, so it comes last.
+void build_table()
+{
+    for (std::size_t pattern = pattern_count; pattern-- > 0;) {
+        const std::atomic_ref<pcre2_code_8 *> own(own_patterns[pattern]);
+        pcre2_code_8 *known = own.load();
+        if (known == nullptr) {
+            pcre2_code_8 *fresh = REG_CreateOxelKeyRe(items[pattern / 3].patterns[pattern % 3]);
+            if (own.compare_exchange_strong(known, fresh)) {
+                known = fresh;
+            } else {
+                pcre2_code_free_8(fresh);
+            }
+        }
+        table_entry(pattern).store(known);
+    }
+}
+
+// ---- global match with PCRE2 --------------------------------------------------------------------
+
+using match_owner =
+    std::unique_ptr<pcre2_match_data_8, support::released_by<pcre2_match_data_free_8>>;
+
+// What the steps from one match to the next depend on.
+struct match_text {
+    std::span<char> bytes;
+    bool utf = false;
+    bool crlf_ends_line = false;
+
+    match_text(const pcre2_code_8 *re, std::span<char> text) : bytes(text)
+    {
+        std::uint32_t options = 0;
+        std::uint32_t newline = 0;
+        (void)pcre2_pattern_info_8(re, PCRE2_INFO_ALLOPTIONS, &options);
+        (void)pcre2_pattern_info_8(re, PCRE2_INFO_NEWLINE, &newline);
+        utf = (options & PCRE2_UTF) != 0;
+        crlf_ends_line = newline == PCRE2_NEWLINE_CRLF || newline == PCRE2_NEWLINE_ANY ||
+                         newline == PCRE2_NEWLINE_ANYCRLF;
+    }
+
+    // The first position from `position` on at which a character begins.
+    [[nodiscard]] std::size_t character_begin(std::size_t position) const
+    {
+        while (utf && position < bytes.size() && (bytes[position] & 0xc0) == 0x80) {
+            ++position;
+        }
+        return position;
+    }
+
+    // The position behind the character, or the line end of two bytes, at `position`.
+    [[nodiscard]] std::size_t next(std::size_t position) const
+    {
+        if (crlf_ends_line && position + 1 < bytes.size() && bytes[position] == '\r' &&
+            bytes[position + 1] == '\n') {
+            return position + 2;
+        }
+        return character_begin(position + 1);
+    }
+};
+
+void mask_groups(std::span<char> text, const PCRE2_SIZE *offsets, int count)
+{
+    for (int group = 1; group < count; ++group) {
+        const PCRE2_SIZE begin = offsets[2 * group];
+        const PCRE2_SIZE end = offsets[2 * group + 1];
+        if (begin < end) { // both are PCRE2_UNSET for a group that took no part
+            mask(text, begin, end);
+        }
+    }
+}
+
+void report_reversed_match(const char *text, PCRE2_SIZE start, PCRE2_SIZE end)
+{
+    std::printf("\\K was used in an assertion to set the match start after its end.\n"
+                "From end to start the match was: %.*s\n",
+                static_cast<int>(start - end), text + end);
+}
+
+} // namespace
+
+pcre2_code_8 *REG_CreateOxelKeyRe(const char *pattern)
+{
+    int error = 0;
+    PCRE2_SIZE error_offset = 0;
+    return pcre2_compile_8(reinterpret_cast<PCRE2_SPTR8>(pattern), PCRE2_ZERO_TERMINATED, 0, &error,
+                           &error_offset, nullptr);
+}
+
+int REG_RemarkInfo(pcre2_code_8 *re, char *buf, int dataLen)
+{
+    const match_owner data(pcre2_match_data_create_from_pattern_8(re, nullptr));
+    if (!data) {
+        return 1;
+    }
+    const match_text text(re, std::span(buf, static_cast<std::size_t>(dataLen)));
+    const std::size_t length = text.bytes.size();
+    const PCRE2_SIZE *offsets = pcre2_get_ovector_pointer_8(data.get());
+    std::size_t from = 0;
+    std::uint32_t options = 0;
+    for (bool first = true;; first = false) {
+        const int count = pcre2_match_8(re, reinterpret_cast<PCRE2_SPTR8>(buf), length, from,
+                                        options, data.get(), nullptr);
+        PCRE2_SIZE start = offsets[0];
+        PCRE2_SIZE end = offsets[1];
+        if (count == PCRE2_ERROR_NOMATCH && !first) {
+            if (options == 0) {
+                return 0;
+            }
+            start = from; // there was an empty match and nothing else: step over one character
+            end = text.next(from);
+        } else if (count < 0) {
+            if (!first) {
+                std::printf("Matching error %d\n", count);
+            }
+            return 1;
+        } else if (start > end) {
+            report_reversed_match(buf, start, end);
+            if (!first) {
+                std::printf("Run abandoned\n");
+            }
+            return 1;
+        } else {
+            mask_groups(text.bytes, offsets, count);
+        }
+
+        from = end;
+        options = 0;
+        if (start == end) {
+            if (end == length) {
+                return 0;
+            }
+            // At the place of an empty match only one that is not empty is of interest.
+            options = PCRE2_NOTEMPTY_ATSTART | PCRE2_ANCHORED;
+        } else if (const PCRE2_SIZE start_character = pcre2_get_startchar_8(data.get());
+                   start_character >= end) { // \K in a look-behind: the next search must advance
+            if (start_character >= length) {
+                return 0;
+            }
+            from = text.character_begin(start_character + 1);
+        }
+    }
+}
+
+void _conf_mask_values(std::span<char> text, std::size_t pattern, std::uint32_t newline)
+{
+    constexpr std::array forms = {mask_element, mask_value_pair, mask_quoted};
+    const std::string_view keyword = items[pattern / 3].keyword;
+    const std::string_view searched = view(text);
+    const line_end end = line_end_of(newline);
+    std::size_t from = 0;
+    for (std::size_t found; (found = find(searched, keyword, from)) != npos;) {
+        const std::size_t begin = line_begin(searched, end, from, found);
+        from = line_finish(searched, end, found);
+        forms[pattern % 3](text.subspan(begin, from - begin), keyword);
+    }
+}
+
+void REG_RemarkKeyInfo(char *buf, int dataLen)
+{
+    if (buf == nullptr || dataLen <= 0) {
+        return;
+    }
+    if (table_entry(0).load() == nullptr) {
+        build_table();
+    }
+    std::uint32_t newline = PCRE2_NEWLINE_LF;
+    (void)pcre2_config_8(PCRE2_CONFIG_NEWLINE, &newline);
+    for (std::size_t pattern = 0; pattern < pattern_count; ++pattern) {
+        pcre2_code_8 *re = table_entry(pattern).load();
+        if (re == nullptr) {
+            continue;
+        }
+        if (re == own_patterns[pattern]) {
+            _conf_mask_values(std::span(buf, static_cast<std::size_t>(dataLen)), pattern, newline);
+        } else {
+            (void)REG_RemarkInfo(re, buf, dataLen);
+        }
+    }
+}

@@ -1,0 +1,25 @@
+// The parts of the masking that REG_RemarkKeyInfo() is made of (see conf_debug.h for that one).
+#ifndef CONF_MASK_H
+#define CONF_MASK_H
+
+#include "conf_debug.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+// Compiles one pattern with the defaults of the PCRE2 build; null when that fails.
+[[nodiscard]] pcre2_real_code_8 *REG_CreateOxelKeyRe(const char *pattern);
+
+// Finds every match of `re` in the first `dataLen` bytes of `buf` with PCRE2 and overwrites its
+// captured groups with asterisks. Returns 0 when the search ran to the end of the text after at
+// least one match, else 1; what was masked before a failure stays masked. Failures of a later
+// search are reported on the standard output.
+int REG_RemarkInfo(pcre2_real_code_8 *re, char *buf, int dataLen);
+
+// Leaves in `text` what REG_RemarkInfo() leaves with pattern number `pattern` (0 to 20) of the
+// table, in time linear in the text. `newline` is the line end that the pattern was compiled with,
+// one of PCRE2_NEWLINE_*.
+void _conf_mask_values(std::span<char> text, std::size_t pattern, std::uint32_t newline);
+
+#endif

@@ -1,0 +1,229 @@
+// The blocking exchange with the daemon over the non-blocking socket: a request and its reply, a
+// reply alone, and the recorded error that the next reply carries.
+// Relies on frame.cpp for the bytes and on envelope.cpp for the documents.
+//
+// A wait goes through an epoll instance that lives for one exchange. Before the first wait the
+// message is written at once: a Unix socket reports no room while more than a quarter of its buffer
+// is unread, although a write would still succeed.
+#include "plugin_internal.h"
+#include "support/log.h"
+#include "wire.h"
+#include "xml.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <sys/epoll.h>
+
+char def_err_msg[] = "Service process failed.";
+
+namespace {
+
+constexpr u32_t failure_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
+constexpr u32_t request_events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+constexpr u32_t reply_events = EPOLLOUT | EPOLLRDHUP | EPOLLET;
+
+// The generation of the context whose event loop is running; 0 for none.
+unsigned g_loop_generation = 0;
+
+take amount_to_take()
+{
+    return g_loop_generation == context_generation() ? take::everything : take::one_message;
+}
+
+// Waits for one event, at most `limit` milliseconds since the last event or interruption. Returns
+// its bits; 0 means that the exchange has failed, with the cause logged.
+u32_t wait_for_event(const support::unique_fd &epoll, int limit)
+{
+    epoll_event event{};
+    int count;
+    do {
+        count = epoll_wait(epoll.get(), &event, 1, limit);
+    } while (count < 0 && errno == EINTR);
+    if (count <= 0) {
+        LOG_FILE_ERROR("Epoll wait failed(%s).", count == 0 ? "timeout" : std::strerror(errno));
+        return 0;
+    }
+    if ((event.events & failure_events) != 0) {
+        LOG_FILE_ERROR("An error epoll event occur(0x%x).", event.events);
+        return 0;
+    }
+    return event.events;
+}
+
+void note_received(u32_t msg_id, int result)
+{
+    LOG_FILE_INFO("Syn send rpc on recv evt msg_id:%u. ret:%u", msg_id, static_cast<u32_t>(result));
+}
+
+// Takes out every complete message until the one with the awaited id is found: no further event
+// may come for what has arrived already. Returns -1 when the stream is broken.
+int receive_reply(conf_plugin_data *plugin, u32_t msg_id, xmlNode **reply)
+{
+    const take amount = amount_to_take();
+    while (*reply == nullptr) {
+        bool_t ready = false;
+        if (_recv_message(plugin, &ready, amount) != 0) {
+            note_received(msg_id, -1);
+            return -1;
+        }
+        LOG_FILE_INFO("Syn send rpc on recv evt, ready is %u", static_cast<u32_t>(ready));
+        if (!ready) {
+            return 0;
+        }
+        wiped_node message(plugin_parse_message(&plugin->plugin_ctxt->recv_buf));
+        if (message && msg_id != 0 && plugin_get_msgid(message.get()) == msg_id) {
+            *reply = message.release();
+        }
+        note_received(msg_id, 0);
+    }
+    return 0;
+}
+
+// Sends what is left of the request and receives until the reply is there.
+int converse(conf_plugin_data *plugin, const support::unique_fd &epoll, u32_t msg_id,
+             xmlNode **reply)
+{
+    while (*reply == nullptr) {
+        const u32_t events = wait_for_event(epoll, wire::request_wait);
+        if (events == 0) {
+            return -1;
+        }
+        const int sent = (events & EPOLLOUT) != 0 ? _send_message(plugin) : 0;
+        LOG_FILE_INFO("Syn send rpc on send evt msg_id:%u, ret:%u", msg_id,
+                      static_cast<u32_t>(sent));
+        if (sent != 0) {
+            return -1;
+        }
+        if ((events & (EPOLLIN | EPOLLPRI)) == 0) {
+            note_received(msg_id, 0);
+        } else if (receive_reply(plugin, msg_id, reply) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// Waits for room until the queued reply has gone out whole.
+int write_out(conf_plugin_data *plugin, const support::unique_fd &epoll)
+{
+    while (conf_buffer_length(plugin->plugin_ctxt->send_buf) > 0) {
+        const u32_t events = wait_for_event(epoll, wire::reply_wait);
+        if (events == 0 || ((events & EPOLLOUT) != 0 && _send_message(plugin) != 0)) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+loop_scope::loop_scope() : outer_(g_loop_generation)
+{
+    g_loop_generation = context_generation();
+}
+
+loop_scope::~loop_scope()
+{
+    g_loop_generation = outer_;
+}
+
+support::unique_fd watch_socket(int sock, u32_t events)
+{
+    support::unique_fd epoll(epoll_create1(EPOLL_CLOEXEC));
+    if (!epoll) {
+        LOG_FILE_ERROR("Create epoll fd failed(%s).", std::strerror(errno));
+        return epoll;
+    }
+    epoll_event event{};
+    event.events = events;
+    event.data.fd = sock;
+    if (epoll_ctl(epoll.get(), EPOLL_CTL_ADD, sock, &event) != 0) {
+        LOG_FILE_ERROR("Add socket to epoll fd failed(%s).", std::strerror(errno));
+        epoll.reset();
+    }
+    return epoll;
+}
+
+int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
+{
+    *reply = nullptr;
+    if (_cache_message(plugin, rpc) != 0) {
+        return -1;
+    }
+    const u32_t msg_id = plugin->plugin_ctxt->rpc_id; // advances once the request is written
+    const support::unique_fd epoll = watch_socket(plugin->plugin_ctxt->sock, request_events);
+    if (epoll) {
+        (void)send_message_at_once(plugin); // what it leaves, the conversation sends or reports
+        if (converse(plugin, epoll, msg_id, reply) == 0) {
+            return 0;
+        }
+    }
+    drop_unsent(plugin);
+    drop_received(plugin);
+    return -1;
+}
+
+int _syn_send_reply(conf_plugin_data *plugin, xmlNode *reply)
+{
+    if (_cache_message(plugin, reply) != 0) {
+        return -1;
+    }
+    if (send_message_at_once(plugin)) {
+        return 0;
+    }
+    const support::unique_fd epoll = watch_socket(plugin->plugin_ctxt->sock, reply_events);
+    if (!epoll || write_out(plugin, epoll) != 0) {
+        drop_unsent(plugin);
+        return -1;
+    }
+    return 0;
+}
+
+int _plugin_single_rpc_send(conf_plugin_data *plugin, xmlNode *rpc)
+{
+    const char *name = plugin->plugin_ctxt->name;
+    xmlNode *received = nullptr;
+    if (_syn_send_rpc(plugin, rpc, &received) != 0) {
+        LOG_FILE_ERROR("Plugin %s send rpc to confd failed.", name);
+        return -1;
+    }
+    const wiped_node reply(received);
+    xmlNode *result = nullptr;
+    xmlNode *error = nullptr;
+    if (plugin_parse_reply(reply.get(), &result, &error) != 0) {
+        LOG_FILE_ERROR("Parse reply for plugin %s rpc failed.", name);
+        return -1;
+    }
+    if (error != nullptr) {
+        LOG_FILE_ERROR("Confd reply error(%s) for plugin %s rpc.", plugin_get_reply_errmsg(error),
+                       name);
+        return -1;
+    }
+    return 0;
+}
+
+void release_error_text(char *err_msg)
+{
+    if (err_msg != def_err_msg) {
+        free(err_msg);
+    }
+}
+
+void _plugin_set_error(conf_plugin_data *plugin, int err_code, const char *err_msg, ...)
+{
+    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    char *text = nullptr;
+    if (err_msg != nullptr) {
+        std::va_list arguments;
+        va_start(arguments, err_msg);
+        if (vasprintf(&text, err_msg, arguments) < 0) {
+            text = nullptr;
+        }
+        va_end(arguments);
+    }
+    release_error_text(ctxt->err_msg); // last: the arguments may point into it
+    ctxt->err_code = err_code;
+    ctxt->err_msg = text != nullptr ? text : def_err_msg;
+}

@@ -1,0 +1,237 @@
+// Framing: queues and writes messages with their 12-byte header, reads bytes until a message is
+// whole, finds the way back into a damaged stream, and cuts messages out.
+// Relies on the byte buffer and on xml.h. Never waits: that is the business of its callers.
+#include "conf_buffer_internal.h"
+#include "plugin_internal.h"
+#include "support/bounded.h"
+#include "support/log.h"
+#include "wire.h"
+#include "xml.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+msg_head_t read_head(const conf_buffer_t *buffer)
+{
+    msg_head_t head;
+    std::memcpy(&head, buffer->buf, sizeof head);
+    return head;
+}
+
+// Fits an int: both callers have seen that the whole message is in a buffer.
+int message_size(const msg_head_t &head)
+{
+    return wire::head_size + static_cast<int>(head.length);
+}
+
+bool is_sound(const msg_head_t &head)
+{
+    return head.magic == MSG_MAGIC && head.length <= wire::max_body;
+}
+
+bool is_whole(const conf_buffer_t *buffer)
+{
+    return buffer->used >= wire::head_size &&
+           std::int64_t{wire::head_size} + read_head(buffer).length <= buffer->used;
+}
+
+// ---- writing -----------------------------------------------------------------------------------
+
+// A peer that is gone gives EPIPE, never a signal that could end the host process.
+ssize_t write_bytes(int fd, const char *bytes, std::size_t count)
+{
+    const ssize_t sent = send(fd, bytes, count, MSG_NOSIGNAL);
+    return sent < 0 && errno == ENOTSOCK ? write(fd, bytes, count) : sent;
+}
+
+enum class written { whole, part, nothing, failed };
+
+written write_first_message(conf_plugin_context_t *ctxt)
+{
+    const int size = message_size(read_head(ctxt->send_buf));
+    const auto pending = static_cast<u32_t>(size) - ctxt->send_pos;
+    const ssize_t count = write_bytes(ctxt->sock, ctxt->send_buf->buf + ctxt->send_pos, pending);
+    if (count < 0) {
+        return errno == EAGAIN ? written::nothing : written::failed;
+    }
+
+    LOG_FILE_INFO("Send message to confd.");
+    if (static_cast<u32_t>(count) < pending) {
+        ctxt->send_pos += static_cast<u32_t>(count);
+        return written::part;
+    }
+    conf_buffer_consume(&ctxt->send_buf, size);
+    ctxt->send_pos = 0;
+    ctxt->rpc_id = ctxt->rpc_id == UINT16_MAX ? 1 : static_cast<u16_t>(ctxt->rpc_id + 1);
+    return written::whole;
+}
+
+// ---- reading -----------------------------------------------------------------------------------
+
+// Drops what cannot be a message: up to the next magic or, without one, all but the last bytes,
+// which may be the beginning of a header.
+void resynchronise(conf_buffer_t **buffer)
+{
+    while ((*buffer)->used > wire::head_size && !is_sound(read_head(*buffer))) {
+        const int last = (*buffer)->used - wire::head_size;
+        const u32_t magic = MSG_MAGIC;
+        int skip = 1;
+        while (skip < last && std::memcmp((*buffer)->buf + skip, &magic, sizeof magic) != 0) {
+            ++skip;
+        }
+        conf_buffer_consume(buffer, skip);
+    }
+}
+
+// How many bytes the next read may take.
+int read_room(const conf_buffer_t *buffer, take amount)
+{
+    if (amount == take::everything) {
+        return wire::read_size;
+    }
+    if (buffer->used < wire::head_size) {
+        return wire::head_size - buffer->used;
+    }
+    const msg_head_t head = read_head(buffer);
+    if (!is_sound(head)) {
+        return 1; // the next message may begin anywhere
+    }
+    return std::min(wire::read_size, message_size(head) - buffer->used);
+}
+
+enum class got { bytes, nothing, failed };
+
+got read_into(int fd, conf_buffer_t **buffer, int room)
+{
+    char bytes[wire::read_size];
+    const ssize_t count = read(fd, bytes, static_cast<std::size_t>(room));
+    if (count == 0 || (count < 0 && errno == EAGAIN)) {
+        return got::nothing;
+    }
+    if (count < 0) {
+        LOG_FILE_ERROR("Read message from confd failed(%s).", std::strerror(errno));
+        return got::failed;
+    }
+
+    LOG_FILE_INFO("Read message from confd(%d bytes).", static_cast<int>(count));
+    const int appended = conf_buffer_append(buffer, bytes, static_cast<int>(count));
+    support::wipe(bytes, static_cast<std::size_t>(count));
+    if (appended != 0) {
+        LOG_FILE_ERROR("Cache receive message failed.");
+        return got::failed;
+    }
+    return got::bytes;
+}
+
+} // namespace
+
+int _cache_message(conf_plugin_data *plugin, xmlNode *root)
+{
+    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    const node_text body(root);
+    if (body.result() == node_text::outcome::no_buffer) {
+        LOG_FILE_ERROR("Create xml buffer for cache rpc failed.");
+        return -1;
+    }
+    if (body.result() != node_text::outcome::made) {
+        LOG_FILE_ERROR("Dump rpc node failed.");
+        return -1;
+    }
+
+    const int length = static_cast<int>(body.text().size());
+    msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(length), static_cast<u16_t>(ctxt->rpc_id - 1),
+                       0};
+    const int queued = conf_buffer_length(ctxt->send_buf);
+    if (conf_buffer_append(&ctxt->send_buf, &head, wire::head_size) != 0) {
+        LOG_FILE_ERROR("Append rpc message header to buffer failed.");
+        return -1;
+    }
+    if (conf_buffer_append(&ctxt->send_buf, const_cast<char *>(body.text().data()), length) != 0) {
+        conf_buffer_remove(ctxt->send_buf, queued, wire::head_size);
+        LOG_FILE_ERROR("Append rpc message body to buffer failed.");
+        return -1;
+    }
+    return 0;
+}
+
+int _send_message(conf_plugin_data *plugin)
+{
+    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    if (conf_buffer_length(ctxt->send_buf) == 0) {
+        return 0;
+    }
+    if (write_first_message(ctxt) == written::failed) {
+        LOG_FILE_ERROR("Send message to confd failed(%s).", std::strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+bool send_message_at_once(conf_plugin_data *plugin)
+{
+    return write_first_message(plugin->plugin_ctxt) == written::whole;
+}
+
+int _recv_message(conf_plugin_data *plugin, bool_t *ready, take amount)
+{
+    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    *ready = false;
+    for (;;) {
+        resynchronise(&ctxt->recv_buf);
+        if (is_whole(ctxt->recv_buf)) {
+            *ready = true;
+            return 0;
+        }
+        switch (read_into(ctxt->sock, &ctxt->recv_buf, read_room(ctxt->recv_buf, amount))) {
+        case got::bytes:
+            break;
+        case got::nothing:
+            return 0;
+        case got::failed:
+            drop_received(plugin);
+            return -1;
+        }
+    }
+}
+
+void drop_unsent(conf_plugin_data *plugin)
+{
+    conf_buffer_clear(&plugin->plugin_ctxt->send_buf);
+    plugin->plugin_ctxt->send_pos = 0;
+}
+
+void drop_received(conf_plugin_data *plugin)
+{
+    conf_buffer_clear(&plugin->plugin_ctxt->recv_buf);
+}
+
+xmlNode *plugin_parse_message(conf_buffer_t **buf)
+{
+    if (buf == nullptr || *buf == nullptr || !is_whole(*buf)) {
+        return nullptr; // not what a caller may pass, but no reason to read beyond the data
+    }
+    const msg_head_t head = read_head(*buf);
+    const std::span<char> body((*buf)->buf + wire::head_size, head.length);
+
+    // The message leaves the buffer in any case, so its bytes can be changed where they stand.
+    std::replace_if(
+        body.begin(), body.end(), [](char byte) { return !is_valid_xmlchr(byte); }, ' ');
+    const parse_result parsed = parse_body(body);
+    if (parsed.root == nullptr) {
+        LOG_FILE_ERROR("%s", parsed.failed_copy ? "Copy node failed when parse plugin message."
+                                                : "Translate rpc message to xml dom tree failed.");
+    }
+    conf_buffer_consume(buf, message_size(head));
+    return parsed.root;
+}
+
+bool_t is_valid_xmlchr(const char p)
+{
+    const auto byte = static_cast<unsigned char>(p);
+    return byte >= 32 || byte == '\t' || byte == '\n' || byte == '\r';
+}

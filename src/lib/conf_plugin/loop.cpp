@@ -1,0 +1,350 @@
+// The event loop: takes one request of the daemon after the other from the socket, turns each into
+// one call of a callback, and answers it.
+//
+// A callback may do anything to the plugin: deactivate it, close it, close it and register again,
+// or fork. So after every callback the context is looked up again, and when it is no longer the one
+// that the request came for, the request is dropped and the loop returns without touching it.
+//
+// Relies on frame.cpp and envelope.cpp for requests, on reply.cpp for the answers.
+#include "conf_misc.h"
+#include "plugin_internal.h"
+#include "reply.h"
+#include "support/decimal.h"
+#include "support/log.h"
+
+#include <cstring>
+#include <utility>
+
+int g_rdb_recovery_status = 0;
+
+namespace {
+
+constexpr int no_session = -1;
+constexpr int no_callback = -1;
+
+// Reads a number when the element has text; else the default stays.
+void read_number(xmlNode *node, int *number)
+{
+    if (const char *text = conf_get_node_content(node)) {
+        *number = support::decimal_int(text);
+    }
+}
+
+// ---- callbacks ---------------------------------------------------------------------------------
+
+// The callback of an announced index; null for every other number. Slot 0, the kick-off, was never
+// announced.
+econf_subpub_cb_t announced_callback(const conf_plugin_context_t *ctxt, int index)
+{
+    const bool announced = index > 0 && static_cast<u32_t>(index) < ctxt->cbs_nums;
+    return announced ? ctxt->cbs[index] : nullptr;
+}
+
+// The same, recording what is wrong.
+econf_subpub_cb_t find_callback(const request &request, int index)
+{
+    const conf_plugin_context_t *ctxt = request.plugin->plugin_ctxt;
+    const econf_subpub_cb_t callback = announced_callback(ctxt, index);
+    if (callback == nullptr) {
+        const bool in_table = index >= 0 && static_cast<u32_t>(index) < ctxt->cbs_nums;
+        _plugin_set_error(request.plugin, -1, "%s",
+                          in_table ? "Cann't find the callback function."
+                                   : "Callback index is invalid.");
+    }
+    return callback;
+}
+
+template <typename signature, typename... arguments>
+int call(econf_subpub_cb_t callback, arguments... given)
+{
+    return function_cast<signature>(callback)(given...);
+}
+
+using kick_off_cb = void (*)();
+
+// A refusal that the callback has not described itself gets the default text.
+void record_refusal(conf_plugin_data *plugin, int result)
+{
+    if (plugin->plugin_ctxt->err_msg == nullptr) {
+        _plugin_set_error(plugin, result, nullptr);
+    }
+}
+
+// ---- configuration -----------------------------------------------------------------------------
+
+struct config_change {
+    int oper = 0;
+    int more = 0;
+    int priority = 0;
+    char *path = nullptr; // inside the request
+};
+
+config_change read_change(xmlNode *info)
+{
+    config_change change;
+    for (xmlNode *child = info->children; child != nullptr; child = child->next) {
+        if (is_element(child, "oper-type")) {
+            read_number(child, &change.oper);
+        } else if (is_element(child, "more-flag")) {
+            read_number(child, &change.more);
+        } else if (is_element(child, "priority")) {
+            read_number(child, &change.priority);
+        } else if (is_element(child, "path")) {
+            change.path = const_cast<char *>(conf_get_node_content(child));
+        }
+    }
+    (void)datastore_path_rm_quotes(change.path);
+    return change;
+}
+
+int call_config(econf_subpub_cb_t callback, int version, int session_id,
+                const config_change &change)
+{
+    if (version == 1) {
+        return call<conf_config_cb_t>(callback, change.oper, change.more, change.priority,
+                                      change.path);
+    }
+    const long long begin = conf_get_unix_time();
+    const int result = call<econf_config_cb_t>(callback, session_id, change.oper, change.more,
+                                               change.priority, change.path);
+    const float microseconds = static_cast<float>(conf_get_unix_time() - begin);
+    LOG_FILE_DEBUG("Service publish result: %d for path:%s oper:%d priority:%d time "
+                   "consumed:%.3f seconds",
+                   result, change.path, change.oper, change.priority,
+                   static_cast<double>(microseconds / 1000000.0F));
+    if (result != 0 && (change.oper & CONFIG_OP_CFGR) != 0) {
+        ++g_rdb_recovery_status;
+    }
+    return result;
+}
+
+void _publish_config_proc(const request &request, int session_id, int index, xmlNode *info)
+{
+    conf_plugin_data *plugin = request.plugin;
+    const config_change change = read_change(info);
+    const econf_subpub_cb_t callback = announced_callback(plugin->plugin_ctxt, index);
+    if (callback == nullptr) {
+        LOG_FILE_DEBUG("Cann't find the callback for path:%s oper:%d priority:%d", change.path,
+                       change.oper, change.priority);
+        _plugin_set_error(plugin, -1, "Cann't find the callback function.");
+    } else {
+        const context_guard guard(plugin->plugin_ctxt);
+        const int result = call_config(callback, plugin->plugin_ctxt->version, session_id, change);
+        if (guard.is_gone()) {
+            return;
+        }
+        if (result == 0) {
+            plugin->plugin_ctxt->err_code = 0;
+        } else {
+            record_refusal(plugin, result);
+        }
+    }
+    reply_as_recorded(request);
+}
+
+// ---- operations --------------------------------------------------------------------------------
+
+void _publish_operate_proc(const request &request, int session_id, int index, xmlNode *info)
+{
+    conf_plugin_data *plugin = request.plugin;
+    if (const econf_subpub_cb_t callback = find_callback(request, index)) {
+        callback_nodes output;
+        const context_guard guard(plugin->plugin_ctxt);
+        const int result =
+            plugin->plugin_ctxt->version == 1
+                ? call<conf_operate_cb_t>(callback, info->children, &output.first)
+                : call<econf_operate_cb_t>(callback, session_id, info->children, &output.first);
+        if (guard.is_gone() || (result == 0 && reply_with_output(request, output))) {
+            return;
+        }
+        if (result != 0) {
+            record_refusal(plugin, result);
+        }
+    }
+    if (_plugin_single_reply_send(plugin, request.id) != 0) {
+        LOG_FILE_ERROR("Plugin %s send error-reply failed.", plugin->plugin_ctxt->name);
+    }
+}
+
+// ---- methods -----------------------------------------------------------------------------------
+
+struct publish_args {
+    const char *type = nullptr;
+    int session_id = no_session;
+    int index = no_callback;
+    xmlNode *info = nullptr;
+};
+
+publish_args read_publish(xmlNode *params)
+{
+    publish_args args;
+    for (xmlNode *child = params->children; child != nullptr; child = child->next) {
+        if (is_element(child, "type")) {
+            args.type = conf_get_node_content(child);
+        } else if (is_element(child, "session-id")) {
+            read_number(child, &args.session_id);
+        } else if (is_element(child, "callback")) {
+            read_number(child, &args.index);
+        } else if (is_element(child, "info")) {
+            args.info = child;
+        }
+    }
+    return args;
+}
+
+void _method_publish_proc(const request &request)
+{
+    const publish_args args = read_publish(request.params);
+    if (args.info == nullptr || args.type == nullptr) {
+        _plugin_set_error(request.plugin, -1, "Error publish rpc message.");
+        reply_as_recorded(request);
+    } else if (std::strcmp(args.type, "config") == 0) {
+        _publish_config_proc(request, args.session_id, args.index, args.info);
+    } else if (std::strcmp(args.type, "operate") == 0) {
+        _publish_operate_proc(request, args.session_id, args.index, args.info);
+    } else {
+        _plugin_set_error(request.plugin, -1, "Unknown publish type.");
+        reply_as_recorded(request);
+    }
+}
+
+struct subscribe_args {
+    const char *path = nullptr;
+    const char *filter = nullptr;
+    int session_id = no_session;
+    int index = no_callback;
+};
+
+subscribe_args _method_subscribe_parse_args(xmlNode *params)
+{
+    subscribe_args args;
+    for (xmlNode *child = params->children; child != nullptr; child = child->next) {
+        if (is_element(child, "path")) {
+            args.path = conf_get_node_content(child);
+        } else if (is_element(child, "session-id")) {
+            read_number(child, &args.session_id);
+        } else if (is_element(child, "filter")) {
+            args.filter = conf_get_node_content(child);
+        } else if (is_element(child, "callback")) {
+            read_number(child, &args.index);
+        }
+    }
+    return args;
+}
+
+void _method_subscribe_proc(const request &request)
+{
+    conf_plugin_data *plugin = request.plugin;
+    const subscribe_args args = _method_subscribe_parse_args(request.params);
+    if (const econf_subpub_cb_t callback = find_callback(request, args.index)) {
+        callback_nodes status;
+        const context_guard guard(plugin->plugin_ctxt);
+        const int result =
+            plugin->plugin_ctxt->version == 1
+                ? call<conf_status_cb_t>(callback, const_cast<char *>(args.path),
+                                         const_cast<char *>(args.filter), &status.first)
+                : call<econf_status_cb_t>(callback, args.session_id, args.path, args.filter,
+                                          &status.first);
+        if (guard.is_gone() || (result == 0 && reply_with_status(request, args.path, status))) {
+            return;
+        }
+        if (result != 0) {
+            record_refusal(plugin, result);
+        }
+    }
+    reply_as_recorded(request);
+}
+
+void _method_kickoff_proc(const request &request)
+{
+    conf_plugin_context_t *ctxt = request.plugin->plugin_ctxt;
+    LOG_FILE_INFO("Plugin %s kickoff now.", ctxt->name);
+    if (ctxt->cbs[0] != nullptr) {
+        const context_guard guard(ctxt);
+        function_cast<kick_off_cb>(ctxt->cbs[0])();
+        if (guard.is_gone()) {
+            return;
+        }
+    }
+    ctxt->err_code = 0;
+    if (ctxt->err_msg != nullptr && ctxt->err_msg != def_err_msg) {
+        LOG_FILE_WARN("Plugin kickoff have error %s now.", ctxt->err_msg);
+        release_error_text(std::exchange(ctxt->err_msg, nullptr));
+    }
+    reply_as_recorded(request);
+}
+
+void _method_default_proc(const request &request)
+{
+    LOG_FILE_WARN("Receive an unknown rpc method %s.", request.method);
+    if (request.id == 0) {
+        return;
+    }
+    _plugin_set_error(request.plugin, -1, "Method <%s> doesn't be supported", request.method);
+    if (_plugin_single_reply_send(request.plugin, request.id) != 0) {
+        LOG_FILE_ERROR("Plugin %s send reply for %s rpc failed.", request.plugin->plugin_ctxt->name,
+                       request.method);
+    }
+}
+
+struct method {
+    const char *name;
+    void (*proc)(const request &);
+};
+
+constexpr method methods[] = {
+    {"publish", _method_publish_proc},
+    {"subscribe", _method_subscribe_proc},
+    {"kickoff", _method_kickoff_proc},
+};
+
+void dispatch(const request &request)
+{
+    for (const method &method : methods) {
+        if (std::strcmp(request.method, method.name) == 0) {
+            method.proc(request);
+            return;
+        }
+    }
+    _method_default_proc(request);
+}
+
+// Handles the first message of the receive buffer.
+void handle_message(conf_plugin_data *plugin)
+{
+    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    const wiped_node rpc(plugin_parse_message(&ctxt->recv_buf));
+    if (!rpc) {
+        LOG_FILE_DEBUG("Plugin %s parse message failed.", ctxt->name);
+        return;
+    }
+    request request = {plugin, nullptr, nullptr, plugin_get_msgid(rpc.get())};
+    if (plugin_parse_rpc(rpc.get(), &request.method, &request.params) != 0) {
+        LOG_FILE_DEBUG("Plugin %s parse rpc failed.", ctxt->name);
+        return;
+    }
+    dispatch(request);
+}
+
+} // namespace
+
+void econf_plugin_run(void)
+{
+    conf_plugin_data *plugin = get_plugin_from_hash();
+    if (!is_active(plugin)) {
+        LOG_FILE_ERROR("Plugin context is not ready or not be activated.");
+        return;
+    }
+    const loop_scope scope;
+    const context_guard guard(plugin->plugin_ctxt);
+    for (;;) {
+        bool_t ready = false;
+        if (_recv_message(plugin, &ready) != 0 || !ready) {
+            return;
+        }
+        handle_message(plugin);
+        if (guard.is_gone()) {
+            return;
+        }
+    }
+}

@@ -1,0 +1,138 @@
+// Notifications: one datagram to the daemon's notifier socket for each call. Needs no plugin, and
+// keeps nothing from one call to the next.
+#include "plugin_internal.h"
+#include "support/log.h"
+#include "support/owners.h"
+#include "xml.h"
+
+#include <cerrno>
+#include <cstring>
+#include <span>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int retries = 4;             // after the first attempt
+constexpr unsigned retry_interval = 5; // seconds
+
+support::unique_fd open_notifier()
+{
+    return support::unique_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
+ssize_t send_to_notifier(const support::unique_fd &sock, std::span<const char> payload, int flags)
+{
+    const sockaddr_un address = socket_address(g_conf_notifier_socket);
+    return sendto(sock.get(), payload.data(), payload.size(), flags,
+                  reinterpret_cast<const sockaddr *>(&address), sizeof address);
+}
+
+// A text goes out with its terminating zero byte.
+std::span<const char> payload_of(const char *text)
+{
+    return {text, std::strlen(text) + 1};
+}
+
+bool is_whole(ssize_t sent, std::span<const char> payload)
+{
+    return sent >= 0 && static_cast<std::size_t>(sent) == payload.size();
+}
+
+} // namespace
+
+int econf_notify(const char *name, xmlNode *data)
+{
+    if (name == nullptr || data == nullptr) {
+        LOG_FILE_ERROR("Error input parameter(name=%p, node=%p).", static_cast<const void *>(name),
+                       static_cast<void *>(data));
+        return -1;
+    }
+    const node_text text(data);
+    switch (text.result()) {
+    case node_text::outcome::no_buffer:
+        LOG_FILE_ERROR("Create xml buffer for cache rpc failed.");
+        return -1;
+    case node_text::outcome::not_dumped:
+        LOG_FILE_ERROR("Dump data node failed.");
+        return -1;
+    case node_text::outcome::no_content:
+        LOG_FILE_ERROR("get content from xmlbuf fail.");
+        return -1;
+    case node_text::outcome::made:
+        break;
+    }
+
+    const support::unique_fd sock = open_notifier();
+    if (!sock) {
+        LOG_FILE_ERROR("Create notification socket failed(%s).", std::strerror(errno));
+        return -1;
+    }
+    if (!is_whole(send_to_notifier(sock, text.text(), 0), text.text())) {
+        LOG_FILE_ERROR("Send notification %s failed failed(%s).", name, std::strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int conf_notify(char *name, char *data)
+{
+    if (name == nullptr || data == nullptr) {
+        LOG_FILE_ERROR("Error input parameter(list=%p, node=%p).", static_cast<void *>(name),
+                       static_cast<void *>(data));
+        return -1;
+    }
+    const support::unique_fd sock = open_notifier();
+    if (!sock) {
+        LOG_FILE_ERROR("Create notifier socket failed(%s).", std::strerror(errno));
+        return -1;
+    }
+    const ssize_t sent = send_to_notifier(sock, payload_of(data), 0);
+    const int cause = errno;
+    LOG_FILE_INFO("Sent notification to confd, length is %d", static_cast<int>(sent));
+    if (!is_whole(sent, payload_of(data))) {
+        LOG_FILE_ERROR("Send notification %s failed failed(%s).", name, std::strerror(cause));
+        return -1;
+    }
+    return 0;
+}
+
+int conf_notify_nonblock(char *name, char *data)
+{
+    if (name == nullptr || data == nullptr) {
+        LOG_SYSTEM_ERROR("Error input parameter(list=%p, node=%p).", static_cast<void *>(name),
+                         static_cast<void *>(data));
+        return -1;
+    }
+    const support::unique_fd sock = open_notifier();
+    if (!sock) {
+        LOG_SYSTEM_ERROR("Create notifier socket failed(%s).", std::strerror(errno));
+        return -1;
+    }
+
+    int tryTime = retries;
+    ssize_t sent = -1;
+    int cause = 0; // kept, since sleeping, logging and closing all may change errno
+    while (tryTime >= 0) {
+        sent = send_to_notifier(sock, payload_of(data), MSG_DONTWAIT);
+        cause = errno;
+        if (sent >= 0 || (cause != EAGAIN && cause != EINTR)) {
+            break;
+        }
+        --tryTime;
+        (void)sleep(retry_interval);
+    }
+    LOG_SYSTEM_INFO("Sent notification to confd with non block mode, length is %d tryTime=%d",
+                    static_cast<int>(sent), tryTime);
+    if (is_whole(sent, payload_of(data))) {
+        return 0;
+    }
+    if (cause == EAGAIN) {
+        LOG_SYSTEM_WARN("[TOO MUCH]Send notification %s failed failed(%s) %d.", name,
+                        std::strerror(cause), cause);
+        return 0;
+    }
+    LOG_SYSTEM_ERROR("Send notification %s failed failed(%s) %d.", name, std::strerror(cause),
+                     cause);
+    return -1;
+}

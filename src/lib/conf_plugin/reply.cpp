@@ -1,0 +1,203 @@
+// See reply.h.
+#include "reply.h"
+
+#include "support/log.h"
+
+#include <utility>
+
+namespace {
+
+void record_failure(const request &request, const char *text)
+{
+    _plugin_set_error(request.plugin, -1, "%s", text);
+}
+
+// The "error" or "result" element that the error fields describe; null with the cause logged.
+wiped_node build_recorded(int code, const char *text)
+{
+    if (code == 0) {
+        wiped_node result(new_element("result"));
+        if (!result) {
+            LOG_FILE_ERROR("Create <result> node failed.");
+        }
+        return result;
+    }
+    wiped_node error(new_element("error"));
+    if (!error) {
+        LOG_FILE_ERROR("Create <error> node failed.");
+    } else if (add_number(error.get(), "code", code) == nullptr) {
+        LOG_FILE_ERROR("Create <code> node failed.");
+        error.reset();
+    } else if (add_text(error.get(), "message", text) == nullptr) {
+        LOG_FILE_ERROR("Create <message> node failed.");
+        error.reset();
+    }
+    return error;
+}
+
+int send_recorded(conf_plugin_data *plugin, u32_t msgid, int code, const char *text)
+{
+    wiped_node outcome = build_recorded(code, text);
+    if (!outcome) {
+        return -1;
+    }
+    const wiped_node reply(plugin_build_reply_message(outcome.release(), msgid));
+    if (!reply) {
+        LOG_FILE_ERROR("Build reply message failed.");
+        return -1;
+    }
+    const int sent = _syn_send_reply(plugin, reply.get());
+    if (sent != 0) {
+        LOG_FILE_ERROR("Send reply message to confd failed.");
+    }
+    return sent;
+}
+
+// Hands what a callback produced over to `parent`. A list that belongs to a tree of somebody else
+// is copied, as is what the wrapper of the older interface holds.
+bool take_over(const request &request, xmlNode *parent, callback_nodes &output)
+{
+    const bool is_wrapped = request.plugin->plugin_ctxt->version == 1;
+    if (is_wrapped || output.are_shared()) {
+        xmlNode *source = is_wrapped ? output.first->children : output.first;
+        node_list copy(copy_list(source));
+        if (source != nullptr && !copy) {
+            record_failure(request, "Copy <data> xml node failed.");
+            return false;
+        }
+        if (copy && !add_children(parent, copy.get())) {
+            record_failure(request, "Add <data> as children failed.");
+            return false;
+        }
+        (void)copy.release();
+        return true;
+    }
+    if (!add_children(parent, output.first)) {
+        record_failure(request, "add <output> xml node failed.");
+        return false;
+    }
+    output.first = nullptr;
+    return true;
+}
+
+wiped_node build_output(const request &request, callback_nodes &output)
+{
+    wiped_node result(new_element("result"));
+    if (!result) {
+        record_failure(request, "New <result> xml node failed.");
+        return nullptr;
+    }
+    if (output.first == nullptr) {
+        if (add_element(result.get(), "ok") == nullptr) {
+            record_failure(request, "New <ok> xml node failed.");
+            return nullptr;
+        }
+    } else if (!take_over(request, result.get(), output)) {
+        return nullptr;
+    }
+    return result;
+}
+
+// Hangs the status below `data`. A status node that belongs to a tree of the plugin's is copied.
+bool add_status(xmlNode *data, callback_nodes &status)
+{
+    if (status.are_shared()) {
+        node_ptr copy(copy_node(status.first));
+        if (!copy || !add_children(data, copy.get())) {
+            return false;
+        }
+        (void)copy.release();
+        return true;
+    }
+    if (status.first != nullptr && !add_children(data, status.first)) {
+        return false;
+    }
+    status.first = nullptr;
+    return true;
+}
+
+wiped_node build_status(const request &request, const char *path, callback_nodes &status)
+{
+    wiped_node result(new_element("result"));
+    if (!result) {
+        record_failure(request, "New <result> xml node failed.");
+        return nullptr;
+    }
+    if (request.plugin->plugin_ctxt->version != 1 &&
+        add_text(result.get(), "path", path) == nullptr) {
+        record_failure(request, "New <path> xml node failed.");
+        return nullptr;
+    }
+    xmlNode *data = add_element(result.get(), "data");
+    if (data == nullptr) {
+        record_failure(request, "New <data> xml node failed.");
+        return nullptr;
+    }
+    if (!add_status(data, status)) {
+        record_failure(request, "Add status as a child failed.");
+        return nullptr;
+    }
+    return result;
+}
+
+// Drops an error that a callback recorded although it then succeeded, lest a later reply carries
+// it.
+void clear_recorded(conf_plugin_context_t *ctxt)
+{
+    ctxt->err_code = 0;
+    release_error_text(std::exchange(ctxt->err_msg, nullptr));
+}
+
+bool reply_with(const request &request, wiped_node result)
+{
+    if (!result) {
+        return false;
+    }
+    const wiped_node reply(plugin_build_reply_message(result.release(), request.id));
+    if (!reply) {
+        record_failure(request, "Build reply message failed.");
+        return false;
+    }
+    if (_syn_send_reply(request.plugin, reply.get()) != 0) {
+        LOG_FILE_ERROR("Send reply message to confd failed.");
+    }
+    clear_recorded(request.plugin->plugin_ctxt);
+    return true;
+}
+
+} // namespace
+
+callback_nodes::~callback_nodes()
+{
+    if (!are_attached()) {
+        wipe_and_free_list(first);
+    }
+}
+
+int _plugin_single_reply_send(conf_plugin_data *plugin, u32_t msgid)
+{
+    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    const int code = std::exchange(ctxt->err_code, 0);
+    char *text = std::exchange(ctxt->err_msg, nullptr);
+    const int sent = msgid == 0 ? -1 : send_recorded(plugin, msgid, code, text);
+    release_error_text(text);
+    return sent;
+}
+
+void reply_as_recorded(const request &request)
+{
+    if (_plugin_single_reply_send(request.plugin, request.id) != 0) {
+        LOG_FILE_ERROR("Plugin %s send reply for publish rpc failed.",
+                       request.plugin->plugin_ctxt->name);
+    }
+}
+
+bool reply_with_output(const request &request, callback_nodes &output)
+{
+    return reply_with(request, build_output(request, output));
+}
+
+bool reply_with_status(const request &request, const char *path, callback_nodes &status)
+{
+    return reply_with(request, build_status(request, path, status));
+}

@@ -1,0 +1,42 @@
+// What the stream protocol fixes: names, limits and waits, each with its reason. The header layout
+// itself is public (conf_def.h).
+#ifndef CONF_PLUGIN_WIRE_H
+#define CONF_PLUGIN_WIRE_H
+
+#include "conf_def.h"
+
+#include <cstddef>
+
+namespace wire {
+
+inline constexpr int head_size = static_cast<int>(sizeof(msg_head_t));
+static_assert(offsetof(msg_head_t, magic) == 0 && offsetof(msg_head_t, length) == 4 &&
+                  offsetof(msg_head_t, seq) == 8 && offsetof(msg_head_t, format) == 10,
+              "readers and writers of other programs rely on these offsets");
+
+// The largest body that a reader waits for. The whole configuration of a device takes a few
+// megabytes; a field beyond this is damage, and believing it would let a broken peer fill the
+// memory of the process.
+inline constexpr u32_t max_body = 64U * 1024 * 1024;
+
+// One read takes at most this much: small enough for the stack of any thread, and most messages
+// of the daemon fit.
+inline constexpr int read_size = 1024;
+
+// Room that the buffers of a new plugin are created with: one page.
+inline constexpr int buffer_room = 1000;
+
+// How long one wait may last without any event, in milliseconds. Requests may make the daemon work;
+// a reply only has to find room in the socket.
+inline constexpr int request_wait = 300000;
+inline constexpr int reply_wait = 15000;
+
+// Connections that may wait for the daemon to accept them.
+inline constexpr int service_backlog = 8;
+
+// The profile names one directory; a larger file is not one.
+inline constexpr long max_profile = 1024L * 1024;
+
+} // namespace wire
+
+#endif

@@ -1,0 +1,138 @@
+/*
+ * A program in C that sees the headers and the shared library only, as a user's program does: it
+ * links, and a call from each area gives the right result. No daemon is needed and no socket made.
+ */
+#include "conf_api.h"
+#include "conf_buffer.h"
+#include "conf_dlq.h"
+#include "conf_hash.h"
+#include "conf_misc.h"
+#include "conf_plugin.h"
+#include "conf_vec.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+static int failures = 0;
+
+#define CHECK(condition)                                                                           \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            fprintf(stderr, "line %d: not so: %s\n", __LINE__, #condition);                        \
+            failures++;                                                                            \
+        }                                                                                          \
+    } while (0)
+
+static void use_buffer(void)
+{
+    char text[] = "hello";
+    conf_buffer_t *buffer = conf_buffer_create(0);
+    CHECK(buffer != NULL && conf_buffer_append(&buffer, text, 5) == 0);
+    CHECK(buffer != NULL && strcmp(buffer->buf, text) == 0 && buffer->used == 5);
+    conf_buffer_destroy(buffer);
+}
+
+struct record {
+    conf_dlq_node_t link;
+    int number;
+};
+
+static void use_list(void)
+{
+    conf_dlq_list_t list;
+    struct record first = {{NULL, NULL, NULL}, 1};
+    struct record second = {{NULL, NULL, NULL}, 2};
+    conf_dlq_init(&list);
+    CHECK(conf_dlq_append(&list, &second.link) == 0);
+    CHECK(conf_dlq_insert(&list, &second.link, &first.link) == 0);
+    CHECK(list.num == 2 && ((struct record *)conf_dlq_head(&list))->number == 1);
+}
+
+static void use_hash(void)
+{
+    char key[] = "key";
+    conf_hash_tbl_t *table = conf_hash_create(7);
+    CHECK(table != NULL && conf_hash_add(table, key, key, sizeof key) == 0);
+    CHECK(table != NULL && strcmp((char *)conf_hash_get(table, key), key) == 0);
+    conf_hash_del(table, key);
+    conf_hash_destroy(table);
+}
+
+static void use_vector(void)
+{
+    char element[] = "element";
+    conf_vec_t *vector = conf_vector_create(1);
+    CHECK(vector != NULL && conf_vector_add(&vector, element) == 0);
+    CHECK(vector != NULL && conf_vector_get(vector, 0) == element);
+    conf_vector_destroy(vector, NULL);
+}
+
+/* Other programs read these words out of shared memory. */
+static void use_client_record(void)
+{
+    conf_cli_info_t record;
+    u32_t words[6];
+    memset(&record, 0, sizeof record);
+    record.sshd_pid = -2;
+    record.valid = 1;
+    record.cli_port = 0x8001;
+    record.addr_buf[3] = 7;
+    memcpy(words, &record, sizeof words);
+    CHECK(words[0] == 0xfffffffeU && words[1] == 0x00020005U && words[5] == 7);
+    record.valid = 0;
+    record.ipv6 = 1;
+    record.cli_port = 0;
+    memcpy(words, &record, sizeof words);
+    CHECK(words[1] == 2);
+}
+
+static void use_helpers(void)
+{
+    char digits[8];
+    char *stripped = conf_strip(" text\n");
+    CHECK(stripped != NULL && strcmp(stripped, "text") == 0);
+    CHECK(strcmp(conf_itoa(-42L, digits, sizeof digits), "-42") == 0);
+    free(stripped);
+}
+
+static void use_messages(void)
+{
+    const char *method = NULL;
+    xmlNode *params = NULL;
+    xmlNode *rpc = plugin_build_rpc_message("ping", xmlNewNode(NULL, BAD_CAST "params"), 7);
+    CHECK(plugin_parse_rpc(rpc, &method, &params) == 0 && strcmp(method, "ping") == 0);
+    CHECK(plugin_get_msgid(rpc) == 7);
+    xmlFreeNode(rpc);
+}
+
+static void use_masking(void)
+{
+    char text[] = "<password>abc</password>";
+    REG_RemarkKeyInfo(text, (int)sizeof text - 1);
+    CHECK(strstr(text, "abc") == NULL);
+}
+
+static void use_plugin(void)
+{
+    CHECK(get_plugin_context() == NULL);
+    CHECK(econf_plugin_init(NULL, NULL) == -1);
+    CHECK(econf_plugin_activate(ACTIVATE_WITH_NONE) == -1);
+    econf_plugin_run();
+    econf_plugin_close();
+    CHECK(g_rdb_recovery_status == 0 && g_log_enable == 0);
+}
+
+int main(void)
+{
+    use_buffer();
+    use_list();
+    use_hash();
+    use_vector();
+    use_client_record();
+    use_helpers();
+    use_messages();
+    use_masking();
+    use_plugin();
+    return failures != 0;
+}

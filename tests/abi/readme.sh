@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Does what README.md tells a newcomer to do: compiles its plugin with its command, runs its session,
+# and compiles the plugin once more against an installed tree.
+# usage: readme.sh SOURCE_DIR BUILD_DIR
+set -euo pipefail
+source_dir=$1
+build_dir=$2
+
+work_dir=$(mktemp -d)
+trap 'rm -rf "$work_dir"' EXIT
+cd "$work_dir"
+mkdir build
+ln -s "$build_dir" build/release
+ln -s "$source_dir/include" include
+
+# block LANGUAGE NUMBER: a fenced block of the README.
+block()
+{
+    awk -v wanted="$1" -v number="$2" '
+        $0 == "```" {inside = 0}
+        inside {print}
+        $0 == "```" wanted && ++count == number {inside = 1}' "$source_dir/README.md"
+}
+
+block c 1 >hello.c
+# The session, with what a newcomer is told to see in it.
+block text 1 | awk '
+    $0 == "commit" && ++commits == 2 {print "fail commit\nexpect A greeting is needed."; next}
+    {print}
+    $0 == "commit" {print "expect committed"}
+    $0 == "show" {print "expect <greeting>Hi</greeting>"}' >session
+[[ $(grep -c '^expect' session) == 3 ]]
+
+block sh 2 | sed 's/confsim run --/confsim run --script session --/' >commands
+grep -q 'run --script' commands
+sh -eux commands
+
+cmake --install "$build_dir" --prefix "$PWD/usr" >/dev/null
+PKG_CONFIG_PATH=$(dirname "$(find usr -name libconfsvc.pc)")
+export PKG_CONFIG_PATH
+command=$(grep -o 'cc hello\.c [^`]*' "$source_dir/README.md")
+sh -eux -c "${command/hello.c -o hello/hello.c -o installed}"
+[[ -x installed ]]
+usr/bin/confsim --help | grep -q -- --script

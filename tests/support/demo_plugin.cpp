@@ -1,0 +1,198 @@
+// See demo_plugin.h.
+#include "demo_plugin.h"
+
+namespace test {
+
+behaviour act;
+std::string called;
+
+namespace {
+std::string text_of(const char *text)
+{
+    return text == nullptr ? "null" : text;
+}
+
+int called_back(const std::string &call, xmlNode *input = nullptr, xmlNode **output = nullptr)
+{
+    called += call;
+    if (output != nullptr && act.produce) {
+        *output = act.produce(input);
+    }
+    if (const std::function<void()> inside = act.inside) { // which may change `act`
+        inside();
+    }
+    return act.result;
+}
+
+std::string numbers(std::initializer_list<int> values)
+{
+    std::string text;
+    for (const int value : values) {
+        text += std::to_string(value) + ' ';
+    }
+    return text;
+}
+
+int on_config(int session, int oper, int more, int priority, const char *path)
+{
+    return called_back("config " + numbers({session, oper, more, priority}) + text_of(path));
+}
+
+int on_status(int session, const char *path, const char *filter, xmlNode **status)
+{
+    return called_back("status " + numbers({session}) + text_of(path) + ' ' + text_of(filter),
+                       nullptr, status);
+}
+
+int on_operate(int session, xmlNode *input, xmlNode **output)
+{
+    return called_back("operate " + numbers({session}) + list_of(input), input, output);
+}
+
+void on_kick_off()
+{
+    called_back("kick-off");
+}
+
+char reset[] = "reset";
+char none[] = "none";
+econf_config_cb_info_t configs[] = {{"/demo/settings", 10, on_config}, {nullptr, 0, nullptr}};
+econf_status_cb_info_t states[] = {{"/demo/state", on_status}, {nullptr, nullptr}};
+econf_operate_cb_info_t operations[] = {{reset, on_operate}, {none, nullptr}, {nullptr, nullptr}};
+
+} // namespace
+
+behaviour returns(int result)
+{
+    return {result, {}, {}};
+}
+
+behaviour records(int result, int code, const char *text)
+{
+    return {result, [=] { econf_plugin_error(code, text); }, {}};
+}
+
+behaviour gives(std::function<xmlNode *(xmlNode *input)> produce)
+{
+    return {0, {}, std::move(produce)};
+}
+
+std::function<xmlNode *(xmlNode *)> element(const std::string &text)
+{
+    return [=](xmlNode * /*input*/) { return parse(text); };
+}
+
+std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text)
+{
+    return [=](xmlNode * /*input*/) {
+        xmlNode *wrapper = parse(text);
+        xmlNode *list = wrapper->children;
+        for (xmlNode *node = list; node != nullptr; node = node->next) {
+            node->parent = nullptr;
+        }
+        wrapper->children = nullptr;
+        wrapper->last = nullptr;
+        xmlFreeNode(wrapper);
+        return list;
+    };
+}
+
+std::string list_of(const xmlNode *node)
+{
+    std::string text;
+    for (; node != nullptr; node = node->next) {
+        text += print(const_cast<xmlNode *>(node));
+    }
+    return text;
+}
+
+int old_config(int oper, int more, int priority, const char *path)
+{
+    return called_back("config " + numbers({oper, more, priority}) + text_of(path));
+}
+
+int old_status(const char *path, const char *filter, xmlNode **status)
+{
+    return called_back("status " + text_of(path) + ' ' + text_of(filter), nullptr, status);
+}
+
+int old_operate(xmlNode *input, xmlNode **output)
+{
+    return called_back("operate " + list_of(input), input, output);
+}
+
+std::string publish(const std::string &type, const std::string &info, const std::string &index)
+{
+    return rpc("publish",
+               "<params><type>" + type + "</type><session-id>3</session-id>" + index + "<info>" +
+                   info + "</info></params>",
+               "17");
+}
+
+std::string config(const std::string &path, const std::string &oper)
+{
+    return publish("config", "<oper-type>" + oper + "</oper-type><more-flag>0</more-flag>" +
+                                 "<priority>10</priority><path>" + path + "</path>");
+}
+
+std::string operate(const std::string &input, const std::string &index)
+{
+    return publish("operate", input, "<callback>" + index + "</callback>");
+}
+
+std::string subscribe(const std::string &rest, const std::string &index)
+{
+    return rpc("subscribe",
+               "<params><session-id>4</session-id><callback>" + index + "</callback>" + rest +
+                   "</params>",
+               "17");
+}
+
+std::string with_id(const std::string &request, const std::string &id)
+{
+    const std::size_t end = request.rfind("<id>");
+    return request.substr(0, end) + (id.empty() ? "</rpc>" : "<id>" + id + "</id></rpc>");
+}
+
+std::string succeeded(const std::string &content)
+{
+    return reply(content, "17");
+}
+
+std::string failed(const std::string &code, const std::string &message)
+{
+    return reply(error(code, message), "17");
+}
+
+void DemoFixture::SetUp()
+{
+    PluginFixture::SetUp();
+    act = {};
+    called.clear();
+    start(subscriptions());
+    context = get_plugin_context();
+    ASSERT_NE(context, nullptr);
+}
+
+econf_plugin_subpub_info_t DemoFixture::subscriptions()
+{
+    return {configs, states, operations, on_kick_off};
+}
+
+std::string DemoFixture::handle(const strings &requests)
+{
+    called.clear();
+    std::string stream;
+    for (const std::string &request : requests) {
+        stream += framed(request);
+    }
+    peer->send(stream);
+    econf_plugin_run();
+    std::string replies;
+    for (const std::string &body : peer->received()) {
+        replies += body;
+    }
+    return replies;
+}
+
+} // namespace test

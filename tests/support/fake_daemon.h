@@ -1,0 +1,111 @@
+// The daemon's end of a plugin's stream, played by a test.
+//
+// A script runs on a thread of its own while the test is inside a call that blocks. Between such
+// calls the test drives the connection itself: it sends, runs the plugin's loop and looks at what
+// has been received. Nothing here uses the library: frames and envelopes are made by hand.
+#ifndef CONFSVC_TEST_FAKE_DAEMON_H
+#define CONFSVC_TEST_FAKE_DAEMON_H
+
+#include "conf_api.h"
+#include "conf_plugin.h"
+#include "test_support.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace test {
+
+// A message on the stream, and the two kinds of body.
+std::string framed(const std::string &body);
+std::string rpc(const std::string &method, const std::string &params, const std::string &id);
+std::string reply(const std::string &content, const std::string &id);
+std::string error(const std::string &code, const std::string &message);
+
+inline const std::string default_error = "Service process failed.";
+
+// One connection. Waits are bounded: one that ends without input is a failure of the test.
+class Peer {
+public:
+    explicit Peer(int fd) : fd_(fd) {}
+    ~Peer() { close(); }
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
+
+    // Waits for the next message and returns its body; empty at the end of the stream.
+    std::string receive();
+    // The bodies of the messages that have arrived by now.
+    std::vector<std::string> received();
+    // Receives a request, which is returned, and sends the reply that holds `content` and its id.
+    std::string answer(const std::string &content);
+    void send(const std::string &bytes);
+    // Without reading first, so bytes that have not been read reset the connection.
+    void close();
+    // Closes once `bytes` more have been sent.
+    void close_after(std::size_t bytes) { rest_ = bytes; }
+
+    [[nodiscard]] int fd() const { return fd_; }
+    [[nodiscard]] const msg_head_t &head() const { return head_; } // of the last message received
+    std::size_t read_size = 65536;                                 // bytes taken by one read
+
+private:
+    bool read_more(bool wait);
+    bool cut(std::string &body);
+
+    int fd_;
+    std::string input_;
+    msg_head_t head_{};
+    std::optional<std::size_t> rest_;
+};
+
+class FakeDaemon {
+public:
+    using Script = std::function<void(Peer &)>;
+
+    FakeDaemon(); // listens where the profile says
+    ~FakeDaemon();
+    FakeDaemon(const FakeDaemon &) = delete;
+    FakeDaemon &operator=(const FakeDaemon &) = delete;
+
+    // Begins the script with the present connection, or else with the next one.
+    void play(Script script);
+    // Waits for the end of the script; the connection stays open unless the script closed it.
+    Peer &finish();
+    void forget_connection();
+
+private:
+    void accept_connection();
+
+    int listener_;
+    std::unique_ptr<Peer> peer_;
+    std::thread thread_;
+};
+
+// A callback of any kind as it stands in the callback table.
+template <typename callback>
+econf_subpub_cb_t slot(callback function)
+{
+    return reinterpret_cast<econf_subpub_cb_t>(reinterpret_cast<void (*)()>(function));
+}
+
+// Base of the tests of a plugin, named "demo", that talks to a fake daemon.
+class PluginFixture : public Fixture {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Registers and activates, and leaves the debug file empty.
+    void start(econf_plugin_subpub_info_t info = {});
+    // The lines at DBG_ERROR, with the numbers of epoll events replaced by "0x?".
+    static std::vector<std::string> errors();
+
+    std::unique_ptr<FakeDaemon> daemon;
+    Peer *peer = nullptr; // after start()
+};
+
+} // namespace test
+
+#endif

@@ -1,0 +1,53 @@
+// What the tests share: a look at both logs, at open descriptors and at XML text.
+//
+// Every test program runs inside namespaces of its own (see main.cpp), so the fixed paths of the
+// library, its sockets and the system log are private to it and empty at the start.
+#ifndef CONFSVC_TEST_SUPPORT_H
+#define CONFSVC_TEST_SUPPORT_H
+
+#include "conf_debug.h"
+
+#include <gtest/gtest.h>
+#include <libxml/tree.h>
+
+#include <string>
+#include <vector>
+
+namespace test {
+
+// The lines of the debug file since it was last cleared, without time stamp and line end:
+// "[ERROR] - text".
+std::vector<std::string> debug_lines();
+
+// The same, reduced to one level's texts: debug_texts(DBG_ERROR).
+std::vector<std::string> debug_texts(int level);
+
+void clear_debug_file();
+
+// What has reached the system log since the last call, one entry a message: "<11>text" with the
+// priority as sent; time and program name are removed.
+std::vector<std::string> take_system_log();
+
+// The texts of take_system_log() without the position: "<11>[ERROR] text".
+std::vector<std::string> take_system_texts();
+
+// The number of open descriptors of this process.
+int open_descriptors();
+
+// Parses and prints one element; parse() gives a tree that belongs to no document.
+xmlNode *parse(const std::string &text);
+std::string print(xmlNode *node);
+
+// Base of all fixtures: debug file on at the most verbose level and empty, system log empty, and
+// afterwards as many descriptors as before.
+class Fixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    int descriptors_before = 0;
+};
+
+} // namespace test
+
+#endif

@@ -1,0 +1,292 @@
+// The debug file and the system log: what is written, when, and in what form.
+#include "support/log.h"
+#include "test_support.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string debug_path = "/var/log/conf_plugin.log";
+
+std::string content(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class DebugFileTest : public test::Fixture {};
+class SystemLogTest : public test::Fixture {};
+
+TEST_F(DebugFileTest, SwitchAndLevels)
+{
+    const struct {
+        int level, enable, result, enabled_after, level_after;
+    } switches[] = {
+        {4, 1, 0, 1, 4},   {8, 1, 1, 1, 4}, {0, 1, 1, 1, 4}, {7, 5, 0, 1, 7},
+        {-3, 1, 0, 1, -3}, {9, 0, 0, 0, 0}, {0, 1, 1, 0, 0}, {1, 1, 0, 1, 1},
+    };
+    for (const auto &[level, enable, result, enabled_after, level_after] : switches) {
+        EXPECT_EQ(econf_plugin_config_debug(level, enable), result) << level << ", " << enable;
+        EXPECT_EQ(g_log_enable, enabled_after) << level << ", " << enable;
+        EXPECT_EQ(g_log_level, level_after) << level << ", " << enable;
+    }
+
+    for (const int limit : {-1, 1, 4, 7}) {
+        test::clear_debug_file();
+        ASSERT_EQ(econf_plugin_config_debug(limit, 1), 0);
+        std::vector<std::string> expected;
+        for (int level = -2; level <= 9; ++level) {
+            _conf_write_log(level, "text %d", level);
+            if (level >= 0 && level <= limit) {
+                expected.push_back(std::string("[") + g_debug_desc[level] + "] - text " +
+                                   std::to_string(level));
+            }
+        }
+        EXPECT_EQ(test::debug_lines(), expected) << limit;
+    }
+
+    test::clear_debug_file();
+    ASSERT_EQ(econf_plugin_config_debug(7, 0), 0);
+    _conf_write_log(DBG_NULL, "text");
+    EXPECT_FALSE(fs::exists(debug_path));
+}
+
+TEST_F(DebugFileTest, LineFormat)
+{
+    const std::time_t before = std::time(nullptr);
+    _conf_write_log(DBG_INFO, "one %s", "two");
+    _conf_write_log(DBG_MSG, "<password>shown</password>");
+    const std::string text = content(debug_path);
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(
+        text, parts,
+        std::regex(
+            "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d)\\[INFO\\] - one two\r\n"
+            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\[MSG\\] - <password>shown</password>\r\n")))
+        << text;
+    std::tm stamp{};
+    ASSERT_NE(strptime(parts[1].str().c_str(), "%Y-%m-%d %H:%M:%S", &stamp), nullptr);
+    stamp.tm_isdst = -1;
+    const std::time_t written = std::mktime(&stamp);
+    EXPECT_GE(written, before);
+    EXPECT_LE(written, std::time(nullptr));
+}
+
+TEST_F(DebugFileTest, TextLimits)
+{
+    const std::string fits(255, 'x');
+    const std::string too_long(256, 'x');
+    _conf_write_log(DBG_ERROR, "%s", fits.c_str());
+    _conf_write_log(DBG_ERROR, "%s", too_long.c_str());
+    EXPECT_EQ(test::debug_texts(DBG_ERROR), (std::vector<std::string>{fits, ""}));
+
+    test::clear_debug_file();
+    const char *volatile no_format = nullptr;
+    _conf_write_log(DBG_ERROR, no_format);
+    EXPECT_TRUE(fs::exists(debug_path));
+    EXPECT_EQ(content(debug_path), "");
+}
+
+TEST_F(DebugFileTest, OversizedFileIsRemoved)
+{
+    std::ofstream(debug_path) << "old";
+    fs::resize_file(debug_path, 2097152);
+    _conf_write_log(DBG_ERROR, "kept"); // time, tag, separator, text and line end: 35 bytes
+    EXPECT_EQ(_conf_get_file_length(debug_path.c_str()), 2097152 + 35);
+    EXPECT_TRUE(content(debug_path).starts_with("old"));
+
+    fs::resize_file(debug_path, 2097153);
+    _conf_write_log(DBG_ERROR, "first");
+    EXPECT_EQ(test::debug_lines(), std::vector<std::string>{"[ERROR] - first"});
+}
+
+TEST_F(DebugFileTest, FailuresAreSilentAndErrnoStays)
+{
+    errno = ENOTTY;
+    const char *volatile with_error = "%m %d"; // unknown to the compiler, which refuses %m
+    _conf_write_log(DBG_ERROR, with_error, 1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(test::debug_texts(DBG_ERROR),
+              std::vector<std::string>{std::strerror(ENOTTY) + std::string(" 1")});
+
+    test::clear_debug_file();
+    fs::create_directory(debug_path);
+    _conf_write_log(DBG_ERROR, "lost");
+    EXPECT_EQ(errno, ENOTTY);
+    fs::remove(debug_path);
+    EXPECT_TRUE(test::take_system_log().empty());
+
+    EXPECT_EQ(_conf_get_file_length(nullptr), -1);
+    EXPECT_EQ(_conf_get_file_length("/no/such/file"), -1);
+}
+
+TEST_F(DebugFileTest, EnableChecksAFileOfItsOwn)
+{
+    std::string path = "/var/log/other.log";
+    EXPECT_EQ(econf_plugin_config_debug(0, 0), 0);
+    EXPECT_EQ(conf_dbg_enable(7, path.data()), 0);
+    EXPECT_EQ(content(path), "");
+    EXPECT_TRUE(fs::exists(path));
+    EXPECT_EQ(g_log_enable, 0);
+    EXPECT_EQ(g_log_level, 0);
+    conf_dbg_disable();
+
+    std::ofstream(path) << "old";
+    EXPECT_EQ(conf_dbg_enable(0, path.data()), 0);
+    EXPECT_EQ(content(path), "old");
+    conf_dbg_disable();
+    fs::remove(path);
+    EXPECT_EQ(conf_dbg_enable(0, nullptr), 0);
+    conf_dbg_disable();
+    EXPECT_TRUE(test::take_system_log().empty());
+
+    std::string missing = "/var/log/missing/other.log";
+    EXPECT_EQ(conf_dbg_enable(0, missing.data()), -1);
+    const std::vector<std::string> log = test::take_system_log();
+    ASSERT_EQ(log.size(), 1U);
+    EXPECT_TRUE(std::regex_match(
+        log[0], std::regex("<11>\\[ERROR\\]conf_debug.cpp:\\d+:conf_dbg_enable "
+                           "Open file failed\\(No such file or directory\\)\\.\n")))
+        << log[0];
+}
+
+TEST_F(SystemLogTest, PrioritiesMaskingAndEscape)
+{
+    const struct {
+        int priority;
+        std::string text, expected;
+    } messages[] = {
+        {syslog_error, "<password>abc</password>", "<11><password>***</password>"},
+        {syslog_warning, "#%<password>abc</password>", "<12>#%<password>abc</password>"},
+        {syslog_info, "# <password>abc</password>", "<14># <password>***</password>"},
+        {syslog_debug, "%s%n%d 100%", "<15>%s%n%d 100%"},
+        {LOG_LOCAL3 | LOG_CRIT, "ab", "<154>ab"},
+        {syslog_error, "", "<11>"},
+    };
+    for (const auto &[priority, text, expected] : messages) {
+        errno = ENOTTY;
+        safety_syslog(priority, "%s", text.c_str());
+        EXPECT_EQ(errno, ENOTTY);
+        EXPECT_EQ(test::take_system_log(), std::vector<std::string>{expected});
+    }
+}
+
+TEST_F(SystemLogTest, MacrosPutThePlaceInFront)
+{
+    LOG_SYSTEM_ERROR("a %d.", 1);
+    LOG_SYSTEM_WARN("b");
+    LOG_SYSTEM_INFO("c");
+    LOG_SYSTEM_DEBUG("d %s", "e");
+    std::string all;
+    for (const std::string &message : test::take_system_log()) {
+        all += message;
+    }
+    EXPECT_TRUE(
+        std::regex_match(all, std::regex("<11>\\[ERROR\\]conf_debug_test.cpp:\\d+:TestBody a 1\\.\n"
+                                         "<12>\\[WARN\\]conf_debug_test.cpp:\\d+:TestBody b\n"
+                                         "<14>\\[INFO\\]conf_debug_test.cpp:\\d+ c\n"
+                                         "<15>\\[DEBUG\\]conf_debug_test.cpp:\\d+:TestBody d e\n")))
+        << all;
+}
+
+TEST_F(SystemLogTest, TextLimits)
+{
+    const std::string fits(65535, 'x');
+    const std::string too_long(65536, 'x');
+    safety_syslog(syslog_error, "%s", fits.c_str());
+    safety_syslog(syslog_error, "%s", too_long.c_str());
+    const std::vector<std::string> log = test::take_system_log();
+    ASSERT_EQ(log.size(), 2U);
+    EXPECT_TRUE(log[0] == "<11>" + fits) << log[0].size();
+    EXPECT_EQ(log[1], "<11>");
+}
+
+// ---- what stays behind in memory ----------------------------------------------------------------
+
+// A value in disguise, so that it stands in memory only where reveal() has put it.
+constexpr unsigned char disguise = 0x55;
+constexpr unsigned char disguised[] = {0x21, 0x3d, 0x34, 0x27, 0x20, 0x26, 0x38, 0x3c,
+                                       0x3b, 0x32, 0x26, 0x30, 0x36, 0x27, 0x30, 0x21};
+
+void reveal(char *to)
+{
+    for (const unsigned char byte : disguised) {
+        *to++ = static_cast<char>(byte ^ disguise);
+    }
+}
+
+// How often the value stands in the writable memory of this process.
+int occurrences()
+{
+    constexpr std::size_t limit = 64 << 20; // the shadow memory of a sanitizer is huger than that
+    int count = 0;
+    std::ifstream maps("/proc/self/maps");
+    const int memory = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
+    std::vector<unsigned char> bytes;
+    bytes.reserve(limit); // in a mapping of its own, not where the memory under test was
+    for (std::string line; std::getline(maps, line);) {
+        unsigned long begin = 0;
+        unsigned long end = 0;
+        char access[5] = "";
+        std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, access);
+        if (access[1] != 'w' || end - begin > limit) {
+            continue;
+        }
+        bytes.resize(end - begin);
+        if (pread(memory, bytes.data(), bytes.size(), static_cast<off_t>(begin)) < 0) {
+            continue;
+        }
+        for (unsigned char &byte : bytes) {
+            byte ^= disguise;
+        }
+        for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), std::begin(disguised),
+                                                        std::end(disguised))) != bytes.end();
+             ++at) {
+            ++count;
+        }
+    }
+    close(memory);
+    return count;
+}
+
+// Logs where no other function of this test overwrites what is left on the stack.
+[[gnu::noinline]] void log_deep_in_the_stack(bool to_file, const char *value)
+{
+    volatile char room[1 << 16];
+    room[0] = 0;
+    if (to_file) {
+        _conf_write_log(DBG_ERROR, "<password>%s</password>", value);
+    } else {
+        // The padding keeps the value out of reach of later, smaller allocations.
+        safety_syslog(syslog_error, "%40000s<password>%s</password>%c%s", "", value, 0, value);
+    }
+    room[1] = room[0]; // so that the calls above are no tail calls
+}
+
+TEST_F(SystemLogTest, NothingStaysInMemory)
+{
+    for (const bool to_file : {true, false}) {
+        char value[sizeof disguised + 1] = "";
+        reveal(value);
+        log_deep_in_the_stack(to_file, value);
+        EXPECT_EQ(occurrences(), 1) << "the one in this function; to the file: " << to_file;
+        explicit_bzero(value, sizeof value);
+    }
+    EXPECT_EQ(occurrences(), 0);
+    EXPECT_EQ(test::take_system_log().size(), 1U);
+}
+
+} // namespace

@@ -1,0 +1,278 @@
+// The event loop when callbacks change the plugin, when the daemon dies, and in a long random run.
+#include "demo_plugin.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iostream>
+#include <malloc.h>
+#include <poll.h>
+#include <random>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace test;
+
+namespace {
+
+using LoopLifeTest = DemoFixture;
+
+TEST_F(LoopLifeTest, RequestInsideACallback)
+{
+    act.inside = [] {
+        act.inside = nullptr;
+        xmlNode *result = nullptr;
+        EXPECT_EQ(econf_plugin_pull(0, "/x", &result), 0);
+        EXPECT_EQ(list_of(result), "<x/>");
+        xmlFreeNodeList(result);
+    };
+    daemon->play([](Peer &p) {
+        p.send(framed(with_id(config("/a"), "1")));
+        p.receive();
+        p.send(framed(with_id(kick_off, "2")) + // lost
+               framed(reply("<result><data><x/></data></result>", "3")) +
+               framed(with_id(config("/b"), "4")));
+    });
+    pollfd sock{context->sock, POLLIN, 0};
+    poll(&sock, 1, -1);
+    econf_plugin_run();
+    EXPECT_EQ(daemon->finish().received(),
+              (strings{reply("<result/>", "1"), reply("<result/>", "4")}));
+    EXPECT_EQ(called, "config 3 1 0 10 /aconfig 3 1 0 10 /b");
+}
+
+TEST_F(LoopLifeTest, CallbackMayEndThePlugin)
+{
+    const struct {
+        const char *name;
+        std::string request;
+        std::string accepted;
+    } kinds[] = {
+        {"configuration", config("/a"), succeeded()},
+        {"operation", operate("<a/>"), succeeded("<result><o/></result>")},
+        {"status", subscribe("<path>/s</path>"),
+         succeeded("<result><path>/s</path><data><o/></data></result>")},
+        {"kick-off", kick_off, succeeded()},
+    };
+    for (const auto &kind : kinds) {
+        for (const int result : {0, 5}) {
+            SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(result));
+            const std::string answer =
+                result == 0 || kind.request == kick_off ? kind.accepted : failed("6", "recorded");
+            const auto begin = [&](std::function<void()> inside) {
+                act = {result,
+                       [inside = std::move(inside)] {
+                           econf_plugin_error(6, "recorded");
+                           inside();
+                       },
+                       element("<o/>")};
+                called.clear();
+                peer->send(framed(kind.request));
+            };
+            // Deactivated: answered nevertheless.
+            begin([] { econf_plugin_deactivate(); });
+            daemon->play([](Peer &p) { p.answer("<result/>"); });
+            econf_plugin_run();
+            EXPECT_EQ(daemon->finish().received(), strings{answer});
+            EXPECT_EQ(get_plugin_context()->bit_activate, 0U);
+            get_plugin_context()->bit_activate = 1;
+
+            // Closed: nothing more is handled or sent.
+            begin([] { econf_plugin_close(); });
+            peer->send(framed(kick_off));
+            econf_plugin_run();
+            EXPECT_EQ(peer->received(), strings{});
+            EXPECT_EQ(called.rfind("kick-off"), kind.request == kick_off ? 0 : std::string::npos);
+            EXPECT_EQ(get_plugin_context(), nullptr);
+            daemon->forget_connection();
+
+            // Closed and begun anew: the new connection sees nothing of the request.
+            start(subscriptions());
+            FakeDaemon *const now = daemon.get();
+            begin([this, now] {
+                econf_plugin_close();
+                now->forget_connection();
+                act.inside = nullptr;
+                start(subscriptions());
+            });
+            econf_plugin_run();
+            EXPECT_EQ(peer->received(), strings{});
+            ASSERT_NE(get_plugin_context(), nullptr);
+            EXPECT_EQ(get_plugin_context()->err_msg, nullptr);
+            EXPECT_EQ(handle({kick_off}), succeeded());
+        }
+    }
+}
+
+// The child has no plugin, although it has the socket.
+TEST_F(LoopLifeTest, CallbackMayFork)
+{
+    pid_t child = -1;
+    act.inside = [&] { child = fork(); };
+    const std::string replies = handle({config("/a")});
+    if (child == 0) {
+        _exit(replies.empty() ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(replies + handle({}), succeeded());
+}
+
+// ---- streams that end --------------------------------------------------------------------------
+
+// A story of registration, activation, a request with a request of the plugin inside, and a last
+// request, in which the daemon closes after any number of bytes.
+TEST_F(LoopLifeTest, DaemonMayDieAnywhere)
+{
+    econf_plugin_config_debug(DBG_ERROR, 0);
+    econf_plugin_close();
+    daemon->forget_connection();
+    const strings story{framed(reply("<result/>", "1")), framed(reply("<result/>", "2")),
+                        framed(with_id(config("/a"), "8")),
+                        framed(reply("<result><data><x/></data></result>", "3")),
+                        framed(with_id(operate("<a/>"), "9"))};
+    std::size_t length = 0;
+    for (const std::string &part : story) {
+        length += part.size();
+    }
+    act.inside = [] {
+        xmlNode *result = nullptr;
+        (void)econf_plugin_pull(0, "/x", &result);
+        xmlFreeNodeList(result);
+    };
+    econf_plugin_subpub_info_t info = subscriptions();
+    for (std::size_t cut = 1; cut <= length; ++cut) {
+        for (const bool reads : {true, false}) { // bytes that it did not read make it a reset
+            const int before = open_descriptors();
+            daemon->play([&](Peer &p) {
+                p.close_after(cut);
+                for (std::size_t i = 0; i < story.size(); ++i) {
+                    if (reads && i != 2) { // each part but the request answers a message
+                        p.receive();
+                    }
+                    p.send(story[i]);
+                }
+                p.close();
+            });
+            bool ready = econf_plugin_init("demo", &info) >= 0;
+            EXPECT_TRUE(!ready || cut >= story[0].size());
+            ready = ready && econf_plugin_activate(0) == 0;
+            EXPECT_TRUE(!ready || cut >= story[0].size() + story[1].size());
+            while (ready) {
+                pollfd sock{get_plugin_context()->sock, POLLIN | POLLRDHUP, 0};
+                poll(&sock, 1, -1);
+                econf_plugin_run();
+                ready = (sock.revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0;
+            }
+            if (get_plugin_context() != nullptr) {
+                econf_plugin_close();
+            }
+            daemon->forget_connection();
+            EXPECT_EQ(open_descriptors(), before) << "cut after " << cut;
+        }
+    }
+}
+
+// ---- a long random run -------------------------------------------------------------------------
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool sanitized = true;
+#elif defined(__has_feature)
+constexpr bool sanitized = __has_feature(address_sanitizer);
+#else
+constexpr bool sanitized = false;
+#endif
+
+long mapped_pages()
+{
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages;
+}
+
+TEST_F(LoopLifeTest, EachOfManyRequestsIsAnsweredOnceInOrder)
+{
+    econf_plugin_config_debug(DBG_ERROR, 0);
+    const unsigned seed = std::random_device{}();
+    std::cout << "seed " << seed << '\n';
+    std::mt19937 random(seed);
+    const auto below = [&](std::size_t limit) { return random() % limit; };
+    const std::string long_text(3000, 'x');
+    const strings kinds{config("/a[k=\"1\"]"),
+                        config("/refuse"),
+                        config("/own-error"),
+                        operate(""),
+                        operate("<give/>"),
+                        operate("<give>" + long_text + "</give>"),
+                        operate("<refuse/>"),
+                        subscribe("<path>/s</path>"),
+                        subscribe("<path>/give</path>"),
+                        kick_off,
+                        rpc("unknown", "<params/>", "17"),
+                        publish("other", ""),
+                        rpc("publish", "<params/>", "17"),
+                        operate("", "77")};
+    const strings silent{with_id(config("/a"), "0"),
+                         with_id(kick_off, ""),
+                         "<rpc>",
+                         "\x01",
+                         with_id(config("/refuse"), "x"),
+                         "<rpc><id>5</id></rpc>",
+                         with_id(rpc("unknown", "<params/>", ""), "")};
+    act.inside = [] {
+        const bool refused = called.find("refuse") != std::string::npos;
+        act.result = refused || called.find("own-error") != std::string::npos ? 5 : 0;
+        if (!refused && act.result != 0) {
+            econf_plugin_error(6, "own");
+        }
+        called.clear();
+    };
+    act.produce = [](xmlNode *input) {
+        return called.find("give") == std::string::npos ? nullptr
+               : input != nullptr                       ? input
+                                                        : parse("<s><t>1</t></s>");
+    };
+
+    const u32_t count = sanitized ? 10000 : 100000;
+    u32_t sent = 0;
+    u32_t answered = 0;
+    std::size_t heap = 0;
+    long pages = 0;
+    std::string stream;
+    while (answered < count) {
+        while (stream.size() < 4096 && sent < count) {
+            if (below(5) == 0) {
+                stream += framed(silent[below(silent.size())]);
+            }
+            if (below(9) == 0) {
+                for (std::size_t i = below(40); i > 0; --i) {
+                    stream += static_cast<char>(1 + below(0xf0)); // no part of a header
+                }
+            }
+            // Ids of all sizes, recognisable in the reply.
+            const u32_t id = ++sent * (4294967295U / count);
+            stream += framed(with_id(kinds[below(kinds.size())], std::to_string(id)));
+        }
+        const std::size_t piece = std::min(stream.size(), 1 + below(below(4) == 0 ? 3000 : 40));
+        peer->send(stream.substr(0, piece));
+        stream.erase(0, piece);
+        econf_plugin_run();
+        for (const std::string &body : peer->received()) {
+            const std::string id = "<id>" + std::to_string(++answered * (4294967295U / count));
+            ASSERT_TRUE(body.ends_with(id + "</id></reply>")) << body << ", not " << id;
+        }
+        if (stream.empty()) {
+            ASSERT_EQ(answered, sent);
+        }
+        if (heap == 0 && answered > count / 10) { // the allocator's caches are warm
+            heap = mallinfo2().uordblks;
+            pages = mapped_pages();
+        }
+    }
+    if (!sanitized) {
+        EXPECT_LT(mallinfo2().uordblks, heap + 65536);
+        EXPECT_LT(mapped_pages(), pages + 256);
+    }
+}
+
+} // namespace

@@ -1,0 +1,276 @@
+// The guarded calls of libxml2: whole results or none, texts that are wiped and names that are not,
+// and silence about what a message holds.
+#include "conf_plugin/xml.h"
+#include "test_support.h"
+#include "xml_memory.h"
+
+#include <libxml/parser.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+
+namespace {
+
+using test::print;
+using test::xml_heap;
+using maker = std::function<xmlNode *(xmlNode *)>;
+
+parse_result parsed(std::string text)
+{
+    return parse_body({text.data(), text.size()});
+}
+
+// Every node of a tree, attributes included.
+void each_node(xmlNode *node, const std::function<void(const xmlNode *)> &look)
+{
+    for (; node != nullptr; node = node->next) {
+        look(node);
+        if (node->type == XML_ELEMENT_NODE) {
+            each_node(reinterpret_cast<xmlNode *>(node->properties), look);
+        }
+        if (node->type != XML_ENTITY_REF_NODE) {
+            each_node(node->children, look);
+        }
+    }
+}
+
+class Xml : public test::Fixture {};
+
+TEST_F(Xml, AParsedBodyBelongsToNoDocument)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"<a/>", "<a/>"},
+        {"<ab>ab</ab>", "<ab>ab</ab>"},
+        {"<a>\n <b> c </b> <d/>\n</a>", "<a><b> c </b><d/></a>"},
+        {"\xef\xbb\xbf<?xml version='1.0' encoding='utf-16'?><!--x--><a>1</a><!--y-->", "<a>1</a>"},
+        {"<a xmlns='u:1' xmlns:p='u:2'><p:b p:k='v'>t</p:b></a>",
+         "<a xmlns=\"u:1\" xmlns:p=\"u:2\"><p:b p:k=\"v\">t</p:b></a>"},
+        {"<a xml:lang='en' xml:id='i'><b xml:space='preserve'> </b></a>",
+         "<a xml:lang=\"en\" xml:id=\"i\"><b xml:space=\"preserve\"> </b></a>"},
+        {"<a><![CDATA[<&]]>&lt;&#65;<!-- c --><?p i?></a>",
+         "<a><![CDATA[<&]]>&lt;A<!-- c --><?p i?></a>"},
+        {"<!DOCTYPE a [<!ENTITY e 'text'><!ATTLIST a k ID #IMPLIED>]><a k='v'>&e;</a>",
+         "<a k=\"v\">&e;</a>"},
+    };
+    for (const auto &[body, expected] : cases) {
+        const parse_result result = parsed(body);
+        ASSERT_NE(result.root, nullptr) << body;
+        EXPECT_EQ(print(result.root), expected);
+        EXPECT_EQ(result.root->next, nullptr);
+        SCOPED_TRACE(body);
+        each_node(result.root, [](const xmlNode *node) { EXPECT_EQ(node->doc, nullptr); });
+        xmlFreeNode(result.root);
+    }
+}
+
+TEST_F(Xml, NothingOfAMalformedBodyIsPrintedAndTheHostKeepsItsHandler)
+{
+    int reports = 0;
+    const auto handler = [](void *count, xmlErrorPtr) { ++*static_cast<int *>(count); };
+    xmlSetStructuredErrorFunc(&reports, handler);
+    testing::internal::CaptureStderr();
+    for (const char *body :
+         {"", " ", "<a><password>hunter2</a>", "<a>hunter2", "hunter2", "<a>\xff\xfe</a>",
+          "<a/><b/>", "<a>&hunter2;</a>", "<?xml version='1.0' encoding='latin1'?><a>\xe4</a>",
+          "<a k='1' k='2'/>"}) {
+        const parse_result result = parsed(body);
+        EXPECT_EQ(result.root, nullptr) << body;
+        EXPECT_FALSE(result.failed_copy) << body;
+    }
+    // Usable, though libxml2 has something to say: an undeclared prefix.
+    const node_ptr odd(parsed("<hunter2:a/>").root);
+    EXPECT_EQ(print(odd.get()), "<hunter2:a/>");
+    const node_ptr parent(new_element("p"));
+    EXPECT_NE(add_raw(parent.get(), "n", "&hunter2"), nullptr);
+
+    EXPECT_EQ(xmlStructuredErrorContext, &reports);
+    EXPECT_EQ(xmlStructuredError, static_cast<xmlStructuredErrorFunc>(handler));
+    EXPECT_EQ(reports, 0);
+    xmlSetStructuredErrorFunc(nullptr, nullptr);
+    EXPECT_EQ(parsed("<a>hunter2").root, nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(xmlStructuredError, nullptr);
+    const xmlError *last = xmlGetLastError();
+    EXPECT_TRUE(last == nullptr || last->message == nullptr) << "kept for anyone to read";
+}
+
+TEST_F(Xml, WipesTextsAndNothingElse)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"<a>secret</a>", "<a></a>"},
+        {"<a><b>secret</b>tail<c k=\"keep\"><d>x</d></c><e/></a>",
+         "<a><b></b><c k=\"keep\"><d></d></c><e/></a>"},
+        {"<a>x<![CDATA[keep]]>y<!--keep--><?keep it?>z</a>",
+         "<a><![CDATA[keep]]><!--keep--><?keep it?></a>"},
+        {"<ab><ab>ab</ab></ab>", "<ab><ab></ab></ab>"},
+    };
+    clean_xml_content(nullptr);
+    for (const auto &[body, expected] : cases) {
+        const node_ptr root(test::parse(body));
+        clean_xml_content(root.get());
+        EXPECT_EQ(print(root.get()), expected);
+    }
+
+    // The whole text in its place; siblings that follow but not those before, nor the parent's.
+    const node_ptr list(test::parse("<l><a>first</a><b>second</b>third</l>"));
+    xmlNode *third = list->last;
+    clean_xml_content(list->children->next);
+    EXPECT_EQ(print(list.get()), "<l><a>first</a><b></b></l>");
+    EXPECT_EQ(std::memcmp(third->content, "\0\0\0\0\0\0", 6), 0);
+
+    // Short texts that a dictionary shares with names.
+    xmlDoc *shared = xmlReadMemory("<ab>ab</ab>", 11, nullptr, nullptr, 0);
+    clean_xml_content(xmlDocGetRootElement(shared));
+    EXPECT_STREQ(reinterpret_cast<const char *>(xmlDocGetRootElement(shared)->name), "ab");
+    xmlFreeDoc(shared);
+}
+
+TEST_F(Xml, WipesWithoutRecursion)
+{
+    node_ptr deep(new_element("n"));
+    xmlNode *bottom = deep.get();
+    for (int level = 0; level < 200000; ++level) {
+        bottom = xmlAddChild(bottom, xmlNewNode(nullptr, BAD_CAST "n"));
+    }
+    xmlNode *text = xmlAddChild(bottom, xmlNewText(BAD_CAST "secret"));
+    clean_xml_content(deep.get());
+    EXPECT_EQ(text->content[0], 0);
+    wipe_and_free(deep.release());
+
+    // An entity that leads back to itself through its declaration.
+    xmlDoc *doc = xmlNewDoc(BAD_CAST "1.0");
+    xmlNode *root = xmlNewDocNode(doc, nullptr, BAD_CAST "a", nullptr);
+    xmlDocSetRootElement(doc, root);
+    xmlCreateIntSubset(doc, BAD_CAST "a", nullptr, nullptr);
+    xmlEntity *entity = xmlAddDocEntity(doc, BAD_CAST "e", XML_INTERNAL_GENERAL_ENTITY, nullptr,
+                                        nullptr, BAD_CAST "&e;");
+    xmlNode *reference = xmlAddChild(root, xmlNewReference(doc, BAD_CAST "e"));
+    text = xmlAddChild(root, xmlNewDocText(doc, BAD_CAST "secret"));
+    ASSERT_EQ(reference->children, reinterpret_cast<xmlNode *>(entity));
+    entity->children = entity->last = reference;
+    clean_xml_content(root);
+    EXPECT_EQ(text->content[0], 0);
+    entity->children = entity->last = nullptr;
+    xmlFreeDoc(doc);
+    const parse_result circle =
+        parsed("<!DOCTYPE a [<!ENTITY x '&y;'><!ENTITY y '&x;'>]><a k='1'>s<b>&x;</b></a>");
+    wipe_and_free(circle.root);
+}
+
+TEST_F(Xml, AddsChildren)
+{
+    const auto text = [](const char *content) -> maker {
+        return [content](xmlNode *parent) { return add_text(parent, "n", content); };
+    };
+    const auto raw = [](const char *content) -> maker {
+        return [content](xmlNode *parent) { return add_raw(parent, "n", content); };
+    };
+    const auto number = [](long long value) -> maker {
+        return [value](xmlNode *parent) { return add_number(parent, "n", value); };
+    };
+    const std::pair<maker, const char *> cases[] = {
+        {[](xmlNode *parent) { return add_element(parent, "n"); }, "<n/>"},
+        {text(nullptr), "<n/>"},
+        {text(""), "<n/>"},
+        {text("&"), "<n>&amp;</n>"},
+        {text("<a>&#65;"), "<n>&lt;a&gt;&amp;#65;</n>"},
+        {raw(nullptr), "<n/>"},
+        {raw(""), "<n/>"},
+        {raw("&"), "<n/>"},
+        {raw("&#65;b&amp;&lt;"), "<n>Ab&amp;&lt;</n>"},
+        {number(0), "<n>0</n>"},
+        {number(-42), "<n>-42</n>"},
+        {number(4294967295), "<n>4294967295</n>"},
+    };
+    for (const auto &[make, expected] : cases) {
+        const node_ptr parent(new_element("p"));
+        xmlNode *child = make(parent.get());
+        ASSERT_NE(child, nullptr) << expected;
+        EXPECT_EQ(child->parent, parent.get());
+        EXPECT_EQ(print(parent.get()), std::string("<p>") + expected + "</p>");
+    }
+
+    const node_ptr source(test::parse("<p><a>1</a>text<b/></p>"));
+    node_list copy(copy_list(source->children));
+    const node_ptr parent(new_element("q"));
+    ASSERT_TRUE(add_children(parent.get(), copy.get()));
+    (void)copy.release();
+    EXPECT_EQ(print(parent.get()), "<q><a>1</a>text<b/></q>");
+    EXPECT_EQ(print(source.get()), "<p><a>1</a>text<b/></p>");
+    EXPECT_EQ(copy_list(nullptr), nullptr);
+}
+
+TEST_F(Xml, PrintsOneNode)
+{
+    const node_ptr root(test::parse("<l><x/><y>&lt;</y></l>"));
+    const std::string big = "<l>" + std::string(20000, 'x') + "</l>";
+    const node_ptr large(test::parse(big));
+    const std::pair<xmlNode *, std::string> cases[] = {
+        {root->children, "<x/>"}, {root->last, "<y>&lt;</y>"}, {large.get(), big}};
+    for (const auto &[node, expected] : cases) {
+        const node_text printed(node);
+        ASSERT_EQ(printed.result(), node_text::outcome::made);
+        EXPECT_EQ(std::string(printed.text().data(), printed.text().size()), expected);
+    }
+    EXPECT_EQ(node_text(nullptr).result(), node_text::outcome::not_dumped);
+}
+
+TEST_F(Xml, GivesTheWholeResultOrNoneWhenMemoryRunsOut)
+{
+    const std::string body = "<r xmlns='u:1' xmlns:p='u:2' xml:lang='en'><p:a k='1' p:l='2'>one "
+                             "&amp; two</p:a><![CDATA[c]]><!--d--><b><c>three</c>four</b></r>";
+    const std::string plain = "<r k='v'><a>one &amp; two</a><b><c>three</c></b></r>";
+    const std::string long_text = "<r>" + std::string(9000, 'd') + "</r>";
+    const node_ptr tree(test::parse(body));
+    const node_ptr large(test::parse(long_text));
+
+    // A maker of one node, whose parent must then hold that node or be as before.
+    const auto adding = [](const maker &make) {
+        return [make]() -> std::optional<std::string> {
+            const node_ptr parent(new_element("p"));
+            if (!parent) {
+                return {};
+            }
+            const bool made = make(parent.get()) != nullptr;
+            xml_heap.work_again();
+            const std::string printed = print(parent.get());
+            EXPECT_TRUE(made || printed == "<p/>") << printed;
+            return made ? std::optional(printed) : std::nullopt;
+        };
+    };
+    const auto parsing = [](const std::string &text) {
+        return [text]() -> std::optional<std::string> {
+            const node_ptr root(parsed(text).root);
+            xml_heap.work_again();
+            return root ? std::optional(print(root.get())) : std::nullopt;
+        };
+    };
+    using test::leaks;
+    test::expect_whole_or_nothing("parse, copied", leaks::of_libxml2, parsing(body));
+    test::expect_whole_or_nothing("parse, detached", leaks::none, parsing(plain));
+    test::expect_whole_or_nothing("parse, long", leaks::of_libxml2, parsing(long_text));
+    const std::pair<const char *, maker> makers[] = {
+        {"element", [](xmlNode *parent) { return add_element(parent, "n"); }},
+        {"text", [](xmlNode *parent) { return add_text(parent, "n", "a<b&c"); }},
+        {"number", [](xmlNode *parent) { return add_number(parent, "n", 12345); }}};
+    for (const auto &[name, make] : makers) {
+        test::expect_whole_or_nothing(name, leaks::none, adding(make));
+    }
+    const auto add_entities = [](xmlNode *parent) { return add_raw(parent, "n", "a&amp;b&#65;c"); };
+    test::expect_whole_or_nothing("raw", leaks::of_libxml2, adding(add_entities));
+    const auto add_copies = [&](xmlNode *parent) -> xmlNode * {
+        node_list copy(copy_list(tree->children));
+        return copy && add_children(parent, copy.get()) ? copy.release() : nullptr;
+    };
+    test::expect_whole_or_nothing("children", leaks::of_libxml2, adding(add_copies));
+    test::expect_whole_or_nothing("print", leaks::none, [&]() -> std::optional<std::string> {
+        const node_text printed(large.get());
+        if (printed.result() != node_text::outcome::made) {
+            return {};
+        }
+        return std::string(printed.text().data(), printed.text().size());
+    });
+}
+
+} // namespace

@@ -1,0 +1,96 @@
+// See commit.h.
+#include "commit.h"
+
+#include "conf_api.h"
+#include "failure.h"
+
+#include <algorithm>
+
+namespace confsim {
+
+namespace {
+
+using speaker = std::function<void(const std::string &)>;
+
+// Lets plugins read the candidate, for its lifetime.
+class committing_scope {
+public:
+    explicit committing_scope(configuration &config) : config_(config)
+    {
+        config_.set_committing(true);
+    }
+    ~committing_scope() { config_.set_committing(false); }
+    committing_scope(const committing_scope &) = delete;
+    committing_scope &operator=(const committing_scope &) = delete;
+
+private:
+    configuration &config_;
+};
+
+std::string in_words(const publication &what)
+{
+    return std::string(verb_of(what.oper)) + " " + to_text(what.where) + " to " + what.to->name;
+}
+
+std::string counted(std::size_t count, const char *what)
+{
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+answer publish(conf_daemon &service, const std::vector<publication> &all, std::size_t current)
+{
+    return service.exchange(all[current].to, "publish",
+                            publish_params(all[current], more_follow(all, current)));
+}
+
+int inverse(int oper)
+{
+    switch (oper) {
+    case CONFIG_OP_ADD:
+        return CONFIG_OP_RM;
+    case CONFIG_OP_RM:
+        return CONFIG_OP_ADD;
+    default:
+        return oper;
+    }
+}
+
+// Publishes what was applied back, the last first. A plugin that cannot take its change back is
+// reported; the others still take back theirs.
+void roll_back(conf_daemon &service, std::vector<publication> applied, const speaker &say)
+{
+    std::reverse(applied.begin(), applied.end());
+    for (publication &each : applied) {
+        each.oper = inverse(each.oper) | CONFIG_OP_ROLLBACK;
+    }
+    for (std::size_t i = 0; i < applied.size(); ++i) {
+        const answer got = publish(service, applied, i);
+        say("roll back: " + in_words(applied[i]) + ": " +
+            (got.is_result() ? "ok" : got.in_words()));
+    }
+}
+
+} // namespace
+
+void commit(conf_daemon &service, configuration &config, const speaker &say)
+{
+    const std::vector<difference> changes = differences(config.running(), config.candidate());
+    std::vector<publication> all = publications(service.plugins(), changes);
+    const committing_scope scope(config);
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const answer got = publish(service, all, i);
+        say("publish: " + in_words(all[i]) + ": " + (got.is_result() ? "ok" : got.in_words()));
+        if (!got.is_result()) {
+            const publication failed = all[i];
+            all.resize(i);
+            roll_back(service, std::move(all), say);
+            throw failure("commit failed: plugin " + failed.to->name + ", " +
+                          to_text(failed.where) + ", " + got.in_words());
+        }
+    }
+    say("committed: " + counted(changes.size(), "difference") + ", " +
+        counted(all.size(), "publication"));
+    config.accept();
+}
+
+} // namespace confsim

@@ -1,0 +1,78 @@
+// Plays the configuration daemon towards plugins: accepts them, answers what they ask, and asks
+// them on behalf of the commands.
+#ifndef CONFSIM_DAEMON_H
+#define CONFSIM_DAEMON_H
+
+#include "configuration.h"
+#include "console.h"
+#include "endpoints.h"
+#include "loop.h"
+#include "plugin.h"
+#include "publication.h"
+#include "trace.h"
+
+#include <deque>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace confsim {
+
+class conf_daemon {
+public:
+    conf_daemon(event_loop &loop, const console &out, const tracer &trace, configuration &config,
+                const endpoints &where, seconds patience);
+    ~conf_daemon();
+    conf_daemon(const conf_daemon &) = delete;
+    conf_daemon &operator=(const conf_daemon &) = delete;
+
+    [[nodiscard]] const std::list<plugin_ptr> &plugins() const { return plugins_; }
+    [[nodiscard]] plugin_ptr find(const std::string &name) const;
+
+    // Sends a request and waits for what becomes of it; never throws broken.
+    answer exchange(const plugin_ptr &to, const char *method, xml::node_ptr params);
+
+    // Notifications as received, the oldest first; the oldest of very many are forgotten.
+    [[nodiscard]] const std::deque<std::string> &notifications() const { return notifications_; }
+    // The oldest one that was not yet taken, if any.
+    std::optional<std::string> take_notification();
+    void take_all_notifications() { not_taken_ = 0; }
+
+private:
+    using handler = xml::node_ptr (conf_daemon::*)(const plugin_ptr &from, const xmlNode *params);
+    struct served_method {
+        const char *name;
+        handler handle;
+    };
+    static const served_method methods[];
+
+    void accept_plugins();
+    void accept_agents() const;
+    void receive_notifications();
+    void serve(const plugin_ptr &from, short events);
+    void handle(const plugin_ptr &from, xml::node_ptr message);
+    void drop(const plugin_ptr &whom, const std::string &why);
+    void watch_for_room(const plugin &to);
+    void start(const plugin_ptr &whom, int kind);
+    void ask(const plugin_ptr &to, const char *method, xml::node_ptr params, plugin::answered done);
+
+    xml::node_ptr on_register(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_activate(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_deactivate(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_pull(const plugin_ptr &from, const xmlNode *params);
+
+    event_loop &loop_;
+    const console &out_;
+    const tracer &trace_;
+    configuration &config_;
+    const endpoints &where_;
+    seconds patience_;
+    std::list<plugin_ptr> plugins_;
+    std::deque<std::string> notifications_;
+    std::size_t not_taken_ = 0;
+};
+
+} // namespace confsim
+
+#endif

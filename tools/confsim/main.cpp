@@ -1,0 +1,171 @@
+// confsim: plays the configuration daemon for plugins under development. See docs/confsim.md.
+#include "child.h"
+#include "commands.h"
+#include "configuration.h"
+#include "console.h"
+#include "daemon.h"
+#include "endpoints.h"
+#include "failure.h"
+#include "input.h"
+#include "loop.h"
+#include "sandbox.h"
+#include "trace.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <iostream>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace confsim;
+
+constexpr int failed = 1;
+constexpr int wrong_usage = 2;
+
+struct settings {
+    std::string directory;
+    std::string config;
+    std::string script;
+    bool trace = false;
+    double timeout = 5;
+    bool network = false;
+    std::vector<std::string> command; // of run
+};
+
+void add_common_options(CLI::App &app, settings &wanted)
+{
+    app.add_option("--dir", wanted.directory, "Directory of the sockets");
+    app.add_option("--config", wanted.config, "XML file of the running configuration")
+        ->check(CLI::ExistingFile);
+    app.add_option("--script", wanted.script, "File with commands; without, standard input")
+        ->check(CLI::ExistingFile);
+    app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
+    app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
+        ->check(CLI::Range(0.001, 86400.0));
+}
+
+// Moves into private namespaces, and keeps in sight there whatever the command line names.
+void enter_sandbox(settings &wanted)
+{
+    sandbox::options options;
+    options.network = wanted.network;
+    options.keep = wanted.command;
+    for (const std::string &file : {wanted.config, wanted.script, wanted.directory}) {
+        if (!file.empty()) {
+            options.keep.push_back(file);
+        }
+    }
+    std::string error;
+    if (!sandbox::enter(options, error)) {
+        throw failure("no sandbox: " + error);
+    }
+    if (wanted.directory.empty()) {
+        wanted.directory = "/var/tmp"; // empty in there, and gone with the last process
+    }
+}
+
+// Turns the usual signals into an orderly end.
+class signal_watch {
+public:
+    explicit signal_watch(event_loop &loop) : loop_(loop)
+    {
+        (void)std::signal(SIGPIPE, SIG_IGN);
+        sigset_t ending;
+        sigemptyset(&ending);
+        for (const int each : {SIGINT, SIGTERM, SIGHUP}) {
+            sigaddset(&ending, each);
+        }
+        sigprocmask(SIG_BLOCK, &ending, nullptr);
+        descriptor_ = signalfd(-1, &ending, SFD_CLOEXEC);
+        loop_.watch(descriptor_, POLLIN, [this](short) { loop_.interrupt(); });
+    }
+    ~signal_watch()
+    {
+        loop_.forget(descriptor_);
+        close(descriptor_);
+    }
+    signal_watch(const signal_watch &) = delete;
+    signal_watch &operator=(const signal_watch &) = delete;
+
+private:
+    event_loop &loop_;
+    int descriptor_ = -1;
+};
+
+// Carries out commands until they end, or one of a script fails. Returns the exit status.
+int converse(input &source, interpreter &commands, const event_loop &loop, const console &out)
+{
+    while (!commands.has_quit()) {
+        const std::optional<std::string> line = source.next_line();
+        if (!line) {
+            break;
+        }
+        if (source.is_script() && line->find_first_not_of(" \t\r") != std::string::npos) {
+            out.print("> " + *line);
+        }
+        if (!commands.run(*line) && source.is_script()) {
+            std::cerr << source.position() << ": " << commands.error() << '\n';
+            return failed;
+        }
+    }
+    return loop.is_interrupted() ? failed : 0;
+}
+
+int simulate(settings &wanted, bool with_command)
+{
+    if (with_command) {
+        enter_sandbox(wanted);
+    }
+    console out;
+    event_loop loop;
+    const signal_watch signals(loop);
+    tracer trace(out);
+    trace.enable(wanted.trace);
+    configuration config;
+    if (!wanted.config.empty()) {
+        config.load(wanted.config);
+        config.accept();
+    }
+    const std::unique_ptr<input> source =
+        wanted.script.empty() ? standard_input(loop, out) : script_input(loop, wanted.script);
+    const endpoints where(wanted.directory);
+    const seconds patience(wanted.timeout);
+    conf_daemon service(loop, out, trace, config, where, patience);
+    out.event("sockets in " + where.directory());
+    std::optional<child> program;
+    if (with_command) {
+        program.emplace(loop, out, wanted.command);
+    }
+    interpreter commands({loop, out, trace, config, service, patience});
+    return converse(*source, commands, loop, out);
+}
+
+} // namespace
+
+int main(int count, char **arguments)
+{
+    settings wanted;
+    CLI::App app("Plays the configuration daemon for plugins under development.", "confsim");
+    add_common_options(app, wanted);
+    CLI::App *run = app.add_subcommand(
+        "run", "The same in private namespaces, with a program that is started there");
+    add_common_options(*run, wanted);
+    run->add_flag("--network", wanted.network, "With a private network namespace, too");
+    run->add_option("COMMAND", wanted.command, "The program and its arguments, after --")
+        ->required();
+    try {
+        app.parse(count, arguments);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? 0 : wrong_usage;
+    }
+    try {
+        return simulate(wanted, run->parsed());
+    } catch (const std::exception &error) {
+        std::cerr << "confsim: " << error.what() << '\n';
+        return failed;
+    }
+}

@@ -1,0 +1,46 @@
+// The few things that confsim does with libxml2 trees, with owners and with exceptions.
+#ifndef CONFSIM_XML_H
+#define CONFSIM_XML_H
+
+#include <libxml/tree.h>
+
+#include <memory>
+#include <string>
+
+namespace confsim::xml {
+
+struct deleter {
+    void operator()(xmlNode *node) const { xmlFreeNode(node); }
+    void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
+};
+using node_ptr = std::unique_ptr<xmlNode, deleter>;
+using doc_ptr = std::unique_ptr<xmlDoc, deleter>;
+
+// Parse a text or a file; failure names `origin`, the line and the cause.
+[[nodiscard]] doc_ptr parse_text(const std::string &text, const std::string &origin);
+[[nodiscard]] doc_ptr parse_file(const std::string &file);
+
+[[nodiscard]] node_ptr element(const char *name);
+[[nodiscard]] node_ptr copy(const xmlNode *node);
+xmlNode *add(xmlNode *parent, const char *name, const std::string &text = "");
+void add(xmlNode *parent, node_ptr child);
+
+[[nodiscard]] const char *name(const xmlNode *node);
+
+// Element children are what matters in every tree here; these skip everything else.
+[[nodiscard]] xmlNode *first_element(const xmlNode *parent);
+[[nodiscard]] xmlNode *next_element(const xmlNode *node);
+[[nodiscard]] xmlNode *child(const xmlNode *parent, const char *name);
+
+// Text directly inside of a node, without surrounding element children; blank text is empty.
+[[nodiscard]] std::string text(const xmlNode *node);
+[[nodiscard]] std::string child_text(const xmlNode *parent, const char *name);
+[[nodiscard]] int child_number(const xmlNode *parent, const char *name);
+
+// One node, or all children of one, as indented lines (without a line break at the end).
+[[nodiscard]] std::string print(xmlNode *node);
+[[nodiscard]] std::string print_children(const xmlNode *parent);
+
+} // namespace confsim::xml
+
+#endif
