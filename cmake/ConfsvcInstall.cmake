@@ -7,7 +7,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INC
         COMPONENT development FILES_MATCHING PATTERN "*.h")
 
 # The file finds its prefix from where it stands, so an installed tree can be moved.
-file(RELATIVE_PATH CONFSVC_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "[^/]+" ".." CONFSVC_PC_TO_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 configure_file(${PROJECT_SOURCE_DIR}/src/lib/libconfsvc.pc.in libconfsvc.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libconfsvc.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

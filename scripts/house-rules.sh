@@ -79,7 +79,8 @@ check_all()
     matching "$runtime" <<<"$code" | report "C++ that needs its runtime"
     containers='string|vector|map|set|list|deque|function|thread|mutex|make_unique|shared_ptr'
     containers+='|make_shared|unordered_[a-z]+|[io]?[fs]?stream'
-    matching "\\bstd::($containers)\\b" <<<"$code" | report "what allocates or throws"
+    checked='(\.|->)(at|substr|starts_with|ends_with)\('
+    matching "\\bstd::($containers)\\b|$checked" <<<"$code" | report "what allocates or throws"
     matching '\b(strcpy|strcat|stpcpy|sprintf|vsprintf|gets|strtok|alloca)\(' <<<"$code" |
         report "C functions without a bound"
 

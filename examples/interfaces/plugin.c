@@ -9,13 +9,14 @@
  * SIGTERM, SIGINT or the daemon's kick-off, and joins the daemon again when that has been away.
  * Interfaces that it made stay when it ends.
  *
- * One thread, one loop, four callbacks. Messages go to the system log and to standard error.
+ * One thread, one loop, four callbacks (callbacks.c). Messages go to the system log and to standard
+ * error.
  */
+#include "callbacks.h"
 #include "interface.h"
 #include "link.h"
 
 #include "conf_api.h"
-#include "conf_misc.h"
 
 #include <errno.h>
 #include <libxml/parser.h>
@@ -30,129 +31,14 @@
 
 enum { REJOIN_MILLISECONDS = 2000 };
 
-static bool leaving;           /* the loop ends */
-static bool look_again = true; /* something may have changed the status of an interface */
-
-/* ---- Callbacks ----------------------------------------------------------------------------- */
-
-/*
- * A change of the configuration. Returning 0 accepts it. When this or another plugin refuses a
- * change, the daemon takes back what was accepted before in the same commit: it sends the opposite
- * change with CONFIG_OP_ROLLBACK, and the values to go back to are then the old ones.
- */
-static int on_configuration(int session_id, int oper, int more, int priority, const char *path)
-{
-    (void)session_id;
-    (void)more;
-    (void)priority;
-    char name[IFNAMSIZ];
-    int code = settings_read_name(path, name);
-    if (code != 0) {
-        return code;
-    }
-    look_again = true;
-    if ((oper & CONFIG_OP_RM) != 0) {
-        return interface_unconfigure(name);
-    }
-
-    const int old_values = (oper & CONFIG_OP_ROLLBACK) != 0;
-    xmlNode *pulled = NULL;
-    if (econf_plugin_pull(old_values, path, &pulled) != 0) {
-        return refuse(EIO, "interface %s: the daemon did not say its configuration", name);
-    }
-    struct settings wanted;
-    code = settings_read(pulled, name, &wanted);
-    xmlFreeNodeList(pulled);
-    return code != 0 ? code : interface_configure(name, &wanted);
-}
-
-/* The list of interfaces with their status; `filter` may name the one that is wanted. */
-static int on_status(int session_id, const char *path, const char *filter, xmlNode **status)
-{
-    (void)session_id;
-    (void)path;
-    struct link_states states = {NULL, 0, 0};
-    xmlNode *list = xmlNewNode(NULL, (const xmlChar *)"interfaces-state");
-    bool made = interface_look(&states) == 0 && list != NULL &&
-                xmlNewNs(list, (const xmlChar *)INTERFACES_NAMESPACE, NULL) != NULL;
-    for (size_t i = 0; i < states.count && made; ++i) {
-        if (filter != NULL && strcmp(filter, states.items[i].name) != 0) {
-            continue;
-        }
-        const struct interface *interface = interface_get(states.items[i].name);
-        xmlNode *node = interface == NULL ? NULL : state_xml(&states.items[i], &interface->view);
-        made = node != NULL && xmlAddChild(list, node) != NULL;
-    }
-    free(states.items);
-    if (!made) {
-        xmlFreeNode(list);
-        return refuse(EIO, "the status of the interfaces cannot be read");
-    }
-    *status = list; /* the library frees it */
-    return 0;
-}
-
-/* The text of the input element of that name, or null. */
-static const char *input_text(xmlNode *input, const char *name)
-{
-    for (xmlNode *node = input; node != NULL; node = node->next) {
-        if (node->type == XML_ELEMENT_NODE && xmlStrEqual(node->name, (const xmlChar *)name)) {
-            return conf_get_node_content(node);
-        }
-    }
-    return NULL;
-}
-
-/* reset-interface-counters: from now on the counters of the interface `name` count from zero. */
-static int on_reset_counters(int session_id, xmlNode *input, xmlNode **output)
-{
-    (void)session_id;
-    const char *name = input_text(input, "name");
-    if (name == NULL) {
-        return refuse(EINVAL, "reset-interface-counters: the name of the interface is missing");
-    }
-    time_t since;
-    if (interface_reset_counters(name, &since) != 0) {
-        return refuse(ENODEV, "reset-interface-counters: there is no interface %.32s", name);
-    }
-
-    char text[32];
-    state_time_text(since, text);
-    *output = xmlNewNode(NULL, (const xmlChar *)"discontinuity-time"); /* the library frees it */
-    if (*output == NULL) {
-        return refuse(ENOMEM, "reset-interface-counters: no memory for the answer");
-    }
-    xmlNodeAddContent(*output, (const xmlChar *)text);
-    return 0;
-}
-
-static void on_kick_off(void)
-{
-    syslog(LOG_NOTICE, "kicked off by the daemon");
-    leaving = true; /* the answer still goes out */
-}
+static bool leaving; /* the loop ends */
 
 /* ---- The daemon ---------------------------------------------------------------------------- */
 
 /* Registers and activates. Returns the socket to watch, or -1 when the daemon is not there. */
 static int join_daemon(void)
 {
-    static char reset_counters[] = "reset-interface-counters";
-    econf_config_cb_info_t configurations[] = {
-        {"/ietf-interfaces:interfaces/interface", 10, on_configuration},
-        {NULL, 0, NULL},
-    };
-    econf_status_cb_info_t statuses[] = {
-        {"/ietf-interfaces:interfaces-state", on_status},
-        {NULL, NULL},
-    };
-    econf_operate_cb_info_t operations[] = {
-        {reset_counters, on_reset_counters},
-        {NULL, NULL},
-    };
-    econf_plugin_subpub_info_t plugin = {configurations, statuses, operations, on_kick_off};
-
-    const int sock = econf_plugin_init("interfaces", &plugin);
+    const int sock = econf_plugin_init("interfaces", interfaces_callbacks());
     if (sock < 0) {
         return -1;
     }
@@ -203,13 +89,14 @@ static int serve(int signals, int changes)
 {
     enum { DAEMON, CHANGES, SIGNALS, SOURCES };
     int sock = -1;
-    while (!leaving) {
+    while (!leaving && !interfaces_events.kicked_off) {
         if (sock < 0) {
             sock = join_daemon();
-            look_again = true; /* something may have changed while the daemon was away */
+            interfaces_events.changed =
+                true; /* something may have changed while the daemon was away */
         }
-        if (sock >= 0 && look_again) {
-            look_again = false;
+        if (sock >= 0 && interfaces_events.changed) {
+            interfaces_events.changed = false;
             report_changes(notify_daemon);
         }
 
@@ -227,7 +114,7 @@ static int serve(int signals, int changes)
         }
         if (sources[CHANGES].revents != 0) {
             link_watch_drain(changes);
-            look_again = true;
+            interfaces_events.changed = true;
         }
         if ((sources[DAEMON].revents & POLLIN) != 0) {
             econf_plugin_run();

@@ -17,7 +17,6 @@
 #include <fcntl.h>
 #include <memory>
 #include <pthread.h>
-#include <string_view>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -119,9 +118,9 @@ void safety_syslog(int priority, const char *format, ...)
         *text = '\0';
     }
 
-    const std::string_view sent(text.get());
-    if (sent.size() > 2 && !sent.starts_with("#%")) {
-        REG_RemarkKeyInfo(text.get(), static_cast<int>(sent.size()));
+    const std::size_t sent = std::strlen(text.get());
+    if (sent > 2 && std::strncmp(text.get(), "#%", 2) != 0) {
+        REG_RemarkKeyInfo(text.get(), static_cast<int>(sent));
     }
     syslog(priority, "%s", text.get());
     support::wipe(text.get(), written); // a zero character (%c) may have left more than was sent

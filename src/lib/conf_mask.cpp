@@ -140,6 +140,7 @@ struct line_end {
 
 line_end line_end_of(std::uint32_t newline)
 {
+    using std::string_view_literals::operator""sv;
     switch (newline) {
     case PCRE2_NEWLINE_CR:
         return {"\r"};
@@ -150,19 +151,10 @@ line_end line_end_of(std::uint32_t newline)
     case PCRE2_NEWLINE_ANYCRLF:
         return {"\n\r", true};
     case PCRE2_NEWLINE_NUL:
-        return {std::string_view("", 1)};
+        return {"\0"sv};
     default:
         return {"\n"};
     }
-}
-
-std::size_t find(std::string_view text, std::string_view literal, std::size_t from)
-{
-    const void *found =
-        memmem(text.data() + from, text.size() - from, literal.data(), literal.size());
-    return found == nullptr
-               ? npos
-               : static_cast<std::size_t>(static_cast<const char *>(found) - text.data());
 }
 
 // The begin of the line that holds `position`, not searched for in front of `from`. The rest of a
@@ -177,7 +169,7 @@ std::size_t line_begin(std::string_view text, line_end end, std::size_t from, st
 std::size_t line_finish(std::string_view text, line_end end, std::size_t position)
 {
     return std::min(text.size(), end.each ? text.find_first_of(end.bytes, position)
-                                          : find(text, end.bytes, position));
+                                          : text.find(end.bytes, position));
 }
 
 // ---- table --------------------------------------------------------------------------------------
@@ -248,9 +240,9 @@ struct match_text {
     }
 };
 
-void mask_groups(std::span<char> text, const PCRE2_SIZE *offsets, int count)
+void mask_groups(std::span<char> text, const PCRE2_SIZE *offsets, std::size_t count)
 {
-    for (int group = 1; group < count; ++group) {
+    for (std::size_t group = 1; group < count; ++group) {
         const PCRE2_SIZE begin = offsets[2 * group];
         const PCRE2_SIZE end = offsets[2 * group + 1];
         if (begin < end) { // both are PCRE2_UNSET for a group that took no part
@@ -310,7 +302,7 @@ int REG_RemarkInfo(pcre2_code_8 *re, char *buf, int dataLen)
             }
             return 1;
         } else {
-            mask_groups(text.bytes, offsets, count);
+            mask_groups(text.bytes, offsets, static_cast<std::size_t>(count));
         }
 
         from = end;
@@ -338,7 +330,7 @@ void _conf_mask_values(std::span<char> text, std::size_t pattern, std::uint32_t 
     const std::string_view searched = view(text);
     const line_end end = line_end_of(newline);
     std::size_t from = 0;
-    for (std::size_t found; (found = find(searched, keyword, from)) != npos;) {
+    for (std::size_t found; (found = searched.find(keyword, from)) != npos;) {
         const std::size_t begin = line_begin(searched, end, from, found);
         from = line_finish(searched, end, found);
         forms[pattern % 3](text.subspan(begin, from - begin), keyword);

@@ -40,7 +40,7 @@ editing)
     ends_with 0 run --config running.xml --script editing.confsim -- true
     ;;
 commit)
-    ends_with 0 run --timeout 1 --script commit.confsim -- "$plugin"
+    ends_with 0 run --timeout 2 --script commit.confsim -- "$plugin"
     says "ended with exit status 3"
     ;;
 start)
@@ -66,8 +66,8 @@ exits)
     ends_with 1 run --script running.xml -- true
     says 'running.xml:1: there is no command <config>'
     ends_with 1 run --config editing.confsim -- true
-    ends_with 1 run --script hostile.confsim --timeout 0.1 -- /nothing/there
-    says 'hostile.confsim:2: plugin good was not activated in time'
+    ends_with 1 run --script trace.confsim --timeout 0.1 -- /nothing/there
+    says 'trace.confsim:2: plugin good was not activated in time'
     says 'ended with exit status 127'
     # Inside, the profile belongs to the confsim outside.
     ends_with 1 run --script trace.confsim --timeout 1 -- "$confsim"

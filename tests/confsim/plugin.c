@@ -46,7 +46,7 @@ static int on_config(int session_id, int oper, int more, int priority, const cha
     snprintf(journal + used, sizeof journal - used, "[oper %x more %d prio %d %s %s was %s]",
              (unsigned)oper, more, priority, path, value, old_value);
     if (strcmp(value, "stall") == 0) {
-        sleep(2);
+        sleep(4);
     }
     if (strcmp(value, "die") == 0) {
         _exit(3);

@@ -107,7 +107,7 @@ std::vector<std::string> Peer::received()
 
 std::string Peer::answer(const std::string &content)
 {
-    const std::string request = receive();
+    std::string request = receive();
     const std::size_t id = request.rfind("<id>") + 4;
     if (!request.empty()) {
         send(framed(reply(content, request.substr(id, request.find('<', id) - id))));
@@ -148,7 +148,7 @@ FakeDaemon::FakeDaemon() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC,
         << R"({"working-dir": ")" << directory << R"("})";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, socket_path);
+    std::string(socket_path).copy(address.sun_path, sizeof address.sun_path - 1);
     if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
         listen(listener_, 8) != 0) {
         ADD_FAILURE() << "no socket for the fake daemon: " << std::strerror(errno);

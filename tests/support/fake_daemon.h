@@ -84,6 +84,15 @@ private:
     std::thread thread_;
 };
 
+// An element that is freed at the end of its scope.
+struct Tree {
+    explicit Tree(const std::string &text) : node(parse(text)) {}
+    ~Tree() { xmlFreeNode(node); }
+    Tree(const Tree &) = delete;
+    Tree &operator=(const Tree &) = delete;
+    xmlNode *node;
+};
+
 // A callback of any kind as it stands in the callback table.
 template <typename callback>
 econf_subpub_cb_t slot(callback function)

@@ -5,9 +5,11 @@
 
 #include <libxml/parser.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -95,6 +97,24 @@ int open_descriptors()
         ++count;
     }
     return count;
+}
+
+int without_descriptors(const std::function<int()> &call)
+{
+    rlimit before{};
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int result = call();
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    return result;
+}
+
+std::string place(const void *pointer)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", pointer);
+    return text;
 }
 
 xmlNode *parse(const std::string &text)

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <libxml/tree.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,12 @@ std::vector<std::string> take_system_texts();
 
 // The number of open descriptors of this process.
 int open_descriptors();
+
+// What `call` returns while no descriptor can be had.
+int without_descriptors(const std::function<int()> &call);
+
+// A pointer as the logs show it.
+std::string place(const void *pointer);
 
 // Parses and prints one element; parse() gives a tree that belongs to no document.
 xmlNode *parse(const std::string &text);

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <malloc.h>
 #include <optional>
 #include <set>
 #include <string>
@@ -22,6 +23,7 @@ struct xml_memory {
     bool all_after = false;  // whether all after it fail too
     bool failed = false;     // whether one has failed
     std::set<void *> blocks; // allocated and not yet freed
+    int secrets = 0;         // blocks freed that began with the text "secret"
 
     void fail_at(long number, bool and_all_after)
     {
@@ -54,6 +56,9 @@ inline xml_memory &xml_heap = *new xml_memory; // libxml2 frees its last blocks 
 inline const int xml_memory_replaced = xmlMemSetup(
     [](void *block) {
         xml_heap.blocks.erase(block);
+        if (malloc_usable_size(block) > 6 && std::memcmp(block, "secret", 6) == 0) {
+            ++xml_heap.secrets;
+        }
         std::free(block);
     },
     [](std::size_t size) { return xml_heap.allocate(nullptr, size); },

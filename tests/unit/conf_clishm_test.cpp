@@ -271,21 +271,21 @@ TEST_F(ClientTable, ReportsWhatFails)
 
 // ---- one lock for all ---------------------------------------------------------------------------
 
-// A process that dies while it copies a record holds the lock.
-TEST_F(ClientTable, IsUnlockedWhenItsUserDies)
+// The record lies where no process can reach it: it dies while it copies.
+TEST_F(ClientTable, IsLockedByEachCallAndUnlockedWhenTheCallerDies)
 {
     void *page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     auto *nowhere = static_cast<conf_cli_info_t *>(page);
     both_ways(2, [&] {
         EXPECT_EQ(save(record(5, 50)), 0);
-        for (const auto &call :
-             {std::function<int()>([&] { return conf_save_client_info(nowhere); }),
-              std::function<int()>([&] { return conf_get_client_info(5, nowhere); })}) {
-            const int status = wait_status(start_process([&] {
-                (void)std::signal(SIGSEGV, SIG_DFL);
-                return call();
-            }));
-            EXPECT_TRUE(WIFSIGNALED(status)) << status;
+        for (const bool saves : {true, false}) {
+            const pid_t child = start_process([=] {
+                (void)std::signal(SIGSEGV, [](int) {
+                    _exit(semctl(semaphore(), 0, GETVAL) == 0 ? 3 : 4); // 0 when it is locked
+                });
+                return saves ? conf_save_client_info(nowhere) : conf_get_client_info(5, nowhere);
+            });
+            EXPECT_EQ(WEXITSTATUS(wait_status(child)), 3) << saves;
             EXPECT_EQ(look_up(5), 50);
         }
         EXPECT_EQ(save(record(6)), 0) << "nothing of the record that was being saved";
@@ -293,23 +293,33 @@ TEST_F(ClientTable, IsUnlockedWhenItsUserDies)
     munmap(page, 4096);
 }
 
-TEST_F(ClientTable, WaitsOnAfterASignal)
+TEST_F(ClientTable, IsWaitedForAlsoAfterASignal)
 {
-    both_ways(1, [] {
-        semctl(semaphore(), 0, SETVAL, 0);
-        const pid_t child = start_process([] {
-            struct sigaction action {};
-            action.sa_handler = [](int) {};
-            sigaction(SIGUSR1, &action, nullptr);
-            return save(record(5));
-        });
-        while (semctl(semaphore(), 0, GETNCNT) == 0) {
-            std::this_thread::yield();
+    const std::function<int()> calls[] = {[] { return save(record(5, 50)); },
+                                          [] { return look_up(5) - 50; },
+                                          [] {
+                                              conf_free_client_info(5);
+                                              return 0;
+                                          }};
+    both_ways(1, [&] {
+        for (const auto &call : calls) {
+            semctl(semaphore(), 0, SETVAL, 0);
+            const pid_t child = start_process([&] {
+                struct sigaction action {};
+                action.sa_handler = [](int) {};
+                sigaction(SIGUSR1, &action, nullptr);
+                return call();
+            });
+            siginfo_t ended{};
+            while (semctl(semaphore(), 0, GETNCNT) == 0 && ended.si_pid == 0) {
+                waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
+            }
+            EXPECT_EQ(ended.si_pid, 0) << "did not wait";
+            kill(child, SIGUSR1);
+            usleep(10000);
+            semctl(semaphore(), 0, SETVAL, 1);
+            EXPECT_EQ(wait_status(child), 0);
         }
-        kill(child, SIGUSR1);
-        usleep(10000);
-        semctl(semaphore(), 0, SETVAL, 1);
-        EXPECT_EQ(wait_status(child), 0);
     });
     EXPECT_EQ(take_system_texts(), texts());
 }

@@ -4,14 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
+#include <sstream>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -70,15 +69,13 @@ TEST_F(DebugFileTest, LineFormat)
     _conf_write_log(DBG_INFO, "one %s", "two");
     _conf_write_log(DBG_MSG, "<password>shown</password>");
     const std::string text = content(debug_path);
-    std::smatch parts;
-    ASSERT_TRUE(std::regex_match(
-        text, parts,
-        std::regex(
-            "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d)\\[INFO\\] - one two\r\n"
-            "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\[MSG\\] - <password>shown</password>\r\n")))
-        << text;
+    std::string shape = text;
+    std::replace_if(
+        shape.begin(), shape.end(), [](char c) { return c >= '0' && c <= '9'; }, '#');
+    EXPECT_EQ(shape, "####-##-## ##:##:##[INFO] - one two\r\n"
+                     "####-##-## ##:##:##[MSG] - <password>shown</password>\r\n");
     std::tm stamp{};
-    ASSERT_NE(strptime(parts[1].str().c_str(), "%Y-%m-%d %H:%M:%S", &stamp), nullptr);
+    ASSERT_NE(strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &stamp), nullptr);
     stamp.tm_isdst = -1;
     const std::time_t written = std::mktime(&stamp);
     EXPECT_GE(written, before);
@@ -95,7 +92,7 @@ TEST_F(DebugFileTest, TextLimits)
 
     test::clear_debug_file();
     const char *volatile no_format = nullptr;
-    _conf_write_log(DBG_ERROR, no_format);
+    _conf_write_log(DBG_ERROR, no_format, 1);
     EXPECT_TRUE(fs::exists(debug_path));
     EXPECT_EQ(content(debug_path), "");
 }
@@ -155,12 +152,8 @@ TEST_F(DebugFileTest, EnableChecksAFileOfItsOwn)
 
     std::string missing = "/var/log/missing/other.log";
     EXPECT_EQ(conf_dbg_enable(0, missing.data()), -1);
-    const std::vector<std::string> log = test::take_system_log();
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_TRUE(std::regex_match(
-        log[0], std::regex("<11>\\[ERROR\\]conf_debug.cpp:\\d+:conf_dbg_enable "
-                           "Open file failed\\(No such file or directory\\)\\.\n")))
-        << log[0];
+    EXPECT_EQ(test::take_system_texts(),
+              std::vector<std::string>{"<11>[ERROR] Open file failed(No such file or directory)."});
 }
 
 TEST_F(SystemLogTest, PrioritiesMaskingAndEscape)
@@ -186,20 +179,20 @@ TEST_F(SystemLogTest, PrioritiesMaskingAndEscape)
 
 TEST_F(SystemLogTest, MacrosPutThePlaceInFront)
 {
+    constexpr int line = __LINE__;
     LOG_SYSTEM_ERROR("a %d.", 1);
     LOG_SYSTEM_WARN("b");
     LOG_SYSTEM_INFO("c");
     LOG_SYSTEM_DEBUG("d %s", "e");
-    std::string all;
-    for (const std::string &message : test::take_system_log()) {
-        all += message;
-    }
-    EXPECT_TRUE(
-        std::regex_match(all, std::regex("<11>\\[ERROR\\]conf_debug_test.cpp:\\d+:TestBody a 1\\.\n"
-                                         "<12>\\[WARN\\]conf_debug_test.cpp:\\d+:TestBody b\n"
-                                         "<14>\\[INFO\\]conf_debug_test.cpp:\\d+ c\n"
-                                         "<15>\\[DEBUG\\]conf_debug_test.cpp:\\d+:TestBody d e\n")))
-        << all;
+    const auto place = [](int after) {
+        return "conf_debug_test.cpp:" + std::to_string(line + after);
+    };
+    EXPECT_EQ(test::take_system_log(), (std::vector<std::string>{
+                                           "<11>[ERROR]" + place(1) + ":TestBody a 1.\n",
+                                           "<12>[WARN]" + place(2) + ":TestBody b\n",
+                                           "<14>[INFO]" + place(3) + " c\n",
+                                           "<15>[DEBUG]" + place(4) + ":TestBody d e\n",
+                                       }));
 }
 
 TEST_F(SystemLogTest, TextLimits)
@@ -240,8 +233,9 @@ int occurrences()
     for (std::string line; std::getline(maps, line);) {
         unsigned long begin = 0;
         unsigned long end = 0;
-        char access[5] = "";
-        std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, access);
+        char dash = '-';
+        std::string access;
+        std::istringstream(line) >> std::hex >> begin >> dash >> end >> access;
         if (access[1] != 'w' || end - begin > limit) {
             continue;
         }

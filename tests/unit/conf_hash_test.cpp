@@ -8,12 +8,6 @@
 #include <memory>
 #include <random>
 
-// AddressSanitizer, where it is built in, asks this whether a failed allocation ends the program.
-extern "C" const char *__asan_default_options()
-{
-    return "allocator_may_return_null=1";
-}
-
 namespace {
 
 struct destroy {

@@ -6,12 +6,12 @@
 
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 #include <random>
 
 namespace {
 
+using test::place;
 using texts = std::vector<std::string>;
 
 struct destroy {
@@ -22,13 +22,6 @@ using vector_owner = std::unique_ptr<conf_vec_t, destroy>;
 void *element(std::uintptr_t number)
 {
     return reinterpret_cast<void *>(number);
-}
-
-std::string place(const void *pointer)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%p", pointer);
-    return text;
 }
 
 std::vector<void *> released;

@@ -3,10 +3,12 @@
 #include "conf_plugin/wire.h"
 #include "test_support.h"
 
+#include <array>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -26,6 +28,29 @@ std::string padded(const std::string &text, std::size_t size)
 {
     return text + std::string(size - text.size(), ' ');
 }
+
+// Pages that nobody may read. Linux puts a mapping in front of the last one where it fits, so a
+// text that is read beyond the end of its mapping hits them.
+class guard_pages {
+public:
+    guard_pages()
+    {
+        for (void *&page : pages) {
+            page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        }
+    }
+    ~guard_pages()
+    {
+        for (void *page : pages) {
+            munmap(page, 4096);
+        }
+    }
+    guard_pages(const guard_pages &) = delete;
+    guard_pages &operator=(const guard_pages &) = delete;
+
+private:
+    std::array<void *, 64> pages{};
+};
 
 class Endpoint : public test::Fixture {
 protected:
@@ -81,6 +106,7 @@ TEST_F(Endpoint, UsesTheLastDirectoryThatTheProfileNames)
     char *directory = nullptr;
     for (const auto &[text, expected] : cases) {
         use(file(text));
+        const guard_pages behind;
         EXPECT_EQ(conf_load_config(&directory), 0) << text.substr(0, 80);
         EXPECT_EQ(paths(), below(expected)) << text.substr(0, 80);
         EXPECT_EQ(directory, expected);

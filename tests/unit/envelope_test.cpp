@@ -69,7 +69,9 @@ TEST_F(Envelope, OwnsWhatItWasGivenWhenMemoryRunsOut)
             if (!content || add_text(content.get(), "p", "secret") == nullptr) {
                 return {};
             }
+            const int found = test::xml_heap.secrets;
             const node_ptr root(build(content.release()));
+            EXPECT_EQ(test::xml_heap.secrets, found) << "wiped before it is freed";
             test::xml_heap.work_again();
             return root ? std::optional(print(root.get())) : std::nullopt;
         };

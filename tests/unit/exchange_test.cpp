@@ -56,14 +56,6 @@ extern "C" int epoll_wait(int fd, epoll_event *events, int count, int limit)
 
 namespace {
 
-struct tree {
-    explicit tree(const std::string &text) : node(test::parse(text)) {}
-    ~tree() { xmlFreeNode(node); }
-    tree(const tree &) = delete;
-    tree &operator=(const tree &) = delete;
-    xmlNode *node;
-};
-
 class ExchangeTest : public test::PluginFixture {
 protected:
     void SetUp() override
@@ -78,7 +70,7 @@ protected:
     // A request with the id that is due; returns what _syn_send_rpc returned, and the reply.
     int exchange(const std::string &params = "<params/>")
     {
-        const tree request(test::rpc("pull", params, std::to_string(context->rpc_id)));
+        const test::Tree request(test::rpc("pull", params, std::to_string(context->rpc_id)));
         xmlNode *node = nullptr;
         const int result = _syn_send_rpc(get_plugin_from_hash(), request.node, &node);
         answer = node == nullptr ? "" : test::print(node);
@@ -88,7 +80,7 @@ protected:
 
     int send_reply(const std::string &content)
     {
-        const tree node(test::reply(content, "8"));
+        const test::Tree node(test::reply(content, "8"));
         return _syn_send_reply(get_plugin_from_hash(), node.node);
     }
 
@@ -386,14 +378,14 @@ TEST_F(ExchangeTest, SimpleRequestTellsResultFromError)
     for (const auto &c : cases) {
         test::clear_debug_file();
         daemon->play([&](test::Peer &p) { p.answer(c.content); });
-        const tree request(test::rpc("push", "<params/>", std::to_string(context->rpc_id)));
+        const test::Tree request(test::rpc("push", "<params/>", std::to_string(context->rpc_id)));
         EXPECT_EQ(_plugin_single_rpc_send(get_plugin_from_hash(), request.node), c.result);
         daemon->finish();
         EXPECT_EQ(errors(), c.errors);
     }
     peer->close();
     test::clear_debug_file();
-    const tree request(test::rpc("push", "<params/>", "7"));
+    const test::Tree request(test::rpc("push", "<params/>", "7"));
     EXPECT_EQ(_plugin_single_rpc_send(get_plugin_from_hash(), request.node), -1);
     EXPECT_EQ(errors(), (strings{"An error epoll event occur(0x?).",
                                  "Plugin demo send rpc to confd failed."}));

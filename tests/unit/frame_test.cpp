@@ -284,7 +284,9 @@ TEST_F(Frame, FindsTheMessagesOfAnyStreamAtEverySplit)
         }
     }
 
-    std::mt19937 random(1);
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::mt19937 random(seed);
     const texts parts = {one,
                          two,
                          "ab",

@@ -17,6 +17,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using texts = std::vector<std::string>;
 
 std::vector<unsigned> slept;              // the pauses, in seconds
@@ -140,7 +141,6 @@ protected:
 
 TEST_F(Notify, SendsOneDatagramWithoutAnythingAdded)
 {
-    using std::string_literals::operator""s;
     EXPECT_EQ(notify_element(event, "<x/>"), 0);
     EXPECT_EQ(notify_element(event, "<a k='1'>&lt;<b> </b></a>"), 0);
     EXPECT_EQ(notify_text(event, ""), 0);
@@ -231,7 +231,7 @@ TEST_F(Notify, RetriesWhileTheQueueIsFull)
     EXPECT_EQ(notify_nonblock(event, "third"), 0);
     EXPECT_EQ(slept.size(), 2U);
     EXPECT_EQ(test::take_system_texts(), texts{sent_line(6, 2)});
-    EXPECT_EQ(received(), texts{std::string("third", 6)});
+    EXPECT_EQ(received(), texts{"third\0"s});
 
     const struct {
         std::vector<int> errors;

@@ -187,7 +187,9 @@ TEST_F(Path, Examples)
 
 TEST_F(Path, FollowsTheRulesForAnyText)
 {
-    std::mt19937 random(1);
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE(::testing::Message() << "seed " << seed);
+    std::mt19937 random(seed);
     const auto text = [&](const string &alphabet) {
         string made(random() % 20, '\0');
         std::generate(made.begin(), made.end(),

@@ -2,7 +2,6 @@
 #include "fake_daemon.h"
 
 #include <cstdarg>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/socket.h>
@@ -208,7 +207,7 @@ TEST_F(RegistrationTest, RefusesWithoutConnecting)
         EXPECT_EQ(get_plugin_context(), nullptr);
 
         sockaddr_un address{AF_UNIX, {}}; // for the second round: a file that nobody listens at
-        std::strcpy(address.sun_path, g_conf_plugin_socket);
+        std::string(g_conf_plugin_socket).copy(address.sun_path, sizeof address.sun_path - 1);
         const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
         (void)bind(sock, reinterpret_cast<sockaddr *>(&address), sizeof address);
         close(sock);

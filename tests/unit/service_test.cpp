@@ -82,6 +82,11 @@ int room_for_clients(const char *path)
     return static_cast<int>(clients.size()) - 1;
 }
 
+void use_path(const service &s, const std::string &path)
+{
+    std::snprintf(s.path, sizeof s.path, "%s", path.c_str());
+}
+
 bool exists(const std::string &path)
 {
     return std::filesystem::exists(std::filesystem::symlink_status(path));
@@ -126,7 +131,7 @@ TEST_F(Service, CutsALongPath)
     for (const service &s : services) {
         const std::string before = s.path;
         const std::string path = "/var/tmp/" + std::string(200, 'x');
-        std::strcpy(s.path, path.c_str());
+        use_path(s, path);
         for (const int again : {1, 2}) {
             const int sock = s.enable();
             EXPECT_GE(sock, 0) << s.name << again;
@@ -134,7 +139,7 @@ TEST_F(Service, CutsALongPath)
             again == 1 ? (void)close(sock) : s.disable(sock);
         }
         EXPECT_FALSE(exists(path.substr(0, 107))) << s.name;
-        std::strcpy(s.path, before.c_str());
+        use_path(s, before);
     }
 }
 
@@ -170,7 +175,7 @@ TEST_F(Service, ReportsWhatFails)
 {
     for (const service &s : services) {
         const std::string before = s.path;
-        std::strcpy(s.path, "/var/tmp/missing/socket");
+        use_path(s, "/var/tmp/missing/socket");
         test::clear_debug_file();
         const mode_t outer = umask(022);
         EXPECT_EQ(s.enable(), -1);
@@ -192,7 +197,7 @@ TEST_F(Service, ReportsWhatFails)
                   s.in_system_log
                       ? texts{"<11>[ERROR] Create agent socket failed(Too many open files)."}
                       : texts()); // the debug file cannot be opened either
-        std::strcpy(s.path, before.c_str());
+        use_path(s, before);
     }
 }
 

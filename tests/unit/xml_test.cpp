@@ -119,6 +119,15 @@ TEST_F(Xml, WipesTextsAndNothingElse)
     EXPECT_EQ(print(list.get()), "<l><a>first</a><b></b></l>");
     EXPECT_EQ(std::memcmp(third->content, "\0\0\0\0\0\0", 6), 0);
 
+    // Nothing that is freed holds a text: the document of a body, and a tree that is let go.
+    const int found = xml_heap.secrets;
+    xmlFreeNode(test::parse("<a>secret</a>"));
+    EXPECT_EQ(xml_heap.secrets, found + 2) << "the check itself";
+    for (const char *body : {"<a>secret</a>", "<a xml:lang='en'>secret<b>secret</b></a>"}) {
+        wiped_node(parsed(body).root).reset();
+    }
+    EXPECT_EQ(xml_heap.secrets, found + 2);
+
     // Short texts that a dictionary shares with names.
     xmlDoc *shared = xmlReadMemory("<ab>ab</ab>", 11, nullptr, nullptr, 0);
     clean_xml_content(xmlDocGetRootElement(shared));
@@ -201,6 +210,29 @@ TEST_F(Xml, AddsChildren)
     EXPECT_EQ(copy_list(nullptr), nullptr);
 }
 
+TEST_F(Xml, TakesChildrenOutOfATreeThatGoes)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"<r><d/></r>", ""},
+        {"<r><d><a>1</a>text<b/></d></r>", "<a>1</a>text<b/>"},
+        {"<r><d><a xmlns='u:1'/></d><e xmlns='u:2'/></r>", "<a xmlns=\"u:1\"/>"},
+        {"<r xmlns:p='u:1'><d><p:a/>text<b p:k='1'/></d></r>",
+         "<p:a xmlns:p=\"u:1\"/>text<b xmlns:p=\"u:1\" p:k=\"1\"/>"},
+        {"<r><d xmlns='u:1'><a><b/></a></d></r>", "<a xmlns=\"u:1\"><b/></a>"},
+    };
+    for (const auto &[text, expected] : cases) {
+        node_ptr root(test::parse(text));
+        const node_list list(take_children(root->children));
+        root.reset();
+        std::string printed;
+        for (xmlNode *node = list.get(); node != nullptr; node = node->next) {
+            EXPECT_EQ(node->parent, nullptr);
+            printed += print(node);
+        }
+        EXPECT_EQ(printed, expected);
+    }
+}
+
 TEST_F(Xml, PrintsOneNode)
 {
     const node_ptr root(test::parse("<l><x/><y>&lt;</y></l>"));
@@ -264,6 +296,12 @@ TEST_F(Xml, GivesTheWholeResultOrNoneWhenMemoryRunsOut)
         return copy && add_children(parent, copy.get()) ? copy.release() : nullptr;
     };
     test::expect_whole_or_nothing("children", leaks::of_libxml2, adding(add_copies));
+    const auto take_copies = [&](xmlNode *parent) -> xmlNode * {
+        const node_ptr root(parsed("<r xmlns:p='u:2'><p:a p:k='1'>one</p:a><b/></r>").root);
+        node_list taken(root ? take_children(root.get()) : nullptr);
+        return taken && add_children(parent, taken.get()) ? taken.release() : nullptr;
+    };
+    test::expect_whole_or_nothing("children taken", leaks::of_libxml2, adding(take_copies));
     test::expect_whole_or_nothing("print", leaks::none, [&]() -> std::optional<std::string> {
         const node_text printed(large.get());
         if (printed.result() != node_text::outcome::made) {

@@ -26,6 +26,7 @@ constexpr seconds grace(2);
 [[noreturn]] void become(const std::vector<std::string> &command)
 {
     std::vector<char *> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string &each : command) {
         arguments.push_back(const_cast<char *>(each.c_str()));
     }

@@ -205,12 +205,12 @@ void conf_daemon::start(const plugin_ptr &whom, int kind)
     std::vector<publication> all = publications({whom}, differences(nothing, config_.running()));
     for (std::size_t i = 0; i < all.size(); ++i) {
         all[i].oper |= kind;
-        const std::string where = to_text(all[i].where);
+        const std::string complaint =
+            "plugin " + whom->name + " did not take over " + to_text(all[i].where) + ": ";
         whom->ask("publish", publish_params(all[i], i + 1 < all.size()),
-                  [this, name = whom->name, where](const answer &got) {
+                  [this, complaint](const answer &got) {
                       if (!got.is_result()) {
-                          out_.event("plugin " + name + " did not take over " + where + ": " +
-                                     got.in_words());
+                          out_.event(complaint + got.in_words());
                       }
                   });
     }

@@ -8,6 +8,13 @@
 
 namespace confsim {
 
+namespace {
+
+// In milliseconds; whoever waits longer simply waits again.
+constexpr long long longest_wait = 3600000;
+
+} // namespace
+
 steady_clock::time_point after(seconds delay)
 {
     return steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(delay);
@@ -74,7 +81,7 @@ void event_loop::serve_once(steady_clock::time_point deadline)
     if (deadline != steady_clock::time_point::max()) {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
-        wait = static_cast<int>(std::clamp<long>(left.count(), 0, 3600 * 1000));
+        wait = static_cast<int>(std::clamp<long long>(left.count(), 0, longest_wait));
     }
     if (poll(polled.data(), polled.size(), wait) < 0 && errno != EINTR) {
         throw std::system_error(errno, std::generic_category(), "poll");

@@ -144,9 +144,7 @@ int simulate(settings &wanted, bool with_command)
     return converse(*source, commands, loop, out);
 }
 
-} // namespace
-
-int main(int count, char **arguments)
+int parse_and_simulate(int count, char **arguments)
 {
     settings wanted;
     CLI::App app("Plays the configuration daemon for plugins under development.", "confsim");
@@ -162,10 +160,17 @@ int main(int count, char **arguments)
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : wrong_usage;
     }
+    return simulate(wanted, run->parsed());
+}
+
+} // namespace
+
+int main(int count, char **arguments)
+{
     try {
-        return simulate(wanted, run->parsed());
+        return parse_and_simulate(count, arguments);
     } catch (const std::exception &error) {
-        std::cerr << "confsim: " << error.what() << '\n';
+        std::fprintf(stderr, "confsim: %s\n", error.what());
         return failed;
     }
 }

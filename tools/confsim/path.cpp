@@ -46,7 +46,7 @@ private:
     std::string take_until(const char *ends)
     {
         const std::size_t end = std::min(text_.find_first_of(ends, at_), text_.size());
-        const std::string taken = text_.substr(at_, end - at_);
+        std::string taken = text_.substr(at_, end - at_);
         at_ = end;
         return taken;
     }
