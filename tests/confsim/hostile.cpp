@@ -111,7 +111,7 @@ const attack attacks[] = {
      [](const peer &me) { return me.send(std::string(5000, 'x')) && me.still_answers(); }},
     {"a header that announces too much is skipped",
      [](const peer &me) { return me.send(head(0xfffffff0U)) && me.still_answers(); }},
-    {"many such headers are skipped in time",
+    {"many such headers are skipped",
      [](const peer &me) {
          return me.send(repeated(head(0x7fffffffU), 50000)) && me.still_answers();
      }},

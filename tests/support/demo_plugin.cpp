@@ -106,12 +106,12 @@ std::string list_of(const xmlNode *node)
     return text;
 }
 
-int old_config(int oper, int more, int priority, const char *path)
+int old_config(int oper, int more, int priority, char *path)
 {
     return called_back("config " + numbers({oper, more, priority}) + text_of(path));
 }
 
-int old_status(const char *path, const char *filter, xmlNode **status)
+int old_status(char *path, char *filter, xmlNode **status)
 {
     return called_back("status " + text_of(path) + ' ' + text_of(filter), nullptr, status);
 }

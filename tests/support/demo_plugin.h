@@ -33,8 +33,8 @@ std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text);
 std::string list_of(const xmlNode *node); // printed
 
 // The callbacks with the older signatures.
-int old_config(int oper, int more, int priority, const char *path);
-int old_status(const char *path, const char *filter, xmlNode **status);
+int old_config(int oper, int more, int priority, char *path);
+int old_status(char *path, char *filter, xmlNode **status);
 int old_operate(xmlNode *input, xmlNode **output);
 
 // Requests with the id 17. The demo plugin's callbacks are 1 configuration, 2 status, 3 operation;

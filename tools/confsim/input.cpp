@@ -3,11 +3,13 @@
 
 #include "failure.h"
 
-#include <editline/readline.h>
+#include <histedit.h>
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
+#include <clocale>
+#include <cstdio>
+#include <cwchar>
 #include <fcntl.h>
 #include <poll.h>
 #include <system_error>
@@ -71,42 +73,46 @@ private:
     int number_ = 0;
 };
 
-// There is one terminal, and libedit keeps its state in globals as well.
+// The loop runs while libedit waits for a key; what is printed meanwhile goes above the line.
 class terminal final : public input {
 public:
-    terminal(event_loop &loop, console &out) : loop_(loop), out_(out)
+    terminal(event_loop &loop, console &out)
+        : loop_(loop), out_(out), editor_(el_init("confsim", stdin, stdout, stderr)),
+          history_(history_init())
     {
-        rl_callback_handler_install("confsim> ", take_line);
-        using_history();
-        out_.before = [] {
-            if (is_editing) {
-                std::fputs("\r\033[K", stdout);
-            }
-        };
-        out_.after = [] {
-            if (is_editing) {
-                rl_forced_update_display();
-            }
-        };
+        if (editor_ == nullptr || history_ == nullptr) {
+            throw failure("the terminal cannot be used for editing");
+        }
+        (void)std::setlocale(LC_CTYPE, "");
+        HistEvent event{};
+        history(history_.get(), &event, H_SETSIZE, 1000);
+        el_set(editor_.get(), EL_CLIENTDATA, this);
+        el_set(editor_.get(), EL_GETCFN, read_key);
+        el_set(editor_.get(), EL_PROMPT, prompt);
+        el_set(editor_.get(), EL_EDITOR, "emacs");
+        el_set(editor_.get(), EL_HIST, history, history_.get());
     }
-    ~terminal() override
-    {
-        is_editing = false;
-        rl_callback_handler_remove();
-        out_.before = nullptr;
-        out_.after = nullptr;
-    }
+    ~terminal() override { stop_editing(); }
 
     std::optional<std::string> next_line() override
     {
-        line.reset();
-        has_ended = false;
-        is_editing = true;
-        rl_forced_update_display();
-        while (!line && !has_ended && wait_readable(loop_, STDIN_FILENO)) {
-            rl_callback_read_char();
+        out_.before = [] { std::fputs("\r\033[K", stdout); };
+        out_.after = [this] { el_set(editor_.get(), EL_REFRESH); };
+        int length = 0;
+        const char *edited = el_gets(editor_.get(), &length);
+        stop_editing();
+        if (edited == nullptr || length <= 0) {
+            out_.print(""); // leaves the line of the prompt
+            return std::nullopt;
         }
-        is_editing = false;
+        std::string line(edited, static_cast<std::size_t>(length));
+        if (line.back() == '\n') {
+            line.pop_back();
+        }
+        if (!line.empty()) {
+            HistEvent event{};
+            history(history_.get(), &event, H_ENTER, line.c_str());
+        }
         return line;
     }
 
@@ -114,25 +120,44 @@ public:
     [[nodiscard]] std::string position() const override { return "terminal"; }
 
 private:
-    static void take_line(char *edited)
+    struct deleter {
+        void operator()(EditLine *editor) const { el_end(editor); }
+        void operator()(History *lines) const { history_end(lines); }
+    };
+
+    void stop_editing()
     {
-        if (edited == nullptr) {
-            has_ended = true;
-            return;
-        }
-        line = edited;
-        if (!line->empty()) {
-            add_history(edited);
-        }
-        std::free(edited);
+        out_.before = nullptr;
+        out_.after = nullptr;
     }
 
-    inline static std::optional<std::string> line;
-    inline static bool has_ended = false;
-    inline static bool is_editing = false;
+    static char *prompt(EditLine * /*editor*/)
+    {
+        static char text[] = "confsim> ";
+        return text;
+    }
+
+    // Called by libedit for the next key; 0 ends the input.
+    static int read_key(EditLine *editor, wchar_t *key)
+    {
+        terminal *self = nullptr;
+        el_get(editor, EL_CLIENTDATA, &self);
+        std::mbstate_t state{};
+        char byte = 0;
+        do {
+            if (!wait_readable(self->loop_, STDIN_FILENO) || read(STDIN_FILENO, &byte, 1) != 1) {
+                return 0;
+            }
+        } while (std::mbrtowc(key, &byte, 1, &state) == incomplete);
+        return 1;
+    }
+
+    static constexpr std::size_t incomplete = static_cast<std::size_t>(-2); // of mbrtowc(3)
 
     event_loop &loop_;
     console &out_;
+    std::unique_ptr<EditLine, deleter> editor_;
+    std::unique_ptr<History, deleter> history_;
 };
 
 } // namespace
