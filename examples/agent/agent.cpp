@@ -116,7 +116,8 @@ bool print_messages(int sock, int notifications)
 
 int main(int count, char **arguments)
 {
-    const int notifications = count > 1 ? std::atoi(arguments[1]) : 0;
+    const int notifications =
+        count > 1 ? static_cast<int>(std::strtol(arguments[1], nullptr, 10)) : 0;
     const int sock = conf_agent_init();
     if (sock < 0) {
         std::fprintf(stderr, "agent: the daemon cannot be reached\n");

@@ -20,6 +20,7 @@ int refuse(int code, const char *format, ...)
     char text[512];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the checker overlooks va_start()
     (void)vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     econf_plugin_error(code, text);

@@ -1,17 +1,10 @@
-// Makes large allocations and mappings fail for a while, in this process. Included by one source
-// file of a program.
+// Makes large allocations and mappings fail for a while, in this process.
 #ifndef CONFSVC_TEST_ADDRESS_SPACE_LIMIT_H
 #define CONFSVC_TEST_ADDRESS_SPACE_LIMIT_H
 
 #include <fstream>
 #include <sys/resource.h>
 #include <unistd.h>
-
-// AddressSanitizer, where it is built in, asks this whether a failed allocation ends the program.
-extern "C" __attribute__((used)) inline const char *__asan_default_options()
-{
-    return "allocator_may_return_null=1";
-}
 
 namespace test {
 

@@ -39,6 +39,12 @@ int system_log_socket()
 
 } // namespace test
 
+// AddressSanitizer, where it is built in, asks this whether a failed allocation ends the program.
+extern "C" const char *__asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+
 int main(int count, char **arguments)
 {
     ::testing::InitGoogleTest(&count, arguments);

@@ -138,16 +138,16 @@ TEST_F(Agent, RequestsStandBackToBackInTheBuffer)
 {
     const struct {
         builder build;
-        int seq;
         std::string body;
+        int seq;
         u16_t head_seq;
     } rows[] = {
-        {conf_agent_build_session, 7, session("7"), 7},
-        {conf_agent_build_capability, 70000, capability("70000"), 4464},
-        {conf_agent_build_notify_rpc, 65537, subscription, 1},
-        {conf_agent_build_capability, -1, capability("-1"), 65535},
-        {conf_agent_build_session, INT32_MIN, session("-2147483648"), 0},
-        {conf_agent_build_notify_rpc, 0, subscription, 0},
+        {conf_agent_build_session, session("7"), 7, 7},
+        {conf_agent_build_capability, capability("70000"), 70000, 4464},
+        {conf_agent_build_notify_rpc, subscription, 65537, 1},
+        {conf_agent_build_capability, capability("-1"), -1, 65535},
+        {conf_agent_build_session, session("-2147483648"), INT32_MIN, 0},
+        {conf_agent_build_notify_rpc, subscription, 0, 0},
     };
     conf_buffer_t *buffer = conf_buffer_create(0);
     std::string expected = "begun";
