@@ -32,12 +32,12 @@ same "exported symbols" "$listed" "$exported"
 
 # Every exported symbol is declared, and every declared function is exported.
 text=$(without_comments "${headers[@]}")
-for symbol in $exported; do
-    if ! grep -qw -- "$symbol" <<<"$text"; then
-        printf 'exported, but in no header: %s\n' "$symbol"
-        status=1
-    fi
-done
+words=$(grep -oE '[A-Za-z_0-9]+' <<<"$text" | sort -u)
+undeclared=$(comm -23 <(printf '%s\n' "$exported") <(printf '%s\n' "$words"))
+if [[ -n $undeclared ]]; then
+    printf 'exported, but in no header:\n%s\n' "$undeclared"
+    status=1
+fi
 declared=$(grep -E '^[a-z].*[ *][A-Za-z_0-9]+\(' <<<"$text" | grep -vE '^(typedef|extern "C")' |
     sed -E 's/^[^(]*[ *]([A-Za-z_0-9]+)\(.*/\1/' | sort)
 missing=$(comm -23 <(printf '%s\n' "$declared") <(printf '%s\n' "$exported"))

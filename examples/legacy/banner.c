@@ -3,9 +3,9 @@
  *
  *     banner-plugin FILE
  *
- * Takes the text of /system:banner from the daemon and writes it into FILE, tells its length as
- * status, and serves the operation "clear-banner". It shows how a plugin that was written for the
- * older calls looks; new plugins use the newer ones (see ../interfaces).
+ * Takes the text of /system:banner from the daemon and writes it into FILE, notifies of the change,
+ * tells the length as status, and serves the operation "clear-banner". It shows how a plugin that
+ * was written for the older calls looks; new plugins use the newer ones (see ../interfaces).
  */
 #include "conf_api.h"
 #include "conf_misc.h"
@@ -18,6 +18,7 @@ enum { LONGEST_BANNER = 80 };
 
 static const char *banner_file;
 
+/* Puts the banner in force, and notifies of it. */
 static int write_banner(const char *text)
 {
     FILE *file = fopen(banner_file, "we");
@@ -25,7 +26,13 @@ static int write_banner(const char *text)
         return -1;
     }
     const int written = fputs(text, file);
-    return fclose(file) == 0 && written >= 0 ? 0 : -1;
+    if (fclose(file) != 0 || written < 0) {
+        return -1;
+    }
+    char name[] = "banner";
+    char notification[] = "<banner-changed/>";
+    (void)conf_notify(name, notification); /* a lost notification changes nothing */
+    return 0;
 }
 
 /* The text of the banner in what conf_plg_get_value() reads: the first node below "data". */

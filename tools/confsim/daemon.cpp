@@ -40,19 +40,17 @@ const conf_daemon::served_method conf_daemon::methods[] = {
 
 conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &trace,
                          configuration &config, const endpoints &where, seconds patience)
-    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience)
+    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience),
+      agents_(loop, out, trace, where)
 {
     loop_.watch(where_.plugin_socket(), POLLIN, [this](short) { accept_plugins(); });
-    loop_.watch(where_.agent_socket(), POLLIN, [this](short) { accept_agents(); });
     loop_.watch(where_.notifier_socket(), POLLIN, [this](short) { receive_notifications(); });
 }
 
 conf_daemon::~conf_daemon()
 {
-    for (const int descriptor :
-         {where_.plugin_socket(), where_.agent_socket(), where_.notifier_socket()}) {
-        loop_.forget(descriptor);
-    }
+    loop_.forget(where_.plugin_socket());
+    loop_.forget(where_.notifier_socket());
     for (const plugin_ptr &each : plugins_) {
         loop_.forget(each->stream.descriptor());
     }
@@ -85,15 +83,6 @@ void conf_daemon::accept_plugins()
     });
 }
 
-void conf_daemon::accept_agents() const
-{
-    const int accepted = accept4(where_.agent_socket(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (accepted >= 0) {
-        close(accepted);
-        out_.event("an agent connected and was sent away: agents are not served");
-    }
-}
-
 void conf_daemon::receive_notifications()
 {
     std::string text(longest_notification, '\0');
@@ -106,6 +95,7 @@ void conf_daemon::receive_notifications()
         text.pop_back();
     }
     trace_.notification(text);
+    agents_.forward(text);
     notifications_.push_back(std::move(text));
     ++not_taken_;
     if (notifications_.size() > most_notifications) {

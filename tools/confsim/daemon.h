@@ -3,6 +3,7 @@
 #ifndef CONFSIM_DAEMON_H
 #define CONFSIM_DAEMON_H
 
+#include "agents.h"
 #include "configuration.h"
 #include "console.h"
 #include "endpoints.h"
@@ -48,7 +49,6 @@ private:
     static const served_method methods[];
 
     void accept_plugins();
-    void accept_agents() const;
     void receive_notifications();
     void serve(const plugin_ptr &from, short events);
     void handle(const plugin_ptr &from, xml::node_ptr message);
@@ -68,6 +68,7 @@ private:
     configuration &config_;
     const endpoints &where_;
     seconds patience_;
+    agent_service agents_;
     std::list<plugin_ptr> plugins_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
