@@ -49,7 +49,9 @@ start)
         sh -c '"$0" good cfgr & "$0" smooth smooth & wait' "$plugin"
     ;;
 hostile)
-    ends_with 0 run --script hostile.confsim -- sh -c '"$0" & "$1"; wait' "$plugin" "$hostile"
+    ends_with 0 run --script hostile.confsim -- sh -c \
+        '"$0" & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$1"; wait' \
+        "$plugin" "$hostile"
     says "does not read what it is sent"
     ;;
 trace)
