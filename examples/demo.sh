@@ -18,10 +18,18 @@ trap 'rm -f "$printed"' EXIT
 interfaces/demo.sh "$build"
 
 printf '\n=== A plugin of the older interface, and an agent that listens ===\n\n'
-# shellcheck disable=SC2016 # the shell that runs the program expands it
-"$build/tools/confsim/confsim" run --script legacy/banner.confsim -- bash -c \
-    '"$0" /var/tmp/banner & sleep 0.5; "$1" 1; echo "agent: exit status $?"; wait' \
-    "$build/examples/legacy/banner-plugin" "$build/examples/agent/agent" 2>&1 | tee "$printed"
+# The agent ends after one notification. The plugin is started when the agent has subscribed, which
+# its third answer says.
+# shellcheck disable=SC2016 # the shell that runs the programs expands it
+"$build/tools/confsim/confsim" run --script legacy/banner.confsim -- bash -c '
+    "$1" 1 >/var/tmp/agent &
+    agent=$!
+    until grep -q "<ok/>" /var/tmp/agent; do sleep 0.1; done
+    "$0" /var/tmp/banner &
+    wait "$agent" && ended=0 || ended=$?
+    cat /var/tmp/agent
+    echo "agent: exit status $ended"
+    wait' "$build/examples/legacy/banner-plugin" "$build/examples/agent/agent" 2>&1 | tee "$printed"
 grep -q '<banner-changed/>$' "$printed"
 grep -q '^agent: exit status 0$' "$printed"
 
