@@ -180,8 +180,9 @@ void econf_plugin_run(void);
 /*
  * Requests to the daemon. They are made while the plugin is active, also from its callbacks, and
  * block until the daemon has answered: at most 300 seconds without any sign of it. Other messages
- * that arrive in the meantime are dropped. In the process of the daemon itself, once it has
- * injected its hooks, each call goes to the matching hook instead, with the same arguments and
+ * that arrive in the meantime are dropped, requests of the daemon too; so the callbacks, during
+ * which the daemon waits, are the best place for them. In the process of the daemon itself, once it
+ * has injected its hooks, each call goes to the matching hook instead, with the same arguments and
  * results.
  *
  * Each returns 0, or -1 when an argument is null, when there is no active plugin, when the hook is

@@ -1,11 +1,13 @@
 /*
  * callbacks.c - what the daemon can ask of the plugin, see callbacks.h. The values of a change are
- * read and checked by settings.c, carried out by interface.c; state.c describes interfaces.
+ * read and checked by settings.c, carried out by interface.c; state.c describes interfaces;
+ * requests.c asks the daemon for more.
  */
 #include "callbacks.h"
 
 #include "interface.h"
 #include "link.h"
+#include "requests.h"
 
 #include "conf_misc.h"
 
@@ -44,7 +46,16 @@ static int on_configuration(int session_id, int oper, int more, int priority, co
     struct settings wanted;
     code = settings_read(pulled, name, &wanted);
     xmlFreeNodeList(pulled);
-    return code != 0 ? code : interface_configure(name, &wanted);
+    if (code == 0) {
+        code = interface_configure(name, &wanted);
+    }
+    if (code == 0) {
+        request_publish_state(name);
+    }
+    if (code == 0 && (oper & CONFIG_OP_ADD) != 0) {
+        request_place(path);
+    }
+    return code;
 }
 
 /* The list of interfaces with their status; `filter` may name the one that is wanted. */
@@ -107,6 +118,16 @@ static int on_reset_counters(int session_id, xmlNode *input, xmlNode **output)
     return 0;
 }
 
+/* keep-interface: the configuration of the interface `name` goes to the deployment store. */
+static int on_keep(int session_id, xmlNode *input, xmlNode **output)
+{
+    (void)session_id;
+    (void)output; /* stays empty: done */
+    const char *name = input_text(input, "name");
+    return name == NULL ? refuse(EINVAL, "keep-interface: the name of the interface is missing")
+                        : request_keep(name);
+}
+
 static void on_kick_off(void)
 {
     syslog(LOG_NOTICE, "kicked off by the daemon");
@@ -116,6 +137,7 @@ static void on_kick_off(void)
 econf_plugin_subpub_info_t *interfaces_callbacks(void)
 {
     static char reset_counters[] = "reset-interface-counters";
+    static char keep[] = "keep-interface";
     static econf_config_cb_info_t configurations[] = {
         {"/ietf-interfaces:interfaces/interface", 10, on_configuration},
         {NULL, 0, NULL},
@@ -126,6 +148,7 @@ econf_plugin_subpub_info_t *interfaces_callbacks(void)
     };
     static econf_operate_cb_info_t operations[] = {
         {reset_counters, on_reset_counters},
+        {keep, on_keep},
         {NULL, NULL},
     };
     static econf_plugin_subpub_info_t callbacks = {configurations, statuses, operations,

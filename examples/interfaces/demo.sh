@@ -19,7 +19,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 
 session=$(mktemp)
 found=$(mktemp)
-trap 'rm -f "$session" "$found"' EXIT
+store=$(mktemp -d)
+trap 'rm -rf "$session" "$found" "$store"' EXIT
 
 # Finds out what there is in a network of our own, if we can have one: the interfaces that /proc and
 # /sys list, and whether software interfaces can be made. The program that looks ends confsim, which
@@ -69,7 +70,9 @@ fi
 echo 'Lines that begin with ">" are the commands of the session, those with "*" are what happens by'
 echo 'itself, and those with "interfaces:" come from the plugin.'
 
-"$confsim" "${run[@]}" --config interfaces-startup.xml --script "$session" -- \
-    bash -c "$start" "$plugin" 2>&1 | sed -u 's/^> # [0-9]/\n&/'
+"$confsim" "${run[@]}" --config interfaces-startup.xml --store "$store" --script "$session" -- \
+    bash -c "$start" "$plugin" 2>&1 | sed -u 's/^> # [0-9]/\n&/' | tee "$found"
+grep -q 'interface\[name=lan1\] stands behind .*\[name=lan0\]$' "$found"
+grep -q '<name>lan0</name>' "$store/deployment.xml"
 echo
 echo 'Every step had the outcome that it should have.'

@@ -58,6 +58,13 @@ static int pull(bool_t old_flag, const char *path, xmlNode **result)
     return 0;
 }
 
+static int publish(const char *path, xmlNode *data)
+{
+    (void)data;
+    printf("    published: %s\n", path);
+    return 0;
+}
+
 static void take_error(int err_code, const char *err_msg)
 {
     printf("    the plugin says: %s (%d)\n", err_msg == NULL ? "" : err_msg, err_code);
@@ -130,7 +137,8 @@ int main(int argc, char **argv)
     }
 
     /* A slot that is left out makes the calls that need it fail, and name it in the debug file. */
-    confd_plugin_callback_t hooks = {.conf_plugin_pull = pull, .conf_plugin_error = take_error};
+    confd_plugin_callback_t hooks = {
+        .conf_plugin_pull = pull, .conf_plugin_push = publish, .conf_plugin_error = take_error};
     if (conf_plugin_init_api(&hooks) != 0) {
         return 1;
     }

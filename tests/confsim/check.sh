@@ -48,6 +48,47 @@ start)
     ends_with 0 run --config running.xml --script start.confsim -- \
         sh -c '"$0" good cfgr & "$0" smooth smooth & wait' "$plugin"
     ;;
+stores)
+    ends_with 0 run --store "$work/store" --script stores.confsim -- "$plugin"
+    ends_with 0 run --store "$work/store" --config running.xml --script restored.confsim -- true
+    # A module known by its prefix only keeps its name.
+    echo '<x:top xmlns:x="urn:example:y"><leaf>1</leaf></x:top>' >"$work/prefixed.xml"
+    echo 'show /x:top/leaf' >"$work/stdin"
+    ends_with 0 run --store "$work/second" --config "$work/prefixed.xml" -- true
+    ends_with 0 run --store "$work/second" -- true
+    says '>1</x:leaf>'
+    # A disk without room for the bigger configuration: the change is taken back.
+    (
+        ulimit -f 8
+        ends_with 0 run --store "$work/store" --script full.confsim -- "$plugin"
+    )
+    ends_with 0 run --store "$work/store" --script restored.confsim -- true
+    ;;
+killed)
+    # Whatever was reported as committed before a kill is there afterwards.
+    number=0
+    confirmed=0
+    while [ "$number" -lt 20000 ]; do
+        number=$((number + 1))
+        printf 'set /test:system/value %s\ncommit\n' "$number"
+    done >"$work/script"
+    for delay in 0.05 0.1 0.15 0.2 0.25 0.3 0.35 0.4; do
+        "$confsim" --dir "$work/sockets" --store "$work/store" --script "$work/script" \
+            >"$output" 2>&1 &
+        sleep "$delay"
+        kill -KILL "$!"
+        wait "$!" || true
+        confirmed=$(awk '/^> set/ {value = $4} /^committed/ {last = value} END {print last + 0}' \
+            "$output")
+        ends_with 0 run --store "$work/store" -- true
+        echo "show" >"$work/stdin"
+        ends_with 0 run --store "$work/store" -- true
+        : >"$work/stdin"
+        stored=$(sed -n 's/.*>\([0-9]*\)<\/value>.*/\1/p' "$output")
+        [ "${stored:-0}" -ge "$confirmed" ] || { echo "lost: $confirmed"; exit 1; }
+    done
+    [ "$confirmed" -gt 0 ] || { echo "nothing was committed"; exit 1; }
+    ;;
 hostile)
     ends_with 0 run --script hostile.confsim -- sh -c \
         '"$0" & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$1"; wait' \

@@ -7,6 +7,8 @@
  * and keeps a journal of them, which it gives out, and empties, as status /test:journal/NAME. A
  * value can ask for more: "refuse" refuses the change, "stall" answers late, "die" ends the
  * process.
+ *
+ * It is valid C and C++; ../abi/installed.sh compiles it as both.
  */
 #include "conf_api.h"
 
@@ -78,6 +80,54 @@ static int on_echo(int session_id, xmlNode *input, xmlNode **output)
     return 0;
 }
 
+static xmlNode *child_of(const xmlNode *parent, const char *name)
+{
+    xmlNode *child = parent->children;
+    while (child != NULL && strcmp((const char *)child->name, name) != 0) {
+        child = child->next;
+    }
+    return child;
+}
+
+/*
+ * Makes a request of the daemon: <pull|locate|push|add|delete|update|save|copy|override>, with
+ * <old/>, <path> and <data> inside. The output is what the daemon gives.
+ */
+static int on_ask(int session_id, xmlNode *input, xmlNode **output)
+{
+    const char *request = (const char *)input->name;
+    const int old = child_of(input, "old") != NULL;
+    xmlNode *path_node = child_of(input, "path");
+    xmlNode *data_node = child_of(input, "data");
+    xmlChar *path = path_node == NULL ? NULL : xmlNodeGetContent(path_node);
+    xmlNode *data = data_node == NULL ? NULL : data_node->children;
+    int result = -1;
+    (void)session_id;
+    if (strcmp(request, "pull") == 0) {
+        result = econf_plugin_pull(old, (const char *)path, output);
+    } else if (strcmp(request, "locate") == 0) {
+        result = econf_plugin_locate(old, (const char *)path, output);
+    } else if (strcmp(request, "push") == 0) {
+        result = econf_plugin_push((const char *)path, data);
+    } else if (strcmp(request, "save") == 0) {
+        result = econf_plugin_save_deployment();
+    } else if (strcmp(request, "copy") == 0 || strcmp(request, "override") == 0) {
+        result = econf_plugin_copy_running_to_deployment(strcmp(request, "override") == 0);
+    } else {
+        const char *const opers[] = {"add", "delete", "update"};
+        for (int oper = 0; oper < 3; ++oper) {
+            if (strcmp(request, opers[oper]) == 0) {
+                result = econf_plugin_config_deployment((const char *)path, oper, data);
+            }
+        }
+    }
+    xmlFree(path);
+    if (result != 0) {
+        econf_plugin_error(5, "the daemon refused it");
+    }
+    return result;
+}
+
 static void on_kick_off(void)
 {
     char name[] = "kicked";
@@ -93,11 +143,14 @@ int main(int count, char **arguments)
     const char *name = count > 1 ? arguments[1] : "good";
     char status_path[64];
     char echo[] = "echo";
+    char ask[] = "ask";
     char scoped_echo[] = "/test:scoped-echo";
-    econf_config_cb_info_t configs[] = {
-        {"/test/system/user", 20, on_config}, {"/test:system/test:log", 10, on_config}, {0}};
-    econf_status_cb_info_t statuses[] = {{status_path, on_status}, {0}};
-    econf_operate_cb_info_t operations[] = {{echo, on_echo}, {scoped_echo, on_echo}, {0}};
+    econf_config_cb_info_t configs[] = {{"/test/system/user", 20, on_config},
+                                        {"/test:system/test:log", 10, on_config},
+                                        {NULL, 0, NULL}};
+    econf_status_cb_info_t statuses[] = {{status_path, on_status}, {NULL, NULL}};
+    econf_operate_cb_info_t operations[] = {
+        {echo, on_echo}, {scoped_echo, on_echo}, {ask, on_ask}, {NULL, NULL}};
     econf_plugin_subpub_info_t callbacks = {configs, statuses, operations, on_kick_off};
     const char *mode = count > 2 ? arguments[2] : "none";
     struct pollfd daemon = {-1, POLLIN | POLLRDHUP, 0};

@@ -4,10 +4,7 @@
 #include "failure.h"
 
 #include <ctime>
-#include <poll.h>
-#include <string_view>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <list>
 
 namespace confsim {
 
@@ -75,69 +72,23 @@ void add_content(xmlNode *notification, const std::string &content)
 
 agent_service::agent_service(event_loop &loop, const console &out, const tracer &trace,
                              const endpoints &where)
-    : loop_(loop), out_(out), trace_(trace), where_(where)
+    : out_(out), agents_(loop, where.agent_socket(), most_agents,
+                         {[this, &trace](int descriptor) { return make(descriptor, trace); },
+                          [this](const agent_ptr &from, const xml::node_ptr &message) {
+                              from->stream.send(answer(*from, message.get()).get());
+                          },
+                          [this](const agent_ptr &from, const std::string &why) {
+                              out_.event(from->called + " " + why);
+                          }})
 {
-    loop_.watch(where_.agent_socket(), POLLIN, [this](short) { accept(); });
 }
 
-agent_service::~agent_service()
+agent_service::agent_ptr agent_service::make(int descriptor, const tracer &trace)
 {
-    loop_.forget(where_.agent_socket());
-    for (const agent_ptr &each : agents_) {
-        loop_.forget(each->stream.descriptor());
-    }
-}
-
-void agent_service::accept()
-{
-    const int accepted =
-        accept4(where_.agent_socket(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (accepted < 0) {
-        return; // gone again
-    }
-    if (agents_.size() >= most_agents) {
-        close(accepted);
-        return;
-    }
-    agents_.push_back(std::make_shared<agent>(accepted, trace_));
-    agent &made = *agents_.back();
-    made.called = "agent, process " + std::to_string(made.stream.process_id());
-    made.stream.set_peer(made.called);
-    loop_.watch(accepted, POLLIN, [this, from = std::weak_ptr(agents_.back())](short events) {
-        if (const agent_ptr alive = from.lock()) {
-            serve(alive, events);
-        }
-    });
-}
-
-void agent_service::serve(const agent_ptr &from, short events)
-{
-    try {
-        if ((events & POLLOUT) != 0) {
-            from->stream.flush();
-        }
-        if ((events & ~POLLOUT) != 0) {
-            for (const xml::node_ptr &message : from->stream.receive()) {
-                from->stream.send(answer(*from, message.get()).get());
-            }
-        }
-        watch_for_room(*from);
-    } catch (const broken &reason) {
-        drop(from, reason.what());
-    }
-}
-
-void agent_service::watch_for_room(const agent &to)
-{
-    loop_.change(to.stream.descriptor(),
-                 static_cast<short>(to.stream.has_unsent() ? POLLIN | POLLOUT : POLLIN));
-}
-
-void agent_service::drop(const agent_ptr &whom, const std::string &why)
-{
-    loop_.forget(whom->stream.descriptor());
-    agents_.remove(whom);
-    out_.event(whom->called + " " + why);
+    const auto made = std::make_shared<agent>(descriptor, trace);
+    made->called = "agent, process " + std::to_string(made->stream.process_id());
+    made->stream.set_peer(made->called);
+    return made;
 }
 
 xml::node_ptr agent_service::answer(agent &from, const xmlNode *rpc)
@@ -171,16 +122,10 @@ void agent_service::forward(const std::string &notification)
     const xml::node_ptr message = element_in("notification", notification_namespace);
     xml::add(message.get(), "eventTime", now());
     add_content(message.get(), notification);
-    const std::list<agent_ptr> present = agents_; // one that is broken leaves the list
+    const std::list<agent_ptr> present = agents_.peers(); // one that is broken leaves the list
     for (const agent_ptr &each : present) {
-        if (!each->subscribed) {
-            continue;
-        }
-        try {
-            each->stream.send(message.get());
-            watch_for_room(*each);
-        } catch (const broken &reason) {
-            drop(each, reason.what());
+        if (each->subscribed) {
+            agents_.talk_to(each, [&] { each->stream.send(message.get()); });
         }
     }
 }

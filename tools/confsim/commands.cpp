@@ -22,7 +22,8 @@ const interpreter::command interpreter::table[] = {
     {"set", "PATH [VALUE]", "make a node of the candidate, or change a leaf", 1, 2,
      &interpreter::set},
     {"delete", "PATH", "remove nodes from the candidate", 1, 1, &interpreter::remove},
-    {"show", "[candidate] [PATH]", "the running configuration, or the candidate", 0, 2,
+    {"show", "[NAME] [PATH]",
+     "the configuration running, old, candidate or deployment, or published", 0, 2,
      &interpreter::show},
     {"diff", "", "what the candidate changes", 0, 0, &interpreter::diff},
     {"commit", "", "put the candidate in force", 0, 0, &interpreter::commit},
@@ -111,11 +112,11 @@ void interpreter::remove(const words &line)
 
 void interpreter::show(const words &line)
 {
-    const bool candidate = line.size() > 1 && line[1] == "candidate";
-    const std::size_t path_position = candidate ? 2 : 1;
-    const node &tree = candidate ? here_.config.candidate() : here_.config.running();
+    const node *chosen = line.size() > 1 ? here_.config.named(line[1]) : nullptr;
+    const std::size_t path_position = chosen == nullptr ? 1 : 2;
+    const node &tree = chosen == nullptr ? here_.config.running() : *chosen;
     if (line.size() > path_position + 1) {
-        throw failure("usage: show [candidate] [PATH]");
+        throw failure("usage: show [running|old|candidate|deployment|published] [PATH]");
     }
     std::vector<const node *> shown = {&tree};
     if (line.size() > path_position) {

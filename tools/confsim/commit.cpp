@@ -77,20 +77,27 @@ void commit(conf_daemon &service, configuration &config, const speaker &say)
     const std::vector<difference> changes = differences(config.running(), config.candidate());
     std::vector<publication> all = publications(service.plugins(), changes);
     const committing_scope scope(config);
+    const auto give_up = [&](const std::string &why) {
+        roll_back(service, std::move(all), say);
+        throw failure("commit failed: " + why);
+    };
     for (std::size_t i = 0; i < all.size(); ++i) {
         const answer got = publish(service, all, i);
         say("publish: " + in_words(all[i]) + ": " + (got.is_result() ? "ok" : got.in_words()));
         if (!got.is_result()) {
-            const publication failed = all[i];
+            const std::string why =
+                "plugin " + all[i].to->name + ", " + to_text(all[i].where) + ", " + got.in_words();
             all.resize(i);
-            roll_back(service, std::move(all), say);
-            throw failure("commit failed: plugin " + failed.to->name + ", " +
-                          to_text(failed.where) + ", " + got.in_words());
+            give_up(why);
         }
+    }
+    try {
+        config.accept();
+    } catch (const failure &reason) {
+        give_up(reason.what());
     }
     say("committed: " + counted(changes.size(), "difference") + ", " +
         counted(all.size(), "publication"));
-    config.accept();
 }
 
 } // namespace confsim

@@ -10,8 +10,9 @@
 
 namespace confsim {
 
-// Reports each step through `say`. Throws failure when a plugin refused, died or did not answer;
-// the running configuration is then as before, and the candidate stays for mending.
+// Reports each step through `say`. Throws failure when a plugin refused, died or did not answer, or
+// when the result cannot be stored; the running configuration is then as before, and the candidate
+// stays for mending.
 void commit(conf_daemon &service, configuration &config,
             const std::function<void(const std::string &)> &say);
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
+#include <vector>
 
 namespace confsim {
 
@@ -29,6 +29,28 @@ xml::node_ptr error_element(int code, const std::string &message)
     return error;
 }
 
+path path_in(const xmlNode *params)
+{
+    return parse_path(xml::child_text(params, "path"));
+}
+
+bool asks_for_old(const xmlNode *params)
+{
+    return xml::child(params, "old") != nullptr;
+}
+
+std::vector<const xmlNode *> data_in(const xmlNode *params)
+{
+    std::vector<const xmlNode *> nodes;
+    if (const xmlNode *data = xml::child(params, "data")) {
+        for (const xmlNode *each = xml::first_element(data); each != nullptr;
+             each = xml::next_element(each)) {
+            nodes.push_back(each);
+        }
+    }
+    return nodes;
+}
+
 } // namespace
 
 const conf_daemon::served_method conf_daemon::methods[] = {
@@ -36,51 +58,40 @@ const conf_daemon::served_method conf_daemon::methods[] = {
     {"activate", &conf_daemon::on_activate},
     {"deactivate", &conf_daemon::on_deactivate},
     {"pull", &conf_daemon::on_pull},
+    {"locate", &conf_daemon::on_locate},
+    {"push", &conf_daemon::on_push},
+    {"config_deployment", &conf_daemon::on_config_deployment},
+    {"save_deployment", &conf_daemon::on_save_deployment},
+    {"copy_deployment_to_memory", &conf_daemon::on_copy_deployment},
 };
 
 conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &trace,
                          configuration &config, const endpoints &where, seconds patience)
-    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience),
-      agents_(loop, out, trace, where)
+    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where),
+      agents_(loop, out, trace, where),
+      plugins_(loop, where.plugin_socket(), most_plugins,
+               {[&trace, &loop, patience](int descriptor) {
+                    return std::make_shared<plugin>(descriptor, trace, loop, patience);
+                },
+                [this](const plugin_ptr &from, xml::node_ptr message) {
+                    handle(from, std::move(message));
+                },
+                [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); }})
 {
-    loop_.watch(where_.plugin_socket(), POLLIN, [this](short) { accept_plugins(); });
     loop_.watch(where_.notifier_socket(), POLLIN, [this](short) { receive_notifications(); });
 }
 
 conf_daemon::~conf_daemon()
 {
-    loop_.forget(where_.plugin_socket());
     loop_.forget(where_.notifier_socket());
-    for (const plugin_ptr &each : plugins_) {
-        loop_.forget(each->stream.descriptor());
-    }
 }
 
 plugin_ptr conf_daemon::find(const std::string &name) const
 {
-    const auto found = std::find_if(plugins_.begin(), plugins_.end(), [&name](const auto &each) {
+    const auto found = std::find_if(plugins().begin(), plugins().end(), [&name](const auto &each) {
         return !name.empty() && each->name == name;
     });
-    return found == plugins_.end() ? nullptr : *found;
-}
-
-void conf_daemon::accept_plugins()
-{
-    const int accepted =
-        accept4(where_.plugin_socket(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (accepted < 0) {
-        return; // gone again
-    }
-    if (plugins_.size() >= most_plugins) {
-        close(accepted);
-        return;
-    }
-    plugins_.push_back(std::make_shared<plugin>(accepted, trace_, loop_, patience_));
-    loop_.watch(accepted, POLLIN, [this, from = std::weak_ptr(plugins_.back())](short events) {
-        if (const plugin_ptr alive = from.lock()) {
-            serve(alive, events);
-        }
-    });
+    return found == plugins().end() ? nullptr : *found;
 }
 
 void conf_daemon::receive_notifications()
@@ -112,33 +123,8 @@ std::optional<std::string> conf_daemon::take_notification()
     return notifications_[notifications_.size() - not_taken_--];
 }
 
-void conf_daemon::serve(const plugin_ptr &from, short events)
+void conf_daemon::let_go(const plugin_ptr &whom, const std::string &why)
 {
-    try {
-        if ((events & POLLOUT) != 0) {
-            from->stream.flush();
-        }
-        if ((events & ~POLLOUT) != 0) {
-            for (xml::node_ptr &message : from->stream.receive()) {
-                handle(from, std::move(message));
-            }
-        }
-        watch_for_room(*from);
-    } catch (const broken &reason) {
-        drop(from, reason.what());
-    }
-}
-
-void conf_daemon::watch_for_room(const plugin &to)
-{
-    loop_.change(to.stream.descriptor(),
-                 static_cast<short>(to.stream.has_unsent() ? POLLIN | POLLOUT : POLLIN));
-}
-
-void conf_daemon::drop(const plugin_ptr &whom, const std::string &why)
-{
-    loop_.forget(whom->stream.descriptor());
-    plugins_.remove(whom);
     out_.event("plugin " + whom->called() + " " + why);
     whom->now = plugin::state::gone;
     whom->give_up(answer::outcome::gone, plugin_is_gone);
@@ -235,14 +221,58 @@ xml::node_ptr conf_daemon::on_deactivate(const plugin_ptr &from, const xmlNode *
 
 xml::node_ptr conf_daemon::on_pull(const plugin_ptr & /*from*/, const xmlNode *params)
 {
-    const bool old = xml::child(params, "old") != nullptr;
     xml::node_ptr result = xml::element("result");
     xmlNode *data = xml::add(result.get(), "data");
-    const path where = parse_path(xml::child_text(params, "path"));
-    for (const node *each : confsim::find(config_.seen_by_plugins(old), where)) {
+    for (const node *each :
+         confsim::find(config_.seen_by_plugins(asks_for_old(params)), path_in(params))) {
         xml::add(data, config_.as_xml(*each));
     }
     return result;
+}
+
+xml::node_ptr conf_daemon::on_locate(const plugin_ptr & /*from*/, const xmlNode *params)
+{
+    const neighbours found =
+        find_neighbours(config_.seen_by_plugins(asks_for_old(params)), path_in(params));
+    xml::node_ptr result = xml::element("result");
+    if (found.previous) {
+        xml::add(result.get(), "prev", to_text(*found.previous));
+    }
+    if (found.next) {
+        xml::add(result.get(), "next", to_text(*found.next));
+    }
+    return result;
+}
+
+xml::node_ptr conf_daemon::on_push(const plugin_ptr &from, const xmlNode *params)
+{
+    const path where = path_in(params);
+    config_.publish(where, data_in(params));
+    out_.event("plugin " + from->name + " published " + to_text(where));
+    return xml::element("result");
+}
+
+xml::node_ptr conf_daemon::on_config_deployment(const plugin_ptr &from, const xmlNode *params)
+{
+    const path where = path_in(params);
+    const std::string oper = xml::child_text(params, "oper-type");
+    config_.stage(where, oper, data_in(params));
+    out_.event("plugin " + from->name + " staged: " + oper + " " + to_text(where));
+    return xml::element("result");
+}
+
+xml::node_ptr conf_daemon::on_save_deployment(const plugin_ptr &from, const xmlNode * /*params*/)
+{
+    config_.save_deployment();
+    out_.event("plugin " + from->name + " saved the deployment");
+    return xml::element("result");
+}
+
+xml::node_ptr conf_daemon::on_copy_deployment(const plugin_ptr &from, const xmlNode *params)
+{
+    config_.copy_running_to_deployment(xml::child_text(params, "override") == "1");
+    out_.event("plugin " + from->name + " copied the running configuration to the deployment");
+    return xml::element("result");
 }
 
 void conf_daemon::ask(const plugin_ptr &to, const char *method, xml::node_ptr params,
@@ -252,12 +282,7 @@ void conf_daemon::ask(const plugin_ptr &to, const char *method, xml::node_ptr pa
         done({answer::outcome::gone, -1, plugin_is_gone, nullptr});
         return;
     }
-    try {
-        to->ask(method, std::move(params), std::move(done));
-        watch_for_room(*to);
-    } catch (const broken &reason) {
-        drop(to, reason.what());
-    }
+    plugins_.talk_to(to, [&] { to->ask(method, std::move(params), std::move(done)); });
 }
 
 answer conf_daemon::exchange(const plugin_ptr &to, const char *method, xml::node_ptr params)

@@ -10,6 +10,7 @@
 #include "loop.h"
 #include "plugin.h"
 #include "publication.h"
+#include "server.h"
 #include "trace.h"
 
 #include <deque>
@@ -28,7 +29,7 @@ public:
     conf_daemon(const conf_daemon &) = delete;
     conf_daemon &operator=(const conf_daemon &) = delete;
 
-    [[nodiscard]] const std::list<plugin_ptr> &plugins() const { return plugins_; }
+    [[nodiscard]] const std::list<plugin_ptr> &plugins() const { return plugins_.peers(); }
     [[nodiscard]] plugin_ptr find(const std::string &name) const;
 
     // Sends a request and waits for what becomes of it; never throws broken.
@@ -48,12 +49,9 @@ private:
     };
     static const served_method methods[];
 
-    void accept_plugins();
     void receive_notifications();
-    void serve(const plugin_ptr &from, short events);
     void handle(const plugin_ptr &from, xml::node_ptr message);
-    void drop(const plugin_ptr &whom, const std::string &why);
-    void watch_for_room(const plugin &to);
+    void let_go(const plugin_ptr &whom, const std::string &why);
     void start(const plugin_ptr &whom, int kind);
     void ask(const plugin_ptr &to, const char *method, xml::node_ptr params, plugin::answered done);
 
@@ -61,15 +59,19 @@ private:
     xml::node_ptr on_activate(const plugin_ptr &from, const xmlNode *params);
     xml::node_ptr on_deactivate(const plugin_ptr &from, const xmlNode *params);
     xml::node_ptr on_pull(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_locate(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_push(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_config_deployment(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_save_deployment(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_copy_deployment(const plugin_ptr &from, const xmlNode *params);
 
     event_loop &loop_;
     const console &out_;
     const tracer &trace_;
     configuration &config_;
     const endpoints &where_;
-    seconds patience_;
     agent_service agents_;
-    std::list<plugin_ptr> plugins_;
+    server<plugin> plugins_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
 };

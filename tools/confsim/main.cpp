@@ -29,6 +29,7 @@ constexpr int wrong_usage = 2;
 struct settings {
     std::string directory;
     std::string config;
+    std::string store;
     std::string script;
     bool trace = false;
     double timeout = 5;
@@ -41,6 +42,7 @@ void add_common_options(CLI::App &app, settings &wanted)
     app.add_option("--dir", wanted.directory, "Directory of the sockets");
     app.add_option("--config", wanted.config, "XML file of the running configuration")
         ->check(CLI::ExistingFile);
+    app.add_option("--store", wanted.store, "Directory that keeps the configurations");
     app.add_option("--script", wanted.script, "File with commands; without, standard input")
         ->check(CLI::ExistingFile);
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
@@ -54,7 +56,7 @@ void enter_sandbox(settings &wanted)
     sandbox::options options;
     options.network = wanted.network;
     options.keep = wanted.command;
-    for (const std::string &file : {wanted.config, wanted.script, wanted.directory}) {
+    for (const std::string &file : {wanted.config, wanted.store, wanted.script, wanted.directory}) {
         if (!file.empty()) {
             options.keep.push_back(file);
         }
@@ -73,7 +75,9 @@ class signal_watch {
 public:
     explicit signal_watch(event_loop &loop) : loop_(loop)
     {
-        (void)std::signal(SIGPIPE, SIG_IGN);
+        for (const int each : {SIGPIPE, SIGXFSZ}) { // the failed write says it, too
+            (void)std::signal(each, SIG_IGN);
+        }
         sigset_t ending;
         sigemptyset(&ending);
         for (const int each : {SIGINT, SIGTERM, SIGHUP}) {
@@ -125,10 +129,9 @@ int simulate(settings &wanted, bool with_command)
     const signal_watch signals(loop);
     tracer trace(out);
     trace.enable(wanted.trace);
-    configuration config;
+    configuration config(wanted.store);
     if (!wanted.config.empty()) {
-        config.load(wanted.config);
-        config.accept();
+        config.begin_with(wanted.config);
     }
     const std::unique_ptr<input> source =
         wanted.script.empty() ? standard_input(loop, out) : script_input(loop, wanted.script);

@@ -5,6 +5,8 @@
 #include "conf_plugin.h"
 #include "failure.h"
 
+#include <libxml/tree.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
@@ -12,6 +14,11 @@
 namespace confsim {
 
 namespace {
+
+bool is_name(const std::string &text)
+{
+    return xmlValidateNCName(reinterpret_cast<const xmlChar *>(text.c_str()), 0) == 0;
+}
 
 // Reads one path from left to right.
 class reader {
@@ -120,8 +127,8 @@ private:
             steps.push_back({prefixed ? node.substr(0, colon) : steps.back().module,
                              prefixed ? node.substr(colon + 1) : node,
                              {}});
-            if (steps.back().name.empty() || steps.back().module.empty()) {
-                complain("a node has no name");
+            if (!is_name(steps.back().name) || !is_name(steps.back().module)) {
+                complain("a node has no name that XML allows");
             }
             begin = end + 1;
         }

@@ -3,8 +3,11 @@
 
 #include "failure.h"
 
+#include <libxml/xmlstring.h>
+
 #include <algorithm>
 #include <array>
+#include <map>
 #include <set>
 #include <string_view>
 
@@ -79,6 +82,17 @@ std::vector<std::size_t> matching(const node &parent, const step &wanted)
     return found;
 }
 
+// A value that does not stand in XML would make the file that it is stored in unreadable.
+void refuse_unprintable(const std::string &text)
+{
+    const bool control = std::any_of(text.begin(), text.end(), [](char c) {
+        return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\n' && c != '\r';
+    });
+    if (control || xmlCheckUTF8(reinterpret_cast<const unsigned char *>(text.c_str())) == 0) {
+        throw failure("the value holds characters that XML cannot hold");
+    }
+}
+
 node made_for(const step &wanted)
 {
     node made{wanted.module, wanted.name, "", {}};
@@ -86,6 +100,7 @@ node made_for(const step &wanted)
         if (key.name.empty()) {
             throw failure("there is no " + to_text({wanted}) + " to change");
         }
+        refuse_unprintable(key.value);
         if (key.name == ".") {
             made.text = key.value;
         } else {
@@ -123,88 +138,35 @@ std::size_t remove_below(node &parent, const path &where, std::size_t depth)
     return removed;
 }
 
-const xmlChar *chars(const std::string &text)
+// Leads along a path, making the nodes that are missing.
+node &reach(node &top, const path &where)
 {
-    return reinterpret_cast<const xmlChar *>(text.c_str());
-}
-
-// An empty URI takes back the default namespace of the node above, if there is one.
-void set_namespace(xmlNode *element, const std::string &uri, bool outer)
-{
-    if (!uri.empty() || outer) {
-        xmlSetNs(element, xmlNewNs(element, chars(uri), nullptr));
-    }
-}
-
-void to_xml_below(const node &tree, xmlNode *element, module_table &modules)
-{
-    for (const node &child : tree.children) {
-        xml::node_ptr made = xml::element(child.name.c_str());
-        xmlNode *place = made.get();
-        xml::add(element, std::move(made));
-        if (child.module == tree.module) {
-            xmlSetNs(place, element->ns);
-        } else {
-            set_namespace(place, modules.uri_of(child.module), element->ns != nullptr);
+    node *place = &top;
+    for (const step &each : where) {
+        const std::vector<std::size_t> found = matching(*place, each);
+        if (found.size() > 1) {
+            throw failure(to_text(where) + " is ambiguous: there are " +
+                          std::to_string(found.size()) + " nodes called " + each.name);
         }
-        to_xml_below(child, place, modules);
+        if (found.empty()) {
+            if (place != &top && place->is_leaf() && !place->text.empty()) {
+                throw failure(to_text(where) + ": " + place->name + " is a leaf");
+            }
+            place->children.push_back(made_for(each));
+            place = &place->children.back();
+        } else {
+            place = &place->children[found.front()];
+        }
     }
-    if (!tree.text.empty() && tree.is_leaf()) {
-        xmlAddChild(element, xmlNewText(chars(tree.text)));
-    }
+    return *place;
+}
+
+path parent_of(const path &where)
+{
+    return {where.begin(), where.end() - 1};
 }
 
 } // namespace
-
-const std::string &module_table::name_of(const xmlNs *space)
-{
-    const std::string uri = reinterpret_cast<const char *>(space->href);
-    auto known = names_.find(uri);
-    if (known == names_.end()) {
-        const std::string name = space->prefix != nullptr
-                                     ? reinterpret_cast<const char *>(space->prefix)
-                                     : uri.substr(uri.find_last_of(":/#") + 1);
-        known = names_.emplace(uri, name).first;
-        uris_[name] = uri;
-    }
-    return known->second;
-}
-
-const std::string &module_table::uri_of(const std::string &module)
-{
-    return uris_.try_emplace(module, "urn:" + module).first->second;
-}
-
-node from_xml(const xmlNode *element, const std::string &outer_module, module_table &modules)
-{
-    node made{"", xml::name(element), "", {}};
-    if (element->ns != nullptr && element->ns->href != nullptr && *element->ns->href != 0) {
-        made.module = modules.name_of(element->ns);
-    } else if (outer_module.empty()) {
-        made.module = made.name;
-        modules.add_without_namespace(made.module);
-    } else {
-        made.module = outer_module;
-    }
-    for (const xmlNode *child = xml::first_element(element); child != nullptr;
-         child = xml::next_element(child)) {
-        made.children.push_back(from_xml(child, made.module, modules));
-    }
-    if (made.is_leaf()) {
-        made.text = xml::text(element);
-    }
-    return made;
-}
-
-xml::node_ptr to_xml(const node &tree, module_table &modules)
-{
-    xml::node_ptr element = xml::element(tree.name.c_str());
-    if (!tree.module.empty()) {
-        set_namespace(element.get(), modules.uri_of(tree.module), false);
-    }
-    to_xml_below(tree, element.get(), modules);
-    return element;
-}
 
 std::vector<step> steps_of(const std::vector<node> &siblings, const std::vector<node> &others)
 {
@@ -236,31 +198,88 @@ std::vector<const node *> find(const node &top, const path &where)
 
 void set(node &top, const path &where, const std::string &text)
 {
+    refuse_unprintable(text);
     node changed = top; // only a complete change is kept
-    node *place = &changed;
-    for (const step &each : where) {
-        const std::vector<std::size_t> found = matching(*place, each);
-        if (found.size() > 1) {
-            throw failure(to_text(where) + " is ambiguous: there are " +
-                          std::to_string(found.size()) + " nodes called " + each.name);
-        }
-        if (found.empty()) {
-            if (place != &changed && place->is_leaf() && !place->text.empty()) {
-                throw failure(to_text(where) + ": " + place->name + " is a leaf");
-            }
-            place->children.push_back(made_for(each));
-            place = &place->children.back();
-        } else {
-            place = &place->children[found.front()];
-        }
-    }
-    if (!text.empty() && !place->is_leaf()) {
+    node &place = reach(changed, where);
+    if (!text.empty() && !place.is_leaf()) {
         throw failure(to_text(where) + " is not a leaf");
     }
     if (!text.empty()) {
-        place->text = text;
+        place.text = text;
     }
     top = std::move(changed);
+}
+
+void put(node &top, const path &where, std::vector<node> instances)
+{
+    node &parent = reach(top, parent_of(where));
+    const std::vector<std::size_t> replaced = matching(parent, where.back());
+    const std::size_t first = replaced.empty() ? parent.children.size() : replaced.front();
+    for (auto index = replaced.rbegin(); index != replaced.rend(); ++index) {
+        parent.children.erase(parent.children.begin() + static_cast<std::ptrdiff_t>(*index));
+    }
+    const std::size_t count = instances.size();
+    parent.children.insert(parent.children.begin() + static_cast<std::ptrdiff_t>(first),
+                           std::make_move_iterator(instances.begin()),
+                           std::make_move_iterator(instances.end()));
+    const std::vector<std::size_t> there = matching(parent, where.back());
+    if (there.size() != count) {
+        throw failure("The data are not what " + to_text(where) + " names.");
+    }
+    refuse_duplicates(parent, parent_of(where));
+}
+
+void add_missing(node &to, const node &from)
+{
+    const std::vector<step> steps = steps_of(from.children, to.children);
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const std::vector<std::size_t> found = matching(to, steps[i]);
+        if (found.empty()) {
+            to.children.push_back(from.children[i]);
+        } else {
+            add_missing(to.children[found.front()], from.children[i]);
+        }
+    }
+}
+
+neighbours find_neighbours(const node &top, const path &where)
+{
+    const path above = parent_of(where);
+    const std::vector<const node *> parents =
+        above.empty() ? std::vector<const node *>{&top} : find(top, above);
+    if (parents.size() != 1 || matching(*parents.front(), where.back()).size() != 1) {
+        throw failure(to_text(where) + " does not lead to one node.");
+    }
+    const node &parent = *parents.front();
+    const std::vector<step> steps = steps_of(parent.children, {});
+    const std::size_t position = matching(parent, where.back()).front();
+    const auto path_to = [&](std::size_t index) {
+        path leading = above;
+        leading.push_back(steps[index]);
+        return leading;
+    };
+    neighbours found;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        if (i == position || !same_schema(steps[i], where.back())) {
+            continue;
+        }
+        if (i < position) {
+            found.previous = path_to(i);
+        } else {
+            found.next = path_to(i);
+            break;
+        }
+    }
+    return found;
+}
+
+std::size_t size_of(const node &tree)
+{
+    std::size_t size = sizeof tree + tree.module.size() + tree.name.size() + tree.text.size();
+    for (const node &child : tree.children) {
+        size += size_of(child);
+    }
+    return size;
 }
 
 std::size_t remove(node &top, const path &where)

@@ -8,9 +8,8 @@
 #define CONFSIM_TREE_H
 
 #include "path.h"
-#include "xml.h"
 
-#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,28 +24,6 @@ struct node {
     [[nodiscard]] bool is_leaf() const { return children.empty(); }
 };
 
-// The names under which modules appear in paths, and their namespaces.
-class module_table {
-public:
-    // The module of a namespace seen in a file: the name it is known by, else its prefix, else the
-    // last part of its URI.
-    const std::string &name_of(const xmlNs *space);
-
-    // The namespace of a module, urn:MODULE if no file named one; empty for a module without.
-    const std::string &uri_of(const std::string &module);
-
-    // A top node without a namespace belongs to a module of its own name.
-    void add_without_namespace(const std::string &module) { uris_.try_emplace(module, ""); }
-
-private:
-    std::map<std::string, std::string> names_; // by URI
-    std::map<std::string, std::string> uris_;  // by module
-};
-
-[[nodiscard]] node from_xml(const xmlNode *element, const std::string &outer_module,
-                            module_table &modules);
-[[nodiscard]] xml::node_ptr to_xml(const node &tree, module_table &modules);
-
 // The step to each of `siblings`, which stand, after or before a change, in place of `others`.
 [[nodiscard]] std::vector<step> steps_of(const std::vector<node> &siblings,
                                          const std::vector<node> &others);
@@ -54,9 +31,29 @@ private:
 // All nodes of a path below `top`, whose own name does not matter.
 [[nodiscard]] std::vector<const node *> find(const node &top, const path &where);
 
-// Make the nodes of a path as far as they are missing, and give the last the text. Throws failure,
-// with `top` as before, when the path is ambiguous or leads through a leaf.
+// Makes the nodes of a path as far as they are missing, and gives the last the text. Throws
+// failure, with `top` as before, when the path is ambiguous or leads through a leaf, and for a text
+// that XML cannot hold.
 void set(node &top, const path &where, const std::string &text);
+
+// Replaces the instances that a path leads to by others of it, and makes the nodes above as far as
+// they are missing. Throws failure, with `top` in some state, also when the path does not name one
+// of the instances.
+void put(node &top, const path &where, std::vector<node> instances);
+
+// Adds what is missing in one tree from another.
+void add_missing(node &to, const node &from);
+
+// The list entries before and after the one that a path leads to; null where there is none. Throws
+// failure unless the path leads to exactly one node.
+struct neighbours {
+    std::optional<path> previous;
+    std::optional<path> next;
+};
+[[nodiscard]] neighbours find_neighbours(const node &top, const path &where);
+
+// Roughly the bytes that a tree takes.
+[[nodiscard]] std::size_t size_of(const node &tree);
 
 // Removes all nodes of a path, and the nodes above that hold nothing any more. Returns how many the
 // path led to.

@@ -1,0 +1,103 @@
+// The connections that one listening socket has accepted. A peer is any class with a member
+// `stream` of type connection, made from a descriptor.
+#ifndef CONFSIM_SERVER_H
+#define CONFSIM_SERVER_H
+
+#include "connection.h"
+#include "loop.h"
+
+#include <functional>
+#include <list>
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace confsim {
+
+template <typename peer>
+class server {
+public:
+    using peer_ptr = std::shared_ptr<peer>;
+
+    struct behaviour {
+        std::function<peer_ptr(int descriptor)> made;
+        std::function<void(const peer_ptr &, xml::node_ptr)> received; // may throw broken
+        std::function<void(const peer_ptr &, const std::string &why)> gone;
+    };
+
+    server(event_loop &loop, int listener, std::size_t most, behaviour act)
+        : loop_(loop), listener_(listener), most_(most), act_(std::move(act))
+    {
+        loop_.watch(listener_, POLLIN, [this](short) { accept(); });
+    }
+    ~server()
+    {
+        loop_.forget(listener_);
+        for (const peer_ptr &each : peers_) {
+            loop_.forget(each->stream.descriptor());
+        }
+    }
+    server(const server &) = delete;
+    server &operator=(const server &) = delete;
+
+    [[nodiscard]] const std::list<peer_ptr> &peers() const { return peers_; }
+
+    // Does something that sends to the peer, which is dropped when that throws broken.
+    template <typename action>
+    void talk_to(const peer_ptr &to, action act)
+    {
+        const peer_ptr kept = to; // which may be an element of the list
+        try {
+            act();
+            const short unsent = kept->stream.has_unsent() ? POLLOUT : 0;
+            loop_.change(kept->stream.descriptor(), static_cast<short>(POLLIN | unsent));
+        } catch (const broken &reason) {
+            loop_.forget(kept->stream.descriptor());
+            peers_.remove(kept);
+            act_.gone(kept, reason.what());
+        }
+    }
+
+private:
+    void accept()
+    {
+        const int accepted = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (accepted < 0) {
+            return; // gone again
+        }
+        if (peers_.size() >= most_) {
+            close(accepted);
+            return;
+        }
+        peers_.push_back(act_.made(accepted));
+        loop_.watch(accepted, POLLIN, [this, from = std::weak_ptr(peers_.back())](short events) {
+            if (const peer_ptr alive = from.lock()) {
+                talk_to(alive, [&] { serve(alive, events); });
+            }
+        });
+    }
+
+    void serve(const peer_ptr &from, short events)
+    {
+        if ((events & POLLOUT) != 0) {
+            from->stream.flush();
+        }
+        if ((events & ~POLLOUT) != 0) {
+            for (xml::node_ptr &message : from->stream.receive()) {
+                act_.received(from, std::move(message));
+            }
+        }
+    }
+
+    event_loop &loop_;
+    int listener_;
+    std::size_t most_;
+    behaviour act_;
+    std::list<peer_ptr> peers_;
+};
+
+} // namespace confsim
+
+#endif
