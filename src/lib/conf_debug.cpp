@@ -124,6 +124,7 @@ void safety_syslog(int priority, const char *format, ...)
     }
     syslog(priority, "%s", text.get());
     support::wipe(text.get(), written); // a zero character (%c) may have left more than was sent
+    support::wipe_stack();
 }
 
 int econf_plugin_config_debug(int level, int enable)

@@ -12,10 +12,16 @@ namespace {
 // What plugins can make confsim keep.
 constexpr std::size_t most_bytes = std::size_t{64} << 20;
 
+// Parsers of XML stop at 256; a reply wraps the data in three elements more.
+constexpr std::size_t deepest = 250;
+
 void refuse_excess(const node &tree)
 {
     if (size_of(tree) > most_bytes) {
         throw failure("There is no room for more.");
+    }
+    if (depth_of(tree) > deepest) {
+        throw failure("The data are nested too deep.");
     }
 }
 

@@ -15,9 +15,13 @@ namespace confsim {
 
 namespace {
 
+// Every walk through a tree is recursive; no schema comes near this.
+constexpr std::size_t most_steps = 100;
+
 bool is_name(const std::string &text)
 {
-    return xmlValidateNCName(reinterpret_cast<const xmlChar *>(text.c_str()), 0) == 0;
+    const auto *chars = reinterpret_cast<const xmlChar *>(text.c_str());
+    return xmlCheckUTF8(chars) == 1 && xmlValidateNCName(chars, 0) == 0; // alone it takes any bytes
 }
 
 // Reads one path from left to right.
@@ -39,6 +43,9 @@ public:
             if (segment.empty() && keys.size() == 1) { // the leading slash
                 bare.clear();
                 keys.clear();
+            }
+            if (keys.size() > most_steps) {
+                complain("it has too many nodes");
             }
         }
         return join(bare, keys);
@@ -84,6 +91,9 @@ private:
         const std::size_t prefix = name.find(':');
         if (prefix != std::string::npos) {
             name.erase(0, prefix + 1);
+        }
+        if (name != "." && !is_name(name)) {
+            complain("a key has no name that XML allows");
         }
         return {name, read_value()};
     }

@@ -95,8 +95,8 @@ void store::write_and_keep(const std::string &name, const std::string &text,
 // Brings the text to the disk, beside the file.
 void store::prepare(const std::string &file, const std::string &text) const
 {
-    const int descriptor = openat(descriptor_, (file + fresh).c_str(),
-                                  O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    const int descriptor =
+        openat(descriptor_, (file + fresh).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     const bool complete = descriptor >= 0 && write_all(descriptor, text) && fsync(descriptor) == 0;
     const int error = errno;
     if (descriptor >= 0) {

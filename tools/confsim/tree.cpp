@@ -282,6 +282,15 @@ std::size_t size_of(const node &tree)
     return size;
 }
 
+std::size_t depth_of(const node &tree)
+{
+    std::size_t below = 0;
+    for (const node &child : tree.children) {
+        below = std::max(below, depth_of(child));
+    }
+    return 1 + below;
+}
+
 std::size_t remove(node &top, const path &where)
 {
     return remove_below(top, where, 0);

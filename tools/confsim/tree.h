@@ -52,8 +52,9 @@ struct neighbours {
 };
 [[nodiscard]] neighbours find_neighbours(const node &top, const path &where);
 
-// Roughly the bytes that a tree takes.
+// Roughly the bytes that a tree takes; the nodes on its longest way down, its top included.
 [[nodiscard]] std::size_t size_of(const node &tree);
+[[nodiscard]] std::size_t depth_of(const node &tree);
 
 // Removes all nodes of a path, and the nodes above that hold nothing any more. Returns how many the
 // path led to.

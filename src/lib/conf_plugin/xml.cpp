@@ -1,10 +1,10 @@
-// See xml.h for the contract; this file knows how libxml2 fails.
+// See xml.h for the contract; this file builds, copies and wipes trees, and knows how libxml2
+// fails.
 #include "xml.h"
 
 #include "support/bounded.h"
 
 #include <libxml/dict.h>
-#include <libxml/parser.h>
 
 namespace {
 
@@ -53,22 +53,6 @@ const xmlChar *content_or_null(const char *text)
     return text == nullptr || text[0] == '\0' ? nullptr : chars(text);
 }
 
-void free_document(xmlDoc *document)
-{
-    clean_xml_content(xmlDocGetRootElement(document));
-    xmlFreeDoc(document);
-}
-
-using document_owner = std::unique_ptr<xmlDoc, support::released_by<free_document>>;
-
-// Whether nodes of the document point to what dies with it: shared strings, declared entities and
-// attribute types, or the namespace of the prefix "xml".
-bool owns_what_nodes_use(const xmlDoc *document)
-{
-    return document->dict != nullptr || document->intSubset != nullptr ||
-           document->extSubset != nullptr || document->oldNs != nullptr;
-}
-
 bool declares_namespaces(const xmlNode *node)
 {
     while (node != nullptr && node->nsDef == nullptr) {
@@ -87,19 +71,6 @@ xmlNode *detach_children(xmlNode *parent)
     parent->children = nullptr;
     parent->last = nullptr;
     return list;
-}
-
-// Takes the root element out of its document: detached where nobody can see the difference, since
-// a copy of a large tree costs more than parsing it.
-xmlNode *take_root(xmlDoc *document)
-{
-    xmlNode *root = xmlDocGetRootElement(document);
-    if (root == nullptr || owns_what_nodes_use(document)) {
-        return copy_node(root);
-    }
-    xmlUnlinkNode(root);
-    xmlSetTreeDoc(root, nullptr);
-    return root;
 }
 
 } // namespace
@@ -181,7 +152,7 @@ xmlNode *add_number(xmlNode *parent, const char *name, long long number)
 {
     char text[32];
     support::print_cut(text, sizeof text, "%lld", number);
-    return add_text(parent, name, text);
+    return text[0] == '\0' ? nullptr : add_text(parent, name, text); // empty: it was not printed
 }
 
 xmlNode *add_raw(xmlNode *parent, const char *name, const char *content)
@@ -237,57 +208,4 @@ xmlNode *copy_list(xmlNode *list)
         return nullptr;
     }
     return copy.release();
-}
-
-// The buffer begins without memory of its own: when libxml2 fails to grow it, it frees that memory
-// and leaves the pointer to it behind. So after a failure the pointer is dropped unread.
-node_text::node_text(xmlNode *node) : buffer_(nullptr), result_(outcome::no_buffer)
-{
-    const libxml_watch watch;
-    buffer_ = xmlBufferCreateSize(0);
-    if (buffer_ == nullptr) {
-        return;
-    }
-    xmlBufferSetAllocationScheme(buffer_, XML_BUFFER_ALLOC_DOUBLEIT);
-    const int written = xmlNodeDump(buffer_, nullptr, node, 0, 0);
-    if (written <= 0 || watch.out_of_memory()) {
-        buffer_->content = nullptr;
-        buffer_->use = 0;
-        buffer_->size = 0;
-        result_ = outcome::not_dumped;
-        return;
-    }
-    result_ = xmlBufferContent(buffer_) == nullptr ? outcome::no_content : outcome::made;
-}
-
-node_text::~node_text()
-{
-    if (buffer_ != nullptr) {
-        if (result_ == outcome::made) {
-            support::wipe(buffer_->content, buffer_->use);
-        }
-        xmlBufferFree(buffer_);
-    }
-}
-
-std::span<const char> node_text::text() const
-{
-    return {reinterpret_cast<const char *>(xmlBufferContent(buffer_)),
-            static_cast<std::size_t>(xmlBufferLength(buffer_))};
-}
-
-parse_result parse_body(std::span<const char> body)
-{
-    const libxml_watch watch;
-    // Without a dictionary every string belongs to its node, so the tree can leave the document.
-    // The encoding is always UTF-8, whatever the body declares: naming it here would make libxml2
-    // convert the body into itself, and crash when memory for that runs out.
-    const document_owner document(xmlReadMemory(
-        body.data(), static_cast<int>(body.size()), nullptr, nullptr,
-        XML_PARSE_NOBLANKS | XML_PARSE_NODICT | XML_PARSE_NONET | XML_PARSE_IGNORE_ENC));
-    if (!document || watch.out_of_memory()) {
-        return {nullptr, false};
-    }
-    xmlNode *root = take_root(document.get());
-    return {root, root == nullptr};
 }

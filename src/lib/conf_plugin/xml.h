@@ -100,12 +100,13 @@ private:
     outcome result_;
 };
 
-// Parses the body of a message. Returns a tree that belongs to no document, or null. `failed_copy`
+// Parses the body of a message where it stands; the byte behind it is in use meanwhile, and its own
+// again afterwards. Returns a tree that belongs to no document, or null. `failed_copy`
 // tells a body that is not well-formed from one whose tree could not be taken out of its document.
 struct parse_result {
     xmlNode *root;
     bool failed_copy;
 };
-[[nodiscard]] parse_result parse_body(std::span<const char> body);
+[[nodiscard]] parse_result parse_body(std::span<char> body);
 
 #endif

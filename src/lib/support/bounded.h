@@ -16,6 +16,15 @@ inline void wipe(void *memory, std::size_t size)
     explicit_bzero(memory, size);
 }
 
+// Overwrites the stack below the caller, where functions that have returned may have left text: to
+// be called after handing secrets to functions that are not ours.
+[[gnu::noinline]] inline void wipe_stack()
+{
+    constexpr std::size_t depth = 8192;
+    char left_behind[depth];
+    wipe(left_behind, sizeof left_behind);
+}
+
 // Copies `count` bytes into a destination of `room` bytes; the ranges may overlap.
 [[nodiscard]] inline bool copy_bytes(void *to, std::size_t room, const void *from,
                                      std::size_t count)
