@@ -86,15 +86,19 @@ static int on_state(char *path, char *filter, xmlNode **status)
                : -1;
 }
 
-/* The output of an older operation is the content of the node that it hands back. */
+/*
+ * The output of an older operation is the content of the node that it hands back: here the reason
+ * that was given, if any.
+ */
 static int on_clear(xmlNode *input, xmlNode **output)
 {
-    (void)input;
+    const char *reason = input == NULL ? NULL : conf_get_node_content(input);
     *output = xmlNewNode(NULL, (const xmlChar *)"output");
     if (*output == NULL || write_banner("") != 0) {
         return -1;
     }
-    return xmlNewChild(*output, NULL, (const xmlChar *)"cleared", NULL) != NULL ? 0 : -1;
+    return xmlNewTextChild(*output, NULL, (const xmlChar *)"cleared", (const xmlChar *)reason) ? 0
+                                                                                               : -1;
 }
 
 int main(int argc, char **argv)

@@ -5,10 +5,8 @@
 set -euo pipefail
 source_dir=$1
 build_dir=$2
-
-work_dir=$(mktemp -d)
-trap 'rm -rf "$work_dir"' EXIT
-cd "$work_dir"
+# shellcheck source=tests/abi/scratch.sh
+source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 mkdir build
 ln -s "$build_dir" build/release
 ln -s "$source_dir/include" include
@@ -35,9 +33,7 @@ block sh 2 | sed 's/confsim run --/confsim run --script session --/' >commands
 grep -q 'run --script' commands
 sh -eux commands
 
-cmake --install "$build_dir" --prefix "$PWD/usr" >/dev/null
-PKG_CONFIG_PATH=$(dirname "$(find usr -name libconfsvc.pc)")
-export PKG_CONFIG_PATH
+install_tree "$build_dir"
 command=$(grep -o 'cc hello\.c [^`]*' "$source_dir/README.md")
 sh -eux -c "${command/hello.c -o hello/hello.c -o installed}"
 [[ -x installed ]]

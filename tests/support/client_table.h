@@ -1,10 +1,10 @@
-// What the tests of the client table share: a look at its System V objects from outside, and a
-// fixture that leaves none of them behind.
+// What the tests of the client table share: a look at its System V objects from outside, calls in
+// other processes and threads, and a fixture that leaves nothing behind.
 #ifndef CONFSVC_TEST_CLIENT_TABLE_H
 #define CONFSVC_TEST_CLIENT_TABLE_H
 
 #include "conf_misc.h"
-#include "test_support.h"
+#include "reports.h"
 
 #include <array>
 #include <csignal>
@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <string>
 #include <sys/ipc.h>
 #include <sys/prctl.h>
 #include <sys/sem.h>
@@ -21,8 +20,6 @@
 #include <unistd.h>
 
 namespace test {
-
-using texts = std::vector<std::string>;
 
 inline constexpr const char *key_file = "/mnt/squash/local/etc/confd/confd.conf";
 
@@ -47,19 +44,17 @@ inline int attached_segments()
     return count;
 }
 
+inline void expect_no_table()
+{
+    EXPECT_EQ(segment(), -1);
+    EXPECT_EQ(semaphore(), -1);
+    EXPECT_EQ(attached_segments(), 0);
+}
+
 // The segment as 32-bit words: the capacity, and six for each record, the second being its flags.
-class Words {
-public:
-    Words() : words_(static_cast<u32_t *>(shmat(segment(), nullptr, 0))) {}
-    ~Words() { shmdt(words_); }
-    Words(const Words &) = delete;
-    Words &operator=(const Words &) = delete;
-    u32_t &operator[](std::size_t index) const { return words_[index]; }
-
+struct Words : std::unique_ptr<u32_t[], int (*)(const void *)> {
+    Words() : unique_ptr(static_cast<u32_t *>(shmat(segment(), nullptr, 0)), shmdt) {}
     static constexpr std::size_t flags_of(std::size_t slot) { return 1 + 6 * slot + 1; }
-
-private:
-    u32_t *words_;
 };
 
 inline pid_t start_process(const std::function<int()> &body)
@@ -79,9 +74,14 @@ inline int wait_status(pid_t child)
     return status;
 }
 
+inline int in_another_process(const std::function<int()> &body)
+{
+    return wait_status(start_process(body));
+}
+
 inline int create_elsewhere(int capacity)
 {
-    return wait_status(start_process([=] { return conf_clishm_create(capacity); }));
+    return in_another_process([=] { return conf_clishm_create(capacity); });
 }
 
 inline conf_cli_info_t record(pid_t pid, u32_t port = 0)
@@ -113,23 +113,19 @@ inline int look_up(pid_t pid)
     return std::memcmp(&info, &expected, sizeof info) == 0 ? static_cast<int>(port) : -2;
 }
 
-class ClientTableFixture : public Fixture {
+class ClientTable : public test::Fixture {
 protected:
-    static constexpr unsigned guard = 250; // seconds after which a test that hangs is killed
-
     void SetUp() override
     {
         Fixture::SetUp();
-        alarm(guard);
+        alarm(250); // a test that hangs is killed
         std::filesystem::create_directories(std::filesystem::path(key_file).parent_path());
         std::ofstream(key_file, std::ios::app).flush();
     }
     void TearDown() override
     {
         conf_clishm_destroy();
-        EXPECT_EQ(segment(), -1);
-        EXPECT_EQ(semaphore(), -1);
-        EXPECT_EQ(attached_segments(), 0);
+        expect_no_table();
         alarm(0);
         Fixture::TearDown();
     }
@@ -141,12 +137,11 @@ protected:
         for (const bool attached : {true, false}) {
             SCOPED_TRACE(attached ? "attached" : "attaching in each call");
             ASSERT_EQ(attached ? conf_clishm_create(capacity) : create_elsewhere(capacity), 0);
-            ASSERT_EQ(attached_segments(), attached ? 1 : 0);
             body();
             EXPECT_EQ(attached_segments(), attached ? 1 : 0);
             EXPECT_EQ(semctl(semaphore(), 0, GETVAL), 1);
             conf_clishm_destroy();
-            EXPECT_EQ(segment(), -1);
+            EXPECT_EQ(take_reports(), "");
         }
     }
 };

@@ -97,15 +97,6 @@ std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text)
     };
 }
 
-std::string list_of(const xmlNode *node)
-{
-    std::string text;
-    for (; node != nullptr; node = node->next) {
-        text += print(const_cast<xmlNode *>(node));
-    }
-    return text;
-}
-
 int old_config(int oper, int more, int priority, char *path)
 {
     return called_back("config " + numbers({oper, more, priority}) + text_of(path));

@@ -11,8 +11,6 @@
 
 namespace test {
 
-using strings = std::vector<std::string>;
-
 // What the callbacks do, and how they were called: "config 3 1 0 10 /path".
 struct behaviour {
     int result = 0;
@@ -29,8 +27,6 @@ behaviour gives(std::function<xmlNode *(xmlNode *input)> produce);
 // Output that is the callback's to give away: one element, or the nodes inside of one.
 std::function<xmlNode *(xmlNode *)> element(const std::string &text);
 std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text);
-
-std::string list_of(const xmlNode *node); // printed
 
 // The callbacks with the older signatures.
 int old_config(int oper, int more, int priority, char *path);

@@ -2,6 +2,7 @@
 #include "fake_daemon.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -28,9 +29,9 @@ bool readable(int fd, int milliseconds)
 
 } // namespace
 
-std::string framed(const std::string &body)
+std::string framed(const std::string &body, u16_t seq)
 {
-    const msg_head_t head{MSG_MAGIC, static_cast<u32_t>(body.size()), 0, 0};
+    const msg_head_t head{MSG_MAGIC, static_cast<u32_t>(body.size()), seq, 0};
     return std::string(reinterpret_cast<const char *>(&head), sizeof head) + body;
 }
 
@@ -139,6 +140,22 @@ void Peer::close()
     }
 }
 
+void interrupt_wait()
+{
+    static std::atomic<int> handled = 0;
+    const auto former = std::signal(SIGUSR1, [](int) { ++handled; });
+    for (std::string id, name, condition; condition != "S";) {
+        std::ifstream("/proc/self/task/" + std::to_string(getpid()) + "/stat") >> id >> name >>
+            condition;
+    }
+    const int before = handled;
+    kill(getpid(), SIGUSR1);
+    while (handled == before) {
+        std::this_thread::yield();
+    }
+    std::signal(SIGUSR1, former);
+}
+
 FakeDaemon::FakeDaemon() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     std::filesystem::create_directories("/dev/shm/yang_modules");
@@ -170,6 +187,14 @@ void FakeDaemon::accept_connection()
     peer_ = std::make_unique<Peer>(fd);
 }
 
+Peer &FakeDaemon::connection()
+{
+    if (!peer_) {
+        accept_connection();
+    }
+    return *peer_;
+}
+
 void FakeDaemon::play(Script script)
 {
     if (thread_.joinable()) {
@@ -179,12 +204,7 @@ void FakeDaemon::play(Script script)
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before); // signals are for the plugin
-    thread_ = std::thread([this, script = std::move(script)] {
-        if (!peer_) {
-            accept_connection();
-        }
-        script(*peer_);
-    });
+    thread_ = std::thread([this, script = std::move(script)] { script(connection()); });
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
@@ -234,16 +254,22 @@ void PluginFixture::start(econf_plugin_subpub_info_t info)
     clear_debug_file();
 }
 
-std::vector<std::string> PluginFixture::errors()
+std::string PluginFixture::request_of(const std::function<void()> &call, const std::string &content)
 {
-    std::vector<std::string> texts = debug_texts(DBG_ERROR);
-    for (std::string &text : texts) {
-        const std::size_t number = text.find("occur(0x");
-        if (number != std::string::npos) {
-            text.replace(number + 8, text.find(')') - number - 8, "?");
-        }
+    std::string request;
+    daemon->play([&](Peer &connection) { request = connection.answer(content); });
+    call();
+    peer = &daemon->finish();
+    return request;
+}
+
+void PluginFixture::leave_over(std::string bytes)
+{
+    if (!bytes.empty()) {
+        ASSERT_EQ(conf_buffer_append(&get_plugin_context()->recv_buf, bytes.data(),
+                                     static_cast<int>(bytes.size())),
+                  0);
     }
-    return texts;
 }
 
 } // namespace test

@@ -20,7 +20,7 @@
 namespace test {
 
 // A message on the stream, and the two kinds of body.
-std::string framed(const std::string &body);
+std::string framed(const std::string &body, u16_t seq = 0);
 std::string rpc(const std::string &method, const std::string &params, const std::string &id);
 std::string reply(const std::string &content, const std::string &id);
 std::string error(const std::string &code, const std::string &message);
@@ -74,6 +74,8 @@ public:
     void play(Script script);
     // Waits for the end of the script; the connection stays open unless the script closed it.
     Peer &finish();
+    // The present connection, or else the next one.
+    Peer &connection();
     void forget_connection();
 
 private:
@@ -84,21 +86,8 @@ private:
     std::thread thread_;
 };
 
-// An element that is freed at the end of its scope.
-struct Tree {
-    explicit Tree(const std::string &text) : node(parse(text)) {}
-    ~Tree() { xmlFreeNode(node); }
-    Tree(const Tree &) = delete;
-    Tree &operator=(const Tree &) = delete;
-    xmlNode *node;
-};
-
-// A callback of any kind as it stands in the callback table.
-template <typename callback>
-econf_subpub_cb_t slot(callback function)
-{
-    return reinterpret_cast<econf_subpub_cb_t>(reinterpret_cast<void (*)()>(function));
-}
+// Interrupts the main thread in its wait by a signal, and returns when that has been handled.
+void interrupt_wait();
 
 // Base of the tests of a plugin, named "demo", that talks to a fake daemon.
 class PluginFixture : public Fixture {
@@ -108,8 +97,11 @@ protected:
 
     // Registers and activates, and leaves the debug file empty.
     void start(econf_plugin_subpub_info_t info = {});
-    // The lines at DBG_ERROR, with the numbers of epoll events replaced by "0x?".
-    static std::vector<std::string> errors();
+    // The request that `call` sends, and that the daemon answers with `content`.
+    std::string request_of(const std::function<void()> &call,
+                           const std::string &content = "<result/>");
+    // Puts bytes into the plugin's receive buffer.
+    static void leave_over(std::string bytes);
 
     std::unique_ptr<FakeDaemon> daemon;
     Peer *peer = nullptr; // after start()

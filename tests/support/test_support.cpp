@@ -1,7 +1,7 @@
 // See test_support.h. Relies on the sandbox that main.cpp enters: /dev/log is a socket of ours.
 #include "test_support.h"
 
-#include "test_main.h"
+#include "system_log.h"
 
 #include <libxml/parser.h>
 
@@ -52,10 +52,24 @@ void clear_debug_file()
     std::filesystem::remove(debug_file);
 }
 
+std::string take_errors()
+{
+    std::string all;
+    for (std::string &text : debug_texts(DBG_ERROR)) {
+        const std::size_t number = text.find("occur(0x");
+        if (number != std::string::npos) {
+            text.replace(number + 8, text.find(')') - number - 8, "?");
+        }
+        all += (all.empty() ? "" : "\n") + text;
+    }
+    clear_debug_file();
+    return all;
+}
+
 std::vector<std::string> take_system_log()
 {
     std::vector<std::string> messages;
-    std::string message(1 << 17, '\0');
+    static std::string message(1 << 17, '\0');
     for (;;) {
         const ssize_t count =
             recv(system_log_socket(), message.data(), message.size(), MSG_DONTWAIT);
@@ -131,11 +145,23 @@ xmlNode *parse(const std::string &text)
 
 std::string print(xmlNode *node)
 {
+    if (node == nullptr) {
+        return {};
+    }
     xmlBuffer *buffer = xmlBufferCreate();
     xmlNodeDump(buffer, nullptr, node, 0, 0);
     std::string text(reinterpret_cast<const char *>(xmlBufferContent(buffer)),
                      static_cast<std::size_t>(xmlBufferLength(buffer)));
     xmlBufferFree(buffer);
+    return text;
+}
+
+std::string list_of(const xmlNode *node)
+{
+    std::string text;
+    for (; node != nullptr; node = node->next) {
+        text += print(const_cast<xmlNode *>(node));
+    }
     return text;
 }
 

@@ -16,6 +16,8 @@
 
 namespace test {
 
+using strings = std::vector<std::string>;
+
 // The lines of the debug file since it was last cleared, without time stamp and line end:
 // "[ERROR] - text".
 std::vector<std::string> debug_lines();
@@ -24,6 +26,10 @@ std::vector<std::string> debug_lines();
 std::vector<std::string> debug_texts(int level);
 
 void clear_debug_file();
+
+// The texts at DBG_ERROR, joined by line ends, with the numbers of epoll events replaced by "0x?";
+// clears the file.
+std::string take_errors();
 
 // What has reached the system log since the last call, one entry a message: "<11>text" with the
 // priority as sent; time and program name are removed.
@@ -41,9 +47,13 @@ int without_descriptors(const std::function<int()> &call);
 // A pointer as the logs show it.
 std::string place(const void *pointer);
 
-// Parses and prints one element; parse() gives a tree that belongs to no document.
+// Parses and prints one element; parse() gives a tree that belongs to no document, print() gives ""
+// for null.
 xmlNode *parse(const std::string &text);
 std::string print(xmlNode *node);
+
+// A list of siblings, printed; "" for null.
+std::string list_of(const xmlNode *node);
 
 // Base of all fixtures: debug file on at the most verbose level and empty, system log empty, and
 // afterwards as many descriptors as before.

@@ -1,8 +1,9 @@
 // Agents: their connection, and the requests that they build, byte for byte, whole or not at all.
 // This program stands in for getpwuid(), so that the documents do not depend on the machine.
 #include "conf_plugin.h"
+#include "memory_limits.h"
+#include "reports.h"
 #include "support/owners.h"
-#include "test_support.h"
 #include "xml_memory.h"
 
 #include <algorithm>
@@ -12,13 +13,9 @@
 #include <filesystem>
 #include <fstream>
 #include <pwd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
-
-using texts = std::vector<std::string>;
 
 bool user_exists = true;
 char user_name[] = "a<b&c";
@@ -35,16 +32,21 @@ extern "C" passwd *getpwuid(uid_t id)
 
 namespace {
 
-using builder = int (*)(conf_buffer_t **buffer, int seq);
+using test::refused;
+using test::take_reports;
 
-const std::string base = "<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" xmlns:";
+// A message with this id, in the namespace of requests and one more.
+std::string rpc(const std::string &name_space, const std::string &id, const std::string &content)
+{
+    return "<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" xmlns:" + name_space +
+           "\" message-id=\"" + id + "\">" + content + "</rpc>";
+}
 
-// A request for the running datastore that holds an operation.
 std::string get_config(const std::string &id, const std::string &operation)
 {
-    return base + "confd=\"com:volmar:netconf:private:oxel:device:confd\" message-id=\"" + id +
-           "\"><get-config><source><running/></source><filter type=\"subtree\">" + operation +
-           "</filter></get-config></rpc>";
+    return rpc("confd=\"com:volmar:netconf:private:oxel:device:confd", id,
+               "<get-config><source><running/></source><filter type=\"subtree\">" + operation +
+                   "</filter></get-config>");
 }
 
 std::string session(const std::string &id)
@@ -60,68 +62,61 @@ std::string capability(const std::string &id)
     return get_config(id, "<confd:get-capability/>");
 }
 
-const std::string subscription =
-    base + "ntf=\"urn:ietf:params:xml:ns:netconf:notification:1.0\" "
-           "message-id=\"subscribeNotification_1\"><ntf:create-subscription/></rpc>";
+std::string subscription(const std::string &)
+{
+    return rpc("ntf=\"urn:ietf:params:xml:ns:netconf:notification:1.0", "subscribeNotification_1",
+               "<ntf:create-subscription/>");
+}
 
-// What each builder reports when it can go no further, in the order of its steps.
-struct request {
+const std::string rpc_step = "root node <rpc>";
+const std::string base_step = "namespace <urn:ietf:params:xml:ns:netconf:base:1.0>";
+const std::string id_step = "attribution <message-id>";
+const std::string confd_step = "namepsace <com:volmar:netconf:private:oxel:device:confd>";
+
+const struct request {
     const char *name;
-    builder build;
-    std::string body; // for the sequence number 7
+    int (*build)(conf_buffer_t **buffer, int seq);
+    std::string (*body)(const std::string &id);
+    // What is reported when memory ends at one step after the other: for all but the last steps
+    // there is a second report.
+    std::string start;
+    std::vector<std::string> steps;
+    std::string then;
+    std::vector<std::string> last_steps;
     std::string not_appended;
-    std::vector<texts> failures;
+} requests[] = {
+    {"session",
+     conf_agent_build_session,
+     session,
+     "Create ",
+     {rpc_step, base_step, id_step, confd_step, "op type node get-config", "attribution subtree",
+      "child node <create-session>"},
+     "Create root node <rpc> failed.\n",
+     {"child node <username>", "child node <agent-ppid>"},
+     "Dump xml to message for <create-session> failed."},
+    {"capability",
+     conf_agent_build_capability,
+     capability,
+     "Create ",
+     {rpc_step, base_step, id_step, confd_step, "op type node get-config", "attribution subtree",
+      "child node <get-capability>"},
+     "Create root node <rpc> failed.\n",
+     {},
+     "Dump xml to message for <get-capability> failed."},
+    {"subscription",
+     conf_agent_build_notify_rpc,
+     subscription,
+     "[RE]Create ",
+     {rpc_step, base_step, id_step, "namepsace <urn:ietf:params:xml:ns:netconf:notification:1.0>",
+      "child node"},
+     "",
+     {},
+     "[RE]Dump xml to message for <create-subscription> failed."},
 };
 
-const std::string no_root = "<11>[ERROR] Create root node <rpc> failed.";
-
-std::vector<texts> get_config_failures(const std::string &operation)
+std::string framed(const std::string &body, int seq)
 {
-    const std::string start = "<11>[ERROR] Create ";
-    const texts causes = {no_root,
-                          start + "namespace <urn:ietf:params:xml:ns:netconf:base:1.0> failed.",
-                          start + "attribution <message-id> failed.",
-                          start +
-                              "namepsace <com:volmar:netconf:private:oxel:device:confd> failed.",
-                          start + "op type node get-config failed.",
-                          start + "attribution subtree failed.",
-                          start + "child node <" + operation + "> failed."};
-    std::vector<texts> failures;
-    for (const std::string &cause : causes) {
-        failures.push_back({cause, no_root});
-    }
-    return failures;
-}
-
-std::vector<request> requests()
-{
-    const std::string start = "<11>[ERROR] [RE]Create ";
-    const std::string dump = "<11>[ERROR] Dump xml to message for <";
-    std::vector<request> list = {
-        {"session", conf_agent_build_session, session("7"), dump + "create-session> failed.",
-         get_config_failures("create-session")},
-        {"capability", conf_agent_build_capability, capability("7"),
-         dump + "get-capability> failed.", get_config_failures("get-capability")},
-        {"subscription",
-         conf_agent_build_notify_rpc,
-         subscription,
-         "<11>[ERROR] [RE]Dump xml to message for <create-subscription> failed.",
-         {{start + "root node <rpc> failed."},
-          {start + "namespace <urn:ietf:params:xml:ns:netconf:base:1.0> failed."},
-          {start + "attribution <message-id> failed."},
-          {start + "namepsace <urn:ietf:params:xml:ns:netconf:notification:1.0> failed."},
-          {start + "child node failed."}}}};
-    list[0].failures.push_back({"<11>[ERROR] Create child node <username> failed."});
-    list[0].failures.push_back({"<11>[ERROR] Create child node <agent-ppid> failed."});
-    for (request &each : list) {
-        each.failures.push_back({"<11>[ERROR] Create xml buffer failed.", each.not_appended});
-    }
-    return list;
-}
-
-std::string framed(const std::string &body, u16_t seq)
-{
-    const msg_head_t head{MSG_MAGIC, static_cast<u32_t>(body.size()), seq, 0};
+    const msg_head_t head{MSG_MAGIC, static_cast<u32_t>(body.size()), static_cast<u16_t>(seq), 0};
     return std::string(reinterpret_cast<const char *>(&head), sizeof head) + body;
 }
 
@@ -132,105 +127,72 @@ std::string content(conf_buffer_t *buffer)
 
 class Agent : public test::Fixture {};
 
-// ---- requests ----------------------------------------------------------------------------------
-
 TEST_F(Agent, RequestsStandBackToBackInTheBuffer)
 {
-    const struct {
-        builder build;
-        std::string body;
-        int seq;
-        u16_t head_seq;
-    } rows[] = {
-        {conf_agent_build_session, session("7"), 7, 7},
-        {conf_agent_build_capability, capability("70000"), 70000, 4464},
-        {conf_agent_build_notify_rpc, subscription, 65537, 1},
-        {conf_agent_build_capability, capability("-1"), -1, 65535},
-        {conf_agent_build_session, session("-2147483648"), INT32_MIN, 0},
-        {conf_agent_build_notify_rpc, subscription, 0, 0},
-    };
     conf_buffer_t *buffer = conf_buffer_create(0);
-    std::string expected = "begun";
-    ASSERT_EQ(conf_buffer_append(&buffer, expected.data(), 5), 0);
-    for (int round = 0; round < 3; ++round) { // beyond the first page
-        for (const auto &row : rows) {
-            EXPECT_EQ(row.build(&buffer, row.seq), 0);
-            expected += framed(row.body, row.head_seq);
+    std::string expected;
+    for (const int seq : {7, 0, 65537, 70000, -1, INT32_MIN}) {
+        for (const request &each : requests) {
+            EXPECT_EQ(each.build(&buffer, seq), 0);
+            expected += framed(each.body(std::to_string(seq)), seq);
             EXPECT_EQ(content(buffer), expected);
         }
     }
+    EXPECT_GT(buffer->used, 4096) << "not beyond the first page";
     conf_buffer_destroy(buffer);
-    EXPECT_EQ(test::take_system_texts(), texts());
+    EXPECT_EQ(take_reports(), "");
 }
-
-// A buffer near the largest size, in which only the last page is ever touched.
-class FullBuffer {
-public:
-    explicit FullBuffer(int room)
-    {
-        void *memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        if (memory != MAP_FAILED) {
-            buffer = static_cast<conf_buffer_t *>(memory);
-            buffer->total = static_cast<int32_t>(size - sizeof *buffer);
-            buffer->used = buffer->total - 1 - room;
-            std::memcpy(buffer->buf + buffer->used - 4, "kept", 5);
-        }
-    }
-    ~FullBuffer() { munmap(buffer, size); }
-    FullBuffer(const FullBuffer &) = delete;
-    FullBuffer &operator=(const FullBuffer &) = delete;
-
-    conf_buffer_t *buffer = nullptr;
-
-private:
-    static constexpr std::size_t size = (std::size_t{1} << 31) - 4096;
-};
 
 TEST_F(Agent, TakesTheHeaderBackWhenTheBodyCannotFollow)
 {
-    const texts no_room = {"<11>[ERROR] Allocate 2147483647 byte(s) memory failed(Value too large "
-                           "for defined data type).",
-                           "<11>[ERROR] Expand buffer failed."};
-    const struct {
-        int room;
-        const char *message;
-    } rows[] = {{11, "<11>[ERROR] Append message header to buffer failed."},
-                {12, "<11>[ERROR] Append message body to outbound buffer failed."},
-                {100, "<11>[ERROR] Append message body to outbound buffer failed."}};
-    for (const request &each : requests()) {
-        for (const auto &row : rows) {
-            SCOPED_TRACE(::testing::Message() << each.name << ", room " << row.room);
-            FullBuffer full(row.room);
-            ASSERT_NE(full.buffer, nullptr);
-            conf_buffer_t *buffer = full.buffer;
-            const int used = buffer->used;
-            EXPECT_EQ(each.build(&buffer, 7), -1);
-            texts expected = no_room;
-            expected.insert(expected.end(), {row.message, each.not_appended});
-            EXPECT_EQ(test::take_system_texts(), expected);
-            EXPECT_EQ(buffer, full.buffer);
-            EXPECT_EQ(buffer->used, used);
-            EXPECT_STREQ(buffer->buf + used - 4, "kept");
+    constexpr std::int64_t nearly_largest = (std::int64_t{1} << 31) - 4096;
+    const std::string no_room = "Allocate 2147483647 byte(s) memory failed(Value too large for "
+                                "defined data type).\nExpand buffer failed.\n";
+    for (const request &each : requests) {
+        for (const int room : {11, 12, 100}) {
+            SCOPED_TRACE(::testing::Message() << each.name << ", room " << room);
+            conf_buffer_t *const full = test::reserve_buffer(nearly_largest, room);
+            ASSERT_NE(full, nullptr);
+            const int used = full->used;
+            std::memcpy(full->buf + used - 4, "kept", 5);
+            conf_buffer_t *buffer = full;
+            refused(each.build(&buffer, 7), -1,
+                    no_room +
+                        (room < 12 ? "Append message header to buffer failed.\n"
+                                   : "Append message body to outbound buffer failed.\n") +
+                        each.not_appended);
+            EXPECT_EQ(buffer, full);
+            EXPECT_EQ(full->used, used);
+            EXPECT_STREQ(full->buf + used - 4, "kept");
+            test::release_buffer(full);
         }
         EXPECT_EQ(each.build(nullptr, 7), -1);
-        EXPECT_EQ(test::take_system_texts().back(), each.not_appended);
+        EXPECT_TRUE(take_reports().ends_with(each.not_appended + "\n"));
     }
 }
 
 TEST_F(Agent, ReportsEachStepThatFails)
 {
-    for (const request &each : requests()) {
-        std::vector<texts> reported;
+    for (const request &each : requests) {
+        std::vector<std::string> expected;
+        for (const std::string &step : each.steps) {
+            expected.push_back(each.start + step + " failed.\n" + each.then);
+        }
+        for (const std::string &step : each.last_steps) {
+            expected.push_back(each.start + step + " failed.\n");
+        }
+        expected.push_back("Create xml buffer failed.\n" + each.not_appended + "\n");
+
+        std::vector<std::string> reported;
         const auto scenario = [&]() -> std::optional<std::string> {
             const support::buffer_owner owner(conf_buffer_create(0));
             conf_buffer_t *buffer = owner.get();
             const int result = each.build(&buffer, 7);
             test::xml_heap.work_again();
             EXPECT_EQ(buffer, owner.get());
-            const texts report = test::take_system_texts();
+            const std::string report = take_reports();
             if (result == 0) {
-                EXPECT_EQ(report, texts());
+                EXPECT_EQ(report, "");
                 return content(buffer);
             }
             EXPECT_EQ(content(buffer), "");
@@ -239,19 +201,16 @@ TEST_F(Agent, ReportsEachStepThatFails)
             }
             return {};
         };
-        EXPECT_EQ(scenario(), framed(each.body, 7));
+        EXPECT_EQ(scenario(), framed(each.body("7"), 7));
         test::expect_whole_or_nothing(each.name, test::leaks::none, scenario);
-        EXPECT_EQ(reported, each.failures) << each.name;
+        EXPECT_EQ(reported, expected) << each.name;
     }
     user_exists = false;
     conf_buffer_t *buffer = nullptr;
-    EXPECT_EQ(conf_agent_build_session(&buffer, 7), -1);
-    EXPECT_EQ(test::take_system_texts(),
-              texts{"<11>[ERROR] Get login user information failed(Input/output error)."});
+    refused(conf_agent_build_session(&buffer, 7), -1,
+            "Get login user information failed(Input/output error).");
     user_exists = true;
 }
-
-// ---- connection --------------------------------------------------------------------------------
 
 TEST_F(Agent, ConnectsWhereTheProfileSays)
 {
@@ -270,31 +229,24 @@ TEST_F(Agent, ConnectsWhereTheProfileSays)
         }
         const int sock = conf_agent_init();
         ASSERT_GE(sock, 0);
+        EXPECT_EQ(take_reports(), "<15>[DEBUG] Agent connect to agent sock addr success.\n");
         EXPECT_EQ(fcntl(sock, F_GETFL) & O_NONBLOCK, 0);
         EXPECT_EQ(fcntl(sock, F_GETFD), FD_CLOEXEC);
-        const int accepted = accept(service, nullptr, nullptr);
-        ASSERT_GE(accepted, 0);
-        conf_agent_exit(sock);
+        const support::unique_fd accepted(accept(service, nullptr, nullptr));
+        ASSERT_TRUE(accepted);
+        refused((conf_agent_exit(sock), 0), 0, "<15>[DEBUG] Agent disconnect to server.");
         char byte = 0;
-        EXPECT_EQ(read(accepted, &byte, 1), 0) << "closed";
-        close(accepted);
-        conf_agent_exit(-1);
-        EXPECT_EQ(test::take_system_texts(),
-                  (texts{"<15>[DEBUG] Agent connect to agent sock addr success.",
-                         "<15>[DEBUG] Agent disconnect to server.",
-                         "<15>[DEBUG] Agent disconnect to server."}));
+        EXPECT_EQ(read(accepted.get(), &byte, 1), 0) << "closed";
     }
+    refused((conf_agent_exit(-1), 0), 0, "<15>[DEBUG] Agent disconnect to server.");
     conf_agent_service_disable(service);
 }
 
 TEST_F(Agent, ReportsWhyItCannotConnect)
 {
-    EXPECT_EQ(conf_agent_init(), -1);
-    EXPECT_EQ(test::take_system_texts(),
-              texts{"<11>[ERROR] Connect to agent sock addr failed(No such file or directory)."});
-    EXPECT_EQ(test::without_descriptors(conf_agent_init), -1);
-    EXPECT_EQ(test::take_system_texts(),
-              texts{"<11>[ERROR] Create socket failed(Too many open files)."});
+    refused(conf_agent_init(), -1, "Connect to agent sock addr failed(No such file or directory).");
+    refused(test::without_descriptors(conf_agent_init), -1,
+            "Create socket failed(Too many open files).");
 }
 
 } // namespace

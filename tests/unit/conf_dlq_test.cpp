@@ -1,15 +1,18 @@
 // The list: order and counts against std::list, what it refuses, and how it lets go of its nodes.
 #include "conf_dlq.h"
 
-#include "test_support.h"
+#include "reports.h"
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <list>
 #include <random>
 
 namespace {
+
+using numbers = std::vector<int>;
+
+using test::refused;
 
 class ListTest : public test::Fixture {};
 
@@ -18,27 +21,20 @@ struct record {
     int number;
 };
 
-int number_of(conf_dlq_node_t *node)
+using step = conf_dlq_node_t *(*)(conf_dlq_list_t *, conf_dlq_node_t *);
+
+numbers numbers_from(conf_dlq_list_t *list, conf_dlq_node_t *node, step next)
 {
-    return reinterpret_cast<record *>(node)->number;
+    numbers found;
+    for (; node != nullptr; node = next(list, node)) {
+        found.push_back(reinterpret_cast<record *>(node)->number);
+    }
+    return found;
 }
 
-std::vector<int> forward(conf_dlq_list_t *list)
+numbers forward(conf_dlq_list_t *list)
 {
-    std::vector<int> numbers;
-    for (auto *node = conf_dlq_head(list); node != nullptr; node = conf_dlq_next(list, node)) {
-        numbers.push_back(number_of(node));
-    }
-    return numbers;
-}
-
-std::vector<int> backward(conf_dlq_list_t *list)
-{
-    std::vector<int> numbers;
-    for (auto *node = conf_dlq_tail(list); node != nullptr; node = conf_dlq_prev(list, node)) {
-        numbers.push_back(number_of(node));
-    }
-    return numbers;
+    return numbers_from(list, conf_dlq_head(list), conf_dlq_next);
 }
 
 TEST_F(ListTest, BehavesLikeAList)
@@ -66,28 +62,27 @@ TEST_F(ListTest, BehavesLikeAList)
             model.push_back(chosen.number);
         } else {
             record &other = records[random() % records.size()];
-            conf_dlq_node_t *const pos = other.node.list != nullptr ? &other.node : nullptr;
-            ASSERT_EQ(conf_dlq_insert(&list, pos, &chosen.node), 0);
-            model.insert(pos != nullptr ? std::find(model.begin(), model.end(), other.number)
-                                        : model.end(),
-                         chosen.number);
+            const bool inside = other.node.list != nullptr; // in front of it, else at the end
+            ASSERT_EQ(conf_dlq_insert(&list, inside ? &other.node : nullptr, &chosen.node), 0);
+            model.insert(std::find(model.begin(), model.end(), other.number), chosen.number);
         }
         ASSERT_EQ(list.num, model.size());
-        ASSERT_EQ(forward(&list), std::vector<int>(model.begin(), model.end()));
-        ASSERT_EQ(backward(&list), std::vector<int>(model.rbegin(), model.rend()));
+        ASSERT_EQ(forward(&list), numbers(model.begin(), model.end()));
+        ASSERT_EQ(numbers_from(&list, conf_dlq_tail(&list), conf_dlq_prev),
+                  numbers(model.rbegin(), model.rend()));
     }
-    EXPECT_TRUE(test::take_system_log().empty());
+    EXPECT_EQ(test::take_reports(), "");
 }
 
-std::vector<int> released;
+numbers released;
 
 void release(void *node)
 {
-    released.push_back(number_of(static_cast<conf_dlq_node_t *>(node)));
+    released.push_back(static_cast<record *>(node)->number);
     std::memset(node, 0xff, sizeof(record)); // as if freed
 }
 
-TEST_F(ListTest, EndsEmptyHoweverItIsEmptied)
+TEST_F(ListTest, IsEmptyAfterInitAndFree)
 {
     conf_dlq_list_t list;
     std::memset(&list, 0xff, sizeof list);
@@ -96,11 +91,9 @@ TEST_F(ListTest, EndsEmptyHoweverItIsEmptied)
     for (record &each : records) {
         ASSERT_EQ(conf_dlq_append(&list, &each.node), 0);
     }
-    released.clear();
     conf_dlq_free(&list, release);
-    EXPECT_EQ(released, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(released, (numbers{1, 2, 3}));
     EXPECT_TRUE(list.num == 0 && list.head == nullptr && list.tail == nullptr);
-    EXPECT_TRUE(test::take_system_log().empty());
 }
 
 TEST_F(ListTest, Refusals)
@@ -115,61 +108,31 @@ TEST_F(ListTest, Refusals)
     conf_dlq_node_t *const in = &inside.node;
     conf_dlq_node_t *const out = &outside.node;
     conf_dlq_node_t *const free = &loose.node;
-
-    // "L", "I", "O" and "F" stand for the pointers to the list and to the three nodes.
-    const auto filled = [&](const std::string &text) {
-        std::string message;
-        for (const char character : text) {
-            const void *const pointers[] = {&list, in,      out,
-                                            free,  nullptr, reinterpret_cast<void *>(release)};
-            const std::size_t index = std::string("LIOF0R").find(character);
-            char place[32] = {character};
-            if (index != std::string::npos) {
-                std::snprintf(place, sizeof place, "%p", pointers[index]);
-            }
-            message += place;
-        }
-        return message;
-    };
-    const struct {
-        std::function<long()> call;
-        long result;
-        std::string arguments; // of the message; "-" when nothing is reported
-    } rows[] = {
-        {[&] { return conf_dlq_init(nullptr), 0; }, 0, "."},
-        {[&] { return conf_dlq_free(nullptr, release), 0; }, 0, "(list=0, free_func=R)."},
-        {[&] { return conf_dlq_free(&list, nullptr), 0; }, 0, "(list=L, free_func=0)."},
-        {[&] { return conf_dlq_append(nullptr, free); }, -1, "(list=0, node=F)."},
-        {[&] { return conf_dlq_append(&list, nullptr); }, -1, "(list=L, node=0)."},
-        {[&] { return conf_dlq_insert(nullptr, in, free); }, -1, "(list=0, before=I, node=F)."},
-        {[&] { return conf_dlq_insert(&list, nullptr, nullptr); }, -1,
-         "(list=L, before=0, node=0)."},
-        {[&] { return conf_dlq_insert(&list, in, nullptr); }, -1, "(list=L, before=I, node=0)."},
-        {[&] { return conf_dlq_insert(&list, out, free); }, -1, "(list=L, before=O, node=F)."},
-        {[&] { return conf_dlq_tail(nullptr) != nullptr; }, 0, "."},
-        {[&] { return conf_dlq_prev(nullptr, in) != nullptr; }, 0, "(list=0, node=I)."},
-        {[&] { return conf_dlq_prev(&list, nullptr) != nullptr; }, 0, "(list=L, node=0)."},
-        {[&] { return conf_dlq_prev(&list, out) != nullptr; }, 0, "(list=L, node=O)."},
-        {[&] { return conf_dlq_head(nullptr) != nullptr; }, 0, "-"},
-        {[&] { return conf_dlq_next(nullptr, in) != nullptr; }, 0, "-"},
-        {[&] { return conf_dlq_next(&list, nullptr) != nullptr; }, 0, "-"},
-        {[&] { return conf_dlq_next(&list, out) != nullptr; }, 0, "-"},
-        {[&] { return conf_dlq_remove(nullptr, in), 0; }, 0, "-"},
-        {[&] { return conf_dlq_remove(&list, nullptr), 0; }, 0, "-"},
-        {[&] { return conf_dlq_remove(&list, out), 0; }, 0, "-"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(::testing::Message() << "row " << &row - rows << ": " << row.arguments);
-        EXPECT_EQ(row.call(), row.result);
-        std::vector<std::string> messages;
-        if (row.arguments != "-") {
-            messages.push_back("<11>[ERROR] Error input parameter" + filled(row.arguments));
-        }
-        EXPECT_EQ(test::take_system_texts(), messages);
-        EXPECT_EQ(forward(&list), std::vector<int>{1});
-        EXPECT_EQ(forward(&other), std::vector<int>{2});
-        EXPECT_EQ(free->list, nullptr);
-    }
+    refused((conf_dlq_init(nullptr), 0), 0, ".");
+    refused((conf_dlq_free(nullptr, release), 0), 0, "(list=(nil), free_func=%).",
+            {reinterpret_cast<void *>(release)});
+    refused((conf_dlq_free(&list, nullptr), 0), 0, "(list=%, free_func=(nil)).", {&list});
+    refused(conf_dlq_append(nullptr, free), -1, "(list=(nil), node=%).", {free});
+    refused(conf_dlq_append(&list, nullptr), -1, "(list=%, node=(nil)).", {&list});
+    refused(conf_dlq_insert(nullptr, in, free), -1, "(list=(nil), before=%, node=%).", {in, free});
+    refused(conf_dlq_insert(&list, in, nullptr), -1, "(list=%, before=%, node=(nil)).",
+            {&list, in});
+    refused(conf_dlq_insert(&list, out, free), -1, "(list=%, before=%, node=%).",
+            {&list, out, free});
+    refused(conf_dlq_tail(nullptr) != nullptr, 0, ".");
+    refused(conf_dlq_prev(nullptr, in) != nullptr, 0, "(list=(nil), node=%).", {in});
+    refused(conf_dlq_prev(&list, nullptr) != nullptr, 0, "(list=%, node=(nil)).", {&list});
+    refused(conf_dlq_prev(&list, out) != nullptr, 0, "(list=%, node=%).", {&list, out});
+    refused(conf_dlq_head(nullptr) != nullptr, 0, "");
+    refused(conf_dlq_next(nullptr, in) != nullptr, 0, "");
+    refused(conf_dlq_next(&list, nullptr) != nullptr, 0, "");
+    refused(conf_dlq_next(&list, out) != nullptr, 0, "");
+    refused((conf_dlq_remove(nullptr, in), 0), 0, "");
+    refused((conf_dlq_remove(&list, nullptr), 0), 0, "");
+    refused((conf_dlq_remove(&list, out), 0), 0, "");
+    EXPECT_EQ(forward(&list), numbers{1});
+    EXPECT_EQ(forward(&other), numbers{2});
+    EXPECT_EQ(free->list, nullptr);
 }
 
 } // namespace

@@ -1,23 +1,20 @@
 // The hash table: contents against std::map, choice of buckets, replacement, and refusals.
 #include "conf_hash.h"
 
-#include "address_space_limit.h"
-#include "test_support.h"
+#include "memory_limits.h"
+#include "reports.h"
 
 #include <map>
-#include <memory>
 #include <random>
 
 namespace {
 
-struct destroy {
-    void operator()(conf_hash_tbl_t *table) const { conf_hash_destroy(table); }
-};
-using table_owner = std::unique_ptr<conf_hash_tbl_t, destroy>;
+using test::refused;
+using test::take_reports;
 
 class HashTest : public test::Fixture {
 protected:
-    HashTest() : owner_(conf_hash_create(8)), table(owner_.get()) {}
+    ~HashTest() override { conf_hash_destroy(table); }
 
     int add(std::string key, std::string value) const
     {
@@ -29,11 +26,7 @@ protected:
     }
     void del(std::string key) const { conf_hash_del(table, key.data()); }
 
-private:
-    table_owner owner_;
-
-protected:
-    conf_hash_tbl_t *table;
+    conf_hash_tbl_t *table = conf_hash_create(8);
 };
 
 TEST_F(HashTest, BehavesLikeAMap)
@@ -42,13 +35,13 @@ TEST_F(HashTest, BehavesLikeAMap)
     SCOPED_TRACE(::testing::Message() << "seed " << seed);
     std::mt19937 random(seed);
     std::map<std::string, std::string> model;
-    const auto key_number = [](std::size_t number) {
+    const auto any_key = [&random] {
+        const std::size_t number = random() % 40;
         return number == 0 ? std::string() : std::string(number % 5, 'k') + std::to_string(number);
     };
-    constexpr std::size_t keys = 40;
     for (int round = 0; round < 20000; ++round) {
         SCOPED_TRACE(::testing::Message() << "round " << round);
-        const std::string key = key_number(random() % keys);
+        const std::string key = any_key();
         if (random() % 3 == 0) {
             del(key);
             model.erase(key);
@@ -57,12 +50,10 @@ TEST_F(HashTest, BehavesLikeAMap)
             ASSERT_EQ(add(key, value), 0);
             model[key] = value;
         }
-        const std::string other = key_number(random() % keys);
+        const std::string other = any_key();
         const char *const found = get(other);
         ASSERT_EQ(found != nullptr, model.contains(other));
-        if (found != nullptr) {
-            ASSERT_EQ(std::string(found, model[other].size()), model[other]);
-        }
+        ASSERT_TRUE(found == nullptr || std::string(found, model[other].size()) == model[other]);
     }
     std::size_t entries = 0;
     for (u32_t i = 0; i < table->num; ++i) {
@@ -73,41 +64,41 @@ TEST_F(HashTest, BehavesLikeAMap)
         del(key);
         EXPECT_EQ(get(key), nullptr);
     }
-    EXPECT_TRUE(test::take_system_log().empty());
+    EXPECT_EQ(take_reports(), "");
 }
 
 TEST_F(HashTest, SeedsAndBuckets)
 {
-    const struct {
-        u32_t buckets;
-        u32_t seed;
-    } seeds[] = {{1, 31},        {8, 31},         {130, 31},        {131, 131},
-                 {1000, 131},    {1312, 131},     {1313, 1313},     {13130, 1313},
-                 {13131, 13131}, {131312, 13131}, {131313, 131313}, {1313131, 1313131}};
-    for (const auto &row : seeds) {
-        const table_owner owner(conf_hash_create(row.buckets));
-        ASSERT_NE(owner, nullptr);
-        EXPECT_EQ(owner->num, row.buckets);
-        EXPECT_EQ(owner->seed, row.seed) << row.buckets << " buckets";
+    u32_t last_seed = 31;
+    for (const u32_t seed :
+         {131U, 1313U, 13131U, 131313U, 1313131U}) { // begins at that many buckets
+        for (const u32_t buckets : {seed - 1, seed}) {
+            conf_hash_tbl_t *other = conf_hash_create(buckets);
+            ASSERT_NE(other, nullptr);
+            EXPECT_EQ(other->num, buckets);
+            EXPECT_EQ(other->seed, buckets < seed ? last_seed : seed);
+            conf_hash_destroy(other);
+        }
+        last_seed = seed;
     }
+    conf_hash_tbl_t *large = conf_hash_create(1000);
     const struct {
-        const char *key;
-        u32_t buckets;
+        conf_hash_tbl_t *in;
+        std::string key;
         u32_t bucket;
     } places[] = {
-        {"", 8, 0},
-        {"ab", 8, 1},
-        {"\xff", 1000, 255},            // bytes count as unsigned
-        {"plugin_tid_1234", 1000, 530}, // 2785858530 after wrapping around at 32 bits
+        {table, "", 0},
+        {table, "ab", 1},
+        {large, "\xff", 255},            // bytes count as unsigned
+        {large, "plugin_tid_1234", 530}, // 2785858530 after wrapping around at 32 bits
     };
-    for (const auto &row : places) {
-        const table_owner owner(conf_hash_create(row.buckets));
-        std::string key = row.key;
-        ASSERT_EQ(conf_hash_add(owner.get(), key.data(), key.data(), 1), 0);
-        EXPECT_EQ(owner->buckets[row.bucket].num, 1U) << row.key;
-        conf_hash_del(owner.get(), key.data());
-        EXPECT_EQ(owner->buckets[row.bucket].num, 0U) << row.key;
+    for (auto [in, key, bucket] : places) {
+        ASSERT_EQ(conf_hash_add(in, key.data(), key.data(), 1), 0);
+        EXPECT_EQ(in->buckets[bucket].num, 1U) << key;
+        conf_hash_del(in, key.data());
+        EXPECT_EQ(in->buckets[bucket].num, 0U) << key;
     }
+    conf_hash_destroy(large);
 }
 
 TEST_F(HashTest, ReplacedEntryIsTheLastOfItsBucket)
@@ -124,25 +115,19 @@ TEST_F(HashTest, ReplacedEntryIsTheLastOfItsBucket)
     EXPECT_EQ(last_key(), "b");
     ASSERT_EQ(add("j", "longer than before"), 0);
     EXPECT_EQ(last_key(), "j");
-    EXPECT_EQ(table->buckets['b' % 8].num, 2U);
     del("b");
     del("j");
 }
 
 TEST_F(HashTest, KeyAndValueMayLieInTheEntryThatTheyReplace)
 {
-    const struct {
-        u32_t offset;
-        u32_t length;
-        const char *expected;
-    } rows[] = {{2, 5, "23456"}, {0, 10, "0123456789"}, {0, 9, "012345678"}, {9, 1, "9"}};
-    for (const auto &row : rows) {
-        ASSERT_EQ(add("key", "0123456789"), 0);
+    for (const auto &[offset, length] : {std::pair(2U, 5U), {0U, 10U}, {0U, 9U}, {9U, 1U}}) {
+        const std::string digits = "0123456789";
+        ASSERT_EQ(add("key", digits), 0);
         char *const value = get("key");
-        char *const stored_key = value - sizeof "key";
-        ASSERT_EQ(conf_hash_add(table, stored_key, value + row.offset, row.length), 0);
+        ASSERT_EQ(conf_hash_add(table, value - sizeof "key", value + offset, length), 0);
         ASSERT_NE(get("key"), nullptr);
-        EXPECT_EQ(std::string(get("key"), row.length), row.expected);
+        EXPECT_EQ(std::string(get("key"), length), digits.substr(offset, length));
     }
     conf_hash_del(table, get("key") - sizeof "key");
     EXPECT_EQ(get("key"), nullptr);
@@ -152,62 +137,32 @@ TEST_F(HashTest, Refusals)
 {
     char key[] = "key";
     char value[] = "value";
-    const auto refusal = [](const void *refused_key, const void *refused_value) {
-        char text[128];
-        std::snprintf(text, sizeof text, "<11>[ERROR] Error input parameter(key=%p, data=%p).",
-                      refused_key, refused_value);
-        return std::vector<std::string>{text};
-    };
-    EXPECT_EQ(conf_hash_add(nullptr, key, value, 5), -1);
-    EXPECT_EQ(test::take_system_texts(), refusal(key, value));
-    EXPECT_EQ(conf_hash_add(table, nullptr, value, 5), -1);
-    EXPECT_EQ(test::take_system_texts(), refusal(nullptr, value));
-    EXPECT_EQ(conf_hash_add(table, key, nullptr, 0), -1);
-    EXPECT_EQ(test::take_system_texts(), refusal(key, nullptr));
-    EXPECT_EQ(conf_hash_create(0), nullptr);
-    EXPECT_EQ(test::take_system_texts(),
-              std::vector<std::string>{"<11>[ERROR] Error input parameter(size=0)."});
-
-    EXPECT_EQ(conf_hash_get(table, nullptr), nullptr);
-    EXPECT_EQ(conf_hash_get(nullptr, key), nullptr);
-    conf_hash_del(table, nullptr);
-    conf_hash_del(nullptr, key);
-    conf_hash_destroy(nullptr);
-    EXPECT_TRUE(test::take_system_log().empty());
+    refused(conf_hash_add(nullptr, key, value, 5), -1, "(key=%, data=%).", {key, value});
+    refused(conf_hash_add(table, nullptr, value, 5), -1, "(key=(nil), data=%).", {value});
+    refused(conf_hash_add(table, key, nullptr, 0), -1, "(key=%, data=(nil)).", {key});
+    refused(conf_hash_create(0) != nullptr, 0, "(size=0).");
+    refused(conf_hash_get(table, nullptr) != nullptr, 0, "");
+    refused(conf_hash_get(nullptr, key) != nullptr, 0, "");
+    refused((conf_hash_del(table, nullptr), 0), 0, "");
+    refused((conf_hash_del(nullptr, key), 0), 0, "");
+    refused((conf_hash_destroy(nullptr), 0), 0, "");
 }
 
 // Whatever keeps a longer value from being stored, the one that it was to replace is gone.
 TEST_F(HashTest, WithoutRoomTheKeyIsAbsent)
 {
-    constexpr u32_t large = 4 * test::AddressSpaceLimit::slack;
-    const std::string value(large, 'v');
-    const struct {
-        u32_t length;
-        const char *message;
-    } rows[] = {
-        {large, "<11>[ERROR] Allocate memory failed(Cannot allocate memory)."},
-        {UINT32_MAX, "<11>[ERROR] Allocate memory size is less than 0."},
-        {UINT32_MAX - sizeof(conf_hash_node_t) - 1,
-         "<11>[ERROR] Allocate memory size is less than 0."},
-        // the largest length that is tried at all
-        {UINT32_MAX - sizeof(conf_hash_node_t) - 2,
-         "<11>[ERROR] Allocate memory failed(Cannot allocate memory)."},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.length);
-        ASSERT_EQ(add("k", "old"), 0);
-        const test::AddressSpaceLimit limit;
-        std::string key = "k";
-        EXPECT_EQ(conf_hash_add(table, key.data(), const_cast<char *>(value.data()), row.length),
-                  -1);
-        EXPECT_EQ(test::take_system_texts(), std::vector<std::string>{row.message});
-        EXPECT_EQ(get("k"), nullptr);
-    }
+    constexpr u32_t largest = UINT32_MAX - sizeof(conf_hash_node_t) - sizeof "k"; // to be tried
+    const std::string no_memory = "Allocate memory failed(Cannot allocate memory).";
+    const std::string too_large = "Allocate memory size is less than 0.";
+    std::string key = "k";
     const test::AddressSpaceLimit limit;
-    EXPECT_EQ(conf_hash_create(large), nullptr);
-    EXPECT_EQ(
-        test::take_system_texts(),
-        std::vector<std::string>{"<11>[ERROR] Allocate memory failed(Cannot allocate memory)."});
+    for (const auto &[length, report] :
+         {std::pair(largest, no_memory), {largest + 1, too_large}, {UINT32_MAX, too_large}}) {
+        ASSERT_EQ(add(key, "old"), 0);
+        refused(conf_hash_add(table, key.data(), key.data(), length), -1, report);
+        EXPECT_EQ(get(key), nullptr);
+    }
+    refused(conf_hash_create(1U << 24) != nullptr, 0, no_memory);
 }
 
 } // namespace

@@ -7,14 +7,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
-namespace {
+using namespace test;
 
-using texts = std::vector<std::string>;
+namespace {
 
 constexpr const char *profile = "/dev/shm/yang_modules/confd.conf";
 const std::string invalid = "Confd's default-confd-profile is invalid.";
@@ -52,7 +50,7 @@ private:
     std::array<void *, 64> pages{};
 };
 
-class Endpoint : public test::Fixture {
+class Endpoint : public Fixture {
 protected:
     void SetUp() override
     {
@@ -63,18 +61,18 @@ protected:
     static void use(const std::function<void()> &make)
     {
         std::filesystem::remove_all(profile);
-        test::clear_debug_file();
+        clear_debug_file();
         make();
     }
 
-    static texts paths()
+    static strings paths()
     {
         return {g_conf_agent_socket, g_conf_plugin_socket, g_conf_notifier_socket};
     }
 
-    static texts below(const std::string &directory)
+    static strings below(const std::string &directory)
     {
-        texts all;
+        strings all;
         for (const char *name : {"agent", "plugin", "notifier"}) {
             all.push_back((directory + "/confd." + name + ".socket").substr(0, 255));
         }
@@ -110,7 +108,7 @@ TEST_F(Endpoint, UsesTheLastDirectoryThatTheProfileNames)
         EXPECT_EQ(conf_load_config(&directory), 0) << text.substr(0, 80);
         EXPECT_EQ(paths(), below(expected)) << text.substr(0, 80);
         EXPECT_EQ(directory, expected);
-        EXPECT_EQ(test::debug_lines(), texts());
+        EXPECT_EQ(debug_lines(), strings());
     }
     std::free(directory);
     use(file(R"({"working-dir": "/var/tmp"})"));
@@ -142,20 +140,10 @@ TEST_F(Endpoint, ChangesNothingWhenTheProfileCannotBeUsed)
         EXPECT_EQ(conf_load_config(&directory), -1) << c.complaint;
         EXPECT_EQ(paths(), below("/var/tmp"));
         EXPECT_EQ(directory, before);
-        EXPECT_EQ(test::debug_texts(DBG_ERROR), texts{c.complaint});
+        EXPECT_EQ(take_errors(), c.complaint);
     }
     EXPECT_STREQ(directory, "before");
     std::free(directory);
-}
-
-TEST_F(Endpoint, CutsAPathToWhatASocketAddressHolds)
-{
-    for (const std::size_t length : {0U, 1U, 107U, 108U, 255U}) {
-        const std::string path(length, 'p');
-        const sockaddr_un address = socket_address(path.c_str());
-        EXPECT_EQ(address.sun_family, AF_UNIX);
-        EXPECT_EQ(std::string(address.sun_path), path.substr(0, 107));
-    }
 }
 
 } // namespace

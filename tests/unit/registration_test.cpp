@@ -1,86 +1,57 @@
 // Registration and close, against a fake daemon: the request, what is left behind when it fails.
 #include "fake_daemon.h"
 
-#include <cstdarg>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+using namespace test;
+
 namespace {
 
-using strings = std::vector<std::string>;
-
-int on_config(int, int, int, int, const char *)
-{
-    return 0;
-}
-int other_config(int, int, int, int, const char *)
-{
-    return 1;
-}
-int on_status(int, const char *, const char *, xmlNode **)
-{
-    return 0;
-}
-int on_operate(int, xmlNode *, xmlNode **)
-{
-    return 0;
-}
-void on_kick_off() {}
-
-class RegistrationTest : public test::PluginFixture {
-protected:
-    // Registers while the daemon plays `script`.
-    int init(econf_plugin_subpub_info_t info, const char *name, test::FakeDaemon::Script script)
+// Stands for a callback, which is stored here and never called.
+struct callback {
+    std::uintptr_t number;
+    template <typename function>
+    operator function *() const
     {
-        daemon->play(std::move(script));
-        const int sock = econf_plugin_init(name, &info);
-        peer = &daemon->finish();
-        return sock;
+        return reinterpret_cast<function *>(number);
     }
 };
+
+using RegistrationTest = PluginFixture;
 
 TEST_F(RegistrationTest, AnnouncesEverySubscriptionWithItsIndex)
 {
     char reset[] = "reset";
     char clear[] = "clear";
-    econf_config_cb_info_t no_config[] = {{nullptr, 0, nullptr}};
-    econf_config_cb_info_t one_config[] = {{"/demo/settings", 10, on_config},
-                                           {nullptr, 0, nullptr}};
     // Paths are XML content as they stand.
     econf_config_cb_info_t configs[] = {
-        {"/demo/a&amp;b", -5, on_config}, {"/demo/c", 0, other_config}, {nullptr, 0, nullptr}};
-    econf_status_cb_info_t no_status[] = {{nullptr, nullptr}};
-    econf_status_cb_info_t states[] = {{"/demo/state", on_status}, {nullptr, nullptr}};
-    econf_operate_cb_info_t no_operation[] = {{nullptr, nullptr}};
-    econf_operate_cb_info_t one_operation[] = {{reset, on_operate}, {nullptr, nullptr}};
+        {"/demo/a&amp;b", -5, callback{1}}, {"/demo/c", 0, callback{2}}, {nullptr, 0, nullptr}};
+    econf_status_cb_info_t states[] = {{"/demo/state", callback{3}}, {nullptr, nullptr}};
     econf_operate_cb_info_t operations[] = {
-        {reset, on_operate}, {clear, on_operate}, {nullptr, nullptr}};
+        {reset, callback{4}}, {clear, callback{5}}, {nullptr, nullptr}};
     const struct {
         econf_plugin_subpub_info_t info;
-        const char *name;
-        const char *params;
-        std::vector<econf_subpub_cb_t> slots;
+        const char *name, *params;
+        std::vector<std::uintptr_t> slots;
     } cases[] = {
-        {{nullptr, nullptr, nullptr, nullptr},
-         "demo",
-         "<plugin-name>demo</plugin-name>",
-         {nullptr}},
-        {{no_config, no_status, no_operation, on_kick_off},
+        {{}, "demo", "<plugin-name>demo</plugin-name>", {0}},
+        {{configs + 2, states + 1, operations + 2, callback{9}},
          "a&b<c",
          "<plugin-name>a&amp;b&lt;c</plugin-name><config-subscribe/><status-publish/>"
          "<operate-subscribe/>",
-         {test::slot(on_kick_off)}},
-        {{one_config, nullptr, one_operation, nullptr},
+         {9}},
+        {{configs + 1, nullptr, operations + 1, nullptr},
          "demo",
-         "<plugin-name>demo</plugin-name><config-subscribe><subscriber><path>/demo/settings</path>"
-         "<priority>10</priority><callback>1</callback></subscriber></config-subscribe>"
-         "<operate-subscribe><subscriber><path>reset</path><callback>2</callback></subscriber>"
+         "<plugin-name>demo</plugin-name><config-subscribe><subscriber><path>/demo/c</path>"
+         "<priority>0</priority><callback>1</callback></subscriber></config-subscribe>"
+         "<operate-subscribe><subscriber><path>clear</path><callback>2</callback></subscriber>"
          "</operate-subscribe>",
-         {nullptr, test::slot(on_config), test::slot(on_operate)}},
-        {{configs, states, operations, on_kick_off},
+         {0, 2, 5}},
+        {{configs, states, operations, callback{9}},
          "demo",
          "<plugin-name>demo</plugin-name><config-subscribe><subscriber><path>/demo/a&amp;b</path>"
          "<priority>-5</priority><callback>1</callback></subscriber><subscriber><path>/demo/c"
@@ -89,17 +60,13 @@ TEST_F(RegistrationTest, AnnouncesEverySubscriptionWithItsIndex)
          "</status-publish><operate-subscribe><subscriber><path>reset</path><callback>4</callback>"
          "</subscriber><subscriber><path>clear</path><callback>5</callback></subscriber>"
          "</operate-subscribe>",
-         {test::slot(on_kick_off), test::slot(on_config), test::slot(other_config),
-          test::slot(on_status), test::slot(on_operate), test::slot(on_operate)}},
+         {9, 1, 2, 3, 4, 5}},
     };
-    for (const auto &c : cases) {
-        std::string request;
-        const int sock = init(c.info, c.name, [&](test::Peer &connection) {
-            request = connection.answer("<result><any/></result>");
-        });
-        ASSERT_GE(sock, 0);
-        EXPECT_EQ(request,
-                  test::rpc("register", std::string("<params>") + c.params + "</params>", "1"));
+    for (auto c : cases) {
+        int sock = -1;
+        EXPECT_EQ(request_of([&] { sock = econf_plugin_init(c.name, &c.info); },
+                             "<result><any/></result>"),
+                  rpc("register", std::string("<params>") + c.params + "</params>", "1"));
         EXPECT_EQ(peer->head().seq, 0);
         EXPECT_EQ(fcntl(sock, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
         EXPECT_EQ(fcntl(sock, F_GETFD), FD_CLOEXEC);
@@ -110,100 +77,76 @@ TEST_F(RegistrationTest, AnnouncesEverySubscriptionWithItsIndex)
         EXPECT_EQ(context->version, 2);
         EXPECT_EQ(context->rpc_id, 2);
         EXPECT_EQ(context->bit_activate, 0U);
-        EXPECT_EQ(std::vector<econf_subpub_cb_t>(context->cbs, context->cbs + context->cbs_nums),
-                  c.slots);
-        EXPECT_EQ(test::debug_texts(DBG_DEBUG),
-                  strings{std::string("Register plugin ") + c.name + " success."});
-        EXPECT_EQ(errors(), strings{});
+        std::vector<std::uintptr_t> slots;
+        for (u32_t i = 0; i < context->cbs_nums; ++i) {
+            slots.push_back(reinterpret_cast<std::uintptr_t>(context->cbs[i]));
+        }
+        EXPECT_EQ(slots, c.slots);
 
-        test::clear_debug_file();
         econf_plugin_close();
         EXPECT_EQ(get_plugin_context(), nullptr);
         EXPECT_EQ(peer->receive(), "") << "nothing is sent, and the stream ends";
-        EXPECT_EQ(test::debug_texts(DBG_DEBUG),
-                  strings{std::string("Close plugin ") + c.name + "."});
+        const std::string name = c.name;
+        EXPECT_EQ(debug_texts(DBG_DEBUG),
+                  (strings{"Register plugin " + name + " success.", "Close plugin " + name + "."}));
+        EXPECT_EQ(take_errors(), "");
         econf_plugin_close();
-        EXPECT_EQ(errors(), strings{"Plugin context is not ready when close."});
-        test::clear_debug_file();
+        EXPECT_EQ(take_errors(), "Plugin context is not ready when close.");
         daemon->forget_connection();
     }
 }
 
 TEST_F(RegistrationTest, RefusalLeavesNothingBehind)
 {
-    const std::string both = "<result/>" + test::error("1", "x");
+    const std::string unreadable = "Parse reply for plugin demo rpc failed.\n";
     const struct {
-        const char *name;
-        test::FakeDaemon::Script script;
-        strings errors;
+        FakeDaemon::Script script;
+        std::string errors;
     } cases[] = {
-        {"error",
-         [](test::Peer &p) { p.answer(test::error("3", "no such path")); },
-         {"Confd reply error(no such path) for plugin demo rpc."}},
-        {"result and error",
-         [&](test::Peer &p) { p.answer(both); },
-         {"Invalid reply message(both <error> and <result>).",
-          "Parse reply for plugin demo rpc failed."}},
-        {"neither result nor error",
-         [](test::Peer &p) { p.answer("<other/>"); },
-         {"Invalid reply message(without <error> and <result>).",
-          "Parse reply for plugin demo rpc failed."}},
-        {"end of stream",
-         [](test::Peer &p) {
-             p.receive();
-             p.close();
-         },
-         {"An error epoll event occur(0x?).", "Plugin demo send rpc to confd failed."}},
+        {[](Peer &p) { p.answer(error("3", "no &lt;room")); },
+         "Confd reply error(no <room) for plugin demo rpc.\n"},
+        {[](Peer &p) { p.answer("<result/>" + error("0", "")); },
+         "Invalid reply message(both <error> and <result>).\n" + unreadable},
+        {[](Peer &p) { p.answer("<other/>"); },
+         "Invalid reply message(without <error> and <result>).\n" + unreadable},
+        {[](Peer &p) { p.close(); },
+         "An error epoll event occur(0x?).\nPlugin demo send rpc to confd failed.\n"},
     };
+    econf_plugin_subpub_info_t info{};
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(init({}, "demo", c.script), -1);
-        strings expected = c.errors;
-        expected.emplace_back("Plugin demo register to confd failed.");
-        EXPECT_EQ(errors(), expected);
+        daemon->play(c.script);
+        EXPECT_EQ(econf_plugin_init("demo", &info), -1);
+        EXPECT_EQ(take_errors(), c.errors + "Plugin demo register to confd failed.");
         EXPECT_EQ(get_plugin_context(), nullptr);
-        EXPECT_EQ(peer->receive(), "");
+        EXPECT_EQ(daemon->finish().receive(), "");
         daemon->forget_connection();
-        test::clear_debug_file();
     }
     // The next attempt begins afresh.
-    std::string request;
-    EXPECT_GE(init({}, "demo", [&](test::Peer &p) { request = p.answer("<result/>"); }), 0);
+    const std::string request = request_of([&] { EXPECT_GE(econf_plugin_init("demo", &info), 0); });
     EXPECT_NE(request.find("<id>1</id>"), std::string::npos);
-}
-
-std::string printed(const char *format, ...)
-{
-    char text[256];
-    va_list arguments;
-    va_start(arguments, format);
-    (void)vsnprintf(text, sizeof text, format, arguments);
-    va_end(arguments);
-    return text;
 }
 
 TEST_F(RegistrationTest, RefusesWithoutConnecting)
 {
     econf_plugin_subpub_info_t info{};
     const char *name = "demo";
-    const char *format = "Input parameters error(name=%p, reg_info=%p).";
     EXPECT_EQ(econf_plugin_init(nullptr, &info), -1);
     EXPECT_EQ(econf_plugin_init(name, nullptr), -1);
-    EXPECT_EQ(errors(), (strings{printed(format, nullptr, &info), printed(format, name, nullptr)}));
+    EXPECT_EQ(take_errors(), "Input parameters error(name=(nil), reg_info=" + place(&info) +
+                                 ").\nInput parameters error(name=" + place(name) +
+                                 ", reg_info=(nil)).");
 
-    test::clear_debug_file();
     confd_plugin_callback_t hooks{};
     get_plugin_from_hash()->confd_hooks = &hooks;
     EXPECT_EQ(econf_plugin_init(name, &info), -1);
-    EXPECT_EQ(errors(), strings{"Plugin local context has been created."});
+    EXPECT_EQ(take_errors(), "Plugin local context has been created.");
     del_plugin_from_hash();
 
     daemon.reset(); // with it goes the file of the socket
-    for (const char *reason : {"No such file or directory", "Connection refused"}) {
-        test::clear_debug_file();
+    for (const std::string reason : {"No such file or directory", "Connection refused"}) {
         EXPECT_EQ(econf_plugin_init(name, &info), -1);
-        EXPECT_EQ(errors(), (strings{std::string("Connect to confd failed(") + reason + ").",
-                                     "Initialize context for plugin demo failed."}));
+        EXPECT_EQ(take_errors(), "Connect to confd failed(" + reason +
+                                     ").\nInitialize context for plugin demo failed.");
         EXPECT_EQ(get_plugin_context(), nullptr);
 
         sockaddr_un address{AF_UNIX, {}}; // for the second round: a file that nobody listens at
@@ -215,22 +158,18 @@ TEST_F(RegistrationTest, RefusesWithoutConnecting)
     std::filesystem::remove(g_conf_plugin_socket);
 }
 
-TEST_F(RegistrationTest, SecondPluginIsRefusedAndTheFirstKeepsWorking)
+TEST_F(RegistrationTest, AProcessHasOnePluginAndKeepsItsHooks)
 {
     start();
     econf_plugin_subpub_info_t info{};
     const conf_plugin_context_t *context = get_plugin_context();
     EXPECT_EQ(econf_plugin_init("second", &info), -1);
-    EXPECT_EQ(errors(), strings{"Plugin remote context has been created."});
+    EXPECT_EQ(take_errors(), "Plugin remote context has been created.");
     EXPECT_EQ(get_plugin_context(), context);
-    peer->send(test::framed(test::rpc("kickoff", "<params/>", "9")));
+    peer->send(framed(rpc("kickoff", "<params/>", "9")));
     econf_plugin_run();
-    EXPECT_EQ(peer->received(), strings{test::reply("<result/>", "9")});
-}
+    EXPECT_EQ(peer->received(), strings{reply("<result/>", "9")});
 
-TEST_F(RegistrationTest, CloseKeepsInjectedHooks)
-{
-    start();
     confd_plugin_callback_t hooks{};
     get_plugin_from_hash()->confd_hooks = &hooks;
     econf_plugin_close();

@@ -2,16 +2,17 @@
 #include "conf_plugin.h"
 #include "test_support.h"
 
-#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+
+using namespace test;
 
 namespace {
 
 // The record follows a key of any length inside its hash entry.
 static_assert(alignof(conf_plugin_data) == 1 && sizeof(conf_plugin_data) == 2 * sizeof(void *));
 
-using RegistryTest = test::Fixture;
+using RegistryTest = Fixture;
 
 conf_plugin_data *filed(pid_t process)
 {
@@ -36,7 +37,7 @@ TEST_F(RegistryTest, FilesOneEmptyRecordUnderTheProcess)
     EXPECT_EQ(get_plugin_from_hash(), filed(getpid()));
 
     const std::string made = "Hash key = plugin_tid_" + std::to_string(getpid()) + ".";
-    EXPECT_EQ(test::debug_texts(DBG_INFO), std::vector<std::string>{made});
+    EXPECT_EQ(debug_texts(DBG_INFO), strings{made});
 
     confd_plugin_callback_t hooks{};
     get_plugin_from_hash()->confd_hooks = &hooks;
@@ -45,7 +46,7 @@ TEST_F(RegistryTest, FilesOneEmptyRecordUnderTheProcess)
     EXPECT_EQ(filed(getpid()), nullptr);
     del_plugin_from_hash(); // no record
     EXPECT_TRUE(is_empty(get_plugin_from_hash()));
-    EXPECT_EQ(test::debug_texts(DBG_INFO), (std::vector<std::string>{made, made}));
+    EXPECT_EQ(debug_texts(DBG_INFO), (strings{made, made}));
     del_plugin_from_hash();
 }
 
