@@ -3,7 +3,8 @@
  *
  *  - The debug file, /var/log/conf_plugin.log: off until econf_plugin_config_debug() turns it on,
  *    filtered by level, removed at the first line written after it has passed 2 MiB. It holds the
- *    texts as they are, sensitive values included: it is for development, not for production.
+ *    texts as they are, sensitive values included: it is for development, not for production. It is
+ *    made for its owner and group only, and a process of root does not follow a link in its place.
  *  - The system log: always on. Every text is searched for passwords, keys and secrets, which are
  *    overwritten with asterisks, before it reaches syslog(3).
  *

@@ -52,6 +52,14 @@ std::tm local_time()
     return broken_down;
 }
 
+// The file holds what it is given, unmasked: it is not for everybody to read, and nobody can have a
+// privileged process write it to another place.
+int open_debug_file()
+{
+    const int no_detour = geteuid() == 0 ? O_NOFOLLOW : 0;
+    return open(DEBUG_FILE, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | no_detour, 0640);
+}
+
 void limit_debug_file()
 {
     if (_conf_get_file_length(DEBUG_FILE) > debug_file_limit) {
@@ -87,8 +95,7 @@ void _conf_write_log(int level, const char *format, ...)
     }
 
     limit_debug_file();
-    const support::unique_fd file(
-        open(DEBUG_FILE, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
+    const support::unique_fd file(open_debug_file());
     if (file && format != nullptr) {
         char line[debug_line_room];
         support::print_cut(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d[%s] - %s\r\n",

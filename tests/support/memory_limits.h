@@ -33,6 +33,16 @@ private:
     rlimit before_{};
 };
 
+// Whether such limits work here: an emulator of another machine does not enforce them, and a small
+// address space has no room for the largest buffers.
+inline bool memory_can_be_limited()
+{
+    constexpr std::size_t size = 2 * AddressSpaceLimit::slack;
+    const AddressSpaceLimit limit;
+    void *memory = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return memory == MAP_FAILED || munmap(memory, size) != 0;
+}
+
 // A buffer in a mapping of that size, filled up but for `room` bytes. Pages are reserved, not used:
 // it costs nothing, and conf_buffer_destroy(), which writes to all of them, is not for it.
 inline conf_buffer_t *reserve_buffer(std::int64_t mapping, std::int64_t room)

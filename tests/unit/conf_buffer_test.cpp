@@ -151,6 +151,9 @@ TEST_F(BufferTest, NothingThatLeavesABufferStaysInItsMemory)
 
 TEST_F(BufferTest, GrowthEndsWhereTheFieldsEnd)
 {
+    if (!test::memory_can_be_limited()) {
+        GTEST_SKIP() << "the limits of memory cannot be reached here";
+    }
     constexpr std::int64_t end = std::int64_t{1} << 31;
     conf_buffer_t *source = test::reserve_buffer(end, 0);
     ASSERT_NE(source, nullptr);
@@ -185,6 +188,9 @@ TEST_F(BufferTest, GrowthEndsWhereTheFieldsEnd)
 
 TEST_F(BufferTest, WithoutMemoryTheBufferStaysAsItWas)
 {
+    if (!test::memory_can_be_limited()) {
+        GTEST_SKIP() << "the limits of memory cannot be reached here";
+    }
     constexpr int large = 4 * static_cast<int>(test::AddressSpaceLimit::slack);
     std::string source = pattern(large);
     conf_buffer_t *small = conf_buffer_create(0);

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <sys/stat.h>
 #include <syslog.h>
 
 namespace {
@@ -108,6 +109,22 @@ TEST_F(DebugFileTest, OversizedFileIsRemoved)
     EXPECT_EQ(test::debug_lines(), strings{"[ERROR] - first"});
     EXPECT_EQ(_conf_get_file_length(nullptr), -1);
     EXPECT_EQ(_conf_get_file_length("/no/such/file"), -1);
+}
+
+TEST_F(DebugFileTest, IsNotForEverybodyAndNotLedAstray)
+{
+    const mode_t before = umask(0);
+    fs::remove(debug_path);
+    _conf_write_log(DBG_ERROR, "text");
+    umask(before);
+    EXPECT_EQ(fs::status(debug_path).permissions() & fs::perms::others_all, fs::perms::none);
+
+    const std::string elsewhere = "/var/log/elsewhere";
+    fs::remove(debug_path);
+    fs::create_symlink(elsewhere, debug_path);
+    _conf_write_log(DBG_ERROR, "text"); // a test runs as root of its namespace
+    EXPECT_FALSE(fs::exists(elsewhere));
+    fs::remove(debug_path);
 }
 
 TEST_F(DebugFileTest, FailuresAreSilentAndErrnoStays)

@@ -86,6 +86,9 @@ TEST_F(VectorTest, RefusesWhatCannotBe)
 
 TEST_F(VectorTest, WithoutMemoryTheVectorStaysAsItWas)
 {
+    if (!test::memory_can_be_limited()) {
+        GTEST_SKIP() << "the limits of memory cannot be reached here";
+    }
     constexpr u32_t size = test::AddressSpaceLimit::slack / sizeof(conf_vec_node_t);
     conf_vec_t *vector = conf_vector_create(size);
     conf_vec_t *const before = vector;

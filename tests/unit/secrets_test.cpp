@@ -203,7 +203,7 @@ const road roads[] = {
     {"debug file", true, [] { _conf_write_log(DBG_ERROR, "%s", held.data()); },
      [](Peer &, const std::string &) {}},
     {"system log", true,
-     [] { safety_syslog(LOG_INFO, "a <password>%s</password> and %s", held.data(), held.data()); },
+     [] { safety_syslog(LOG_INFO, "a <password>%s</password>%c%s", held.data(), 0, held.data()); },
      [](Peer &, const std::string &) {}},
 };
 
@@ -309,6 +309,9 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
             char answer = 'n';
             EXPECT_EQ(read(done[0], &answer, 1), 1);
             EXPECT_EQ(answer, 'y');
+            for (const std::string &message : take_system_log()) {
+                EXPECT_EQ(message.find(secret), std::string::npos) << each.name << ": " << message;
+            }
             for (const auto &[place, count] : search(plugin, secret)) {
                 ADD_FAILURE() << each.name << ": " << count << " times in " << place;
             }
