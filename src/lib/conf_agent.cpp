@@ -59,7 +59,8 @@ xmlNode *conf_agent_build_rpc(const char *oper_name, int msg_seq, xmlNode **next
     }
     xmlSetNs(rpc.get(), base);
     char id[64];
-    if (!set_attribute(rpc.get(), "message-id", conf_itoa(msg_seq, id, sizeof id))) {
+    (void)conf_itoa(msg_seq, id, sizeof id);
+    if (id[0] == '\0' || !set_attribute(rpc.get(), "message-id", id)) {
         LOG_SYSTEM_ERROR("Create attribution <message-id> failed.");
         return nullptr;
     }
@@ -103,8 +104,7 @@ bool describe_agent(xmlNode *operation)
         LOG_SYSTEM_ERROR("Create child node <username> failed.");
         return false;
     }
-    char parent[64];
-    if (add_text(operation, "agent-ppid", conf_itoa(getppid(), parent, sizeof parent)) == nullptr) {
+    if (add_number(operation, "agent-ppid", getppid()) == nullptr) {
         LOG_SYSTEM_ERROR("Create child node <agent-ppid> failed.");
         return false;
     }

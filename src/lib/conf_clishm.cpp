@@ -56,9 +56,15 @@ bool attach_segment(client_shm_info &table)
     return true;
 }
 
+void use_segment(client_shm_info &table, int capacity)
+{
+    table.num = capacity;
+    table.info = reinterpret_cast<conf_cli_info_t *>(table.addr + capacity_size);
+}
+
 // Takes the capacity from the segment, but never more than it has room for: the word can be written
 // by every process that may attach.
-void use_segment(client_shm_info &table)
+void use_other_segment(client_shm_info &table)
 {
     u32_t capacity = 0;
     std::memcpy(&capacity, table.addr, sizeof capacity);
@@ -66,8 +72,7 @@ void use_segment(client_shm_info &table)
     const std::size_t size = shmctl(table.shmid, IPC_STAT, &status) == 0 ? status.shm_segsz : 0;
     const std::size_t room =
         size < capacity_size ? 0 : (size - capacity_size) / sizeof(conf_cli_info_t);
-    table.num = static_cast<int>(capacity <= room ? capacity : room);
-    table.info = reinterpret_cast<conf_cli_info_t *>(table.addr + capacity_size);
+    use_segment(table, static_cast<int>(capacity <= room ? capacity : room));
 }
 
 void conf_clishm_dettach(client_shm_info &table)
@@ -137,7 +142,7 @@ bool create_table(client_shm_info &table, int max_num)
         LOG_SYSTEM_ERROR("Initailize semaphore for client-info failed(%s).", std::strerror(errno));
         return false;
     }
-    use_segment(table);
+    use_segment(table, max_num);
     return true;
 }
 
@@ -167,7 +172,7 @@ bool open_table(client_shm_info &table)
 void conf_clishm_attach(client_shm_info &table)
 {
     if (open_table(table)) {
-        use_segment(table);
+        use_other_segment(table);
     } else {
         table = {};
     }

@@ -79,6 +79,11 @@ TEST_F(LoopTest, ConfigurationChanges)
           no_callback);
     check("index of the kick-off", publish("config", "", "<callback>0</callback>"), "",
           no_callback);
+    // Callbacks of the other kinds take other arguments.
+    check("index of a status", publish("config", "", "<callback>2</callback>"), "", no_callback);
+    check("index of a status", operate("<a/>", "2"), "", no_callback);
+    check("index of an operation", subscribe("", "3"), "", no_callback);
+    check("index of a configuration", subscribe("", "1"), "", no_callback);
     check("null callback", publish("config", "", "<callback>4</callback>"), "", no_callback);
     check("other type", publish("Config", ""), "", failed("-1", "Unknown publish type."));
     check("empty type", publish("", ""), "", failed("-1", "Error publish rpc message."));

@@ -203,7 +203,10 @@ const road roads[] = {
     {"debug file", true, [] { _conf_write_log(DBG_ERROR, "%s", held.data()); },
      [](Peer &, const std::string &) {}},
     {"system log", true,
-     [] { safety_syslog(LOG_INFO, "a <password>%s</password>%c%s", held.data(), 0, held.data()); },
+     [] {
+         safety_syslog(LOG_INFO, "%40000s<password>%s</password>%c%s", "", held.data(), 0,
+                       held.data());
+     },
      [](Peer &, const std::string &) {}},
 };
 

@@ -32,19 +32,21 @@ void read_number(xmlNode *node, int *number)
 
 // ---- callbacks ---------------------------------------------------------------------------------
 
-// The callback of an announced index; null for every other number. Slot 0, the kick-off, was never
-// announced.
-econf_subpub_cb_t announced_callback(const conf_plugin_context_t *ctxt, int index)
+// The callback of an index that was announced for that kind; null for every other number. Slot 0,
+// the kick-off, was never announced.
+econf_subpub_cb_t announced_callback(const conf_plugin_context_t *ctxt, callback_kind kind,
+                                     int index)
 {
-    const bool announced = index > 0 && static_cast<u32_t>(index) < ctxt->cbs_nums;
+    const auto slot = static_cast<u32_t>(index);
+    const bool announced = slot < ctxt->cbs_nums && is_announced_as(kind, slot);
     return announced ? ctxt->cbs[index] : nullptr;
 }
 
 // The same, recording what is wrong.
-econf_subpub_cb_t find_callback(const request &request, int index)
+econf_subpub_cb_t find_callback(const request &request, callback_kind kind, int index)
 {
     const conf_plugin_context_t *ctxt = request.plugin->plugin_ctxt;
-    const econf_subpub_cb_t callback = announced_callback(ctxt, index);
+    const econf_subpub_cb_t callback = announced_callback(ctxt, kind, index);
     if (callback == nullptr) {
         const bool in_table = index >= 0 && static_cast<u32_t>(index) < ctxt->cbs_nums;
         _plugin_set_error(request.plugin, -1, "%s",
@@ -122,7 +124,8 @@ void _publish_config_proc(const request &request, int session_id, int index, xml
 {
     conf_plugin_data *plugin = request.plugin;
     const config_change change = read_change(info);
-    const econf_subpub_cb_t callback = announced_callback(plugin->plugin_ctxt, index);
+    const econf_subpub_cb_t callback =
+        announced_callback(plugin->plugin_ctxt, callback_kind::config, index);
     if (callback == nullptr) {
         LOG_FILE_DEBUG("Cann't find the callback for path:%s oper:%d priority:%d", change.path,
                        change.oper, change.priority);
@@ -147,7 +150,7 @@ void _publish_config_proc(const request &request, int session_id, int index, xml
 void _publish_operate_proc(const request &request, int session_id, int index, xmlNode *info)
 {
     conf_plugin_data *plugin = request.plugin;
-    if (const econf_subpub_cb_t callback = find_callback(request, index)) {
+    if (const econf_subpub_cb_t callback = find_callback(request, callback_kind::operate, index)) {
         callback_nodes output;
         const context_guard guard(plugin->plugin_ctxt);
         const int result =
@@ -236,7 +239,8 @@ void _method_subscribe_proc(const request &request)
 {
     conf_plugin_data *plugin = request.plugin;
     const subscribe_args args = _method_subscribe_parse_args(request.params);
-    if (const econf_subpub_cb_t callback = find_callback(request, args.index)) {
+    if (const econf_subpub_cb_t callback =
+            find_callback(request, callback_kind::status, args.index)) {
         callback_nodes status;
         const context_guard guard(plugin->plugin_ctxt);
         const int result =

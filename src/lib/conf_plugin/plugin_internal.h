@@ -134,6 +134,13 @@ target function_cast(source function)
 
 // ---- registration.cpp, activation.cpp ----------------------------------------------------------
 
+// Kinds of callbacks, in the order in which they get their indices.
+enum class callback_kind { config, status, operate };
+
+// Whether an index below `cbs_nums` was announced for callbacks of that kind: only they can be
+// called with its signature.
+[[nodiscard]] bool is_announced_as(callback_kind kind, u32_t index);
+
 // Releases the plugin context of the process, if any, with everything that it owns.
 void _free_plugin_context(conf_plugin_data *plugin);
 

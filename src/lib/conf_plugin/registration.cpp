@@ -7,6 +7,7 @@
 #include "wire.h"
 #include "xml.h"
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -86,17 +87,26 @@ int _init_plugin_context(conf_plugin_data *plugin, const char *name,
 
 // ---- the register request ----------------------------------------------------------------------
 
+// The first index of each kind, of the present context.
+std::array<u32_t, 4> g_first_index = {0, 0, 0, UINT32_MAX};
+
+std::size_t position(callback_kind kind)
+{
+    return static_cast<std::size_t>(kind);
+}
+
 struct section {
+    callback_kind kind;
     const char *name;
     const char *element; // of each entry
     const char *failure; // takes the path of the entry that could not be made
 };
 
-constexpr section config_section = {"config-subscribe", "subscriber",
+constexpr section config_section = {callback_kind::config, "config-subscribe", "subscriber",
                                     "Build config-subscribe on path %s failed."};
-constexpr section status_section = {"status-publish", "publisher",
+constexpr section status_section = {callback_kind::status, "status-publish", "publisher",
                                     "Build status-publish on path %s failed."};
-constexpr section operate_section = {"operate-subscribe", "subscriber",
+constexpr section operate_section = {callback_kind::operate, "operate-subscribe", "subscriber",
                                      "Build operate-subscribe on path %s failed."};
 
 // Only a configuration entry has a priority.
@@ -125,6 +135,7 @@ template <typename entry_type>
 bool add_section(conf_plugin_context_t *ctxt, xmlNode *params, const section &section,
                  const entry_type *entry)
 {
+    g_first_index[position(section.kind)] = ctxt->cbs_nums;
     if (entry == nullptr) {
         return true;
     }
@@ -181,6 +192,11 @@ int register_plugin(conf_plugin_data *plugin, const econf_plugin_subpub_info_t *
 }
 
 } // namespace
+
+bool is_announced_as(callback_kind kind, u32_t index)
+{
+    return index >= g_first_index[position(kind)] && index < g_first_index[position(kind) + 1];
+}
 
 int econf_plugin_init(const char *name, econf_plugin_subpub_info_t *cb_info)
 {

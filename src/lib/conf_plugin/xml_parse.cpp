@@ -92,7 +92,7 @@ bool open_body(xmlParserCtxt *parser, std::span<char> body)
 {
     xmlParserInput *input =
         xmlNewStringInputStream(parser, reinterpret_cast<const xmlChar *>(body.data()));
-    return input != nullptr && inputPush(parser, input) >= 0;
+    return input != nullptr && inputPush(parser, input) >= 0; // which frees it when it fails
 }
 
 } // namespace

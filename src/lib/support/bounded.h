@@ -17,10 +17,10 @@ inline void wipe(void *memory, std::size_t size)
 }
 
 // Overwrites the stack below the caller, where functions that have returned may have left text: to
-// be called after handing secrets to functions that are not ours.
-[[gnu::noinline]] inline void wipe_stack()
+// be called after handing secrets to functions that are not ours. The depth is what libxml2 needs.
+template <std::size_t depth = 8192>
+[[gnu::noinline]] void wipe_stack()
 {
-    constexpr std::size_t depth = 8192;
     char left_behind[depth];
     wipe(left_behind, sizeof left_behind);
 }
