@@ -43,6 +43,8 @@ const interpreter::command interpreter::table[] = {
      &interpreter::expect_not},
     {"fail", "COMMAND...", "carry the command out and fail unless it does", 1, any_number,
      &interpreter::expect_failure},
+    {"try", "COMMAND...", "carry the command out and go on when it fails", 1, any_number,
+     &interpreter::attempt},
     {"sleep", "SECONDS", "let time pass", 1, 1, &interpreter::sleep},
     {"echo", "TEXT", "print a text", 0, any_number, &interpreter::echo},
     {"trace", "on|off", "print the frames in both directions, secrets masked", 1, 1,
@@ -193,6 +195,17 @@ void interpreter::expect_failure(const words &line)
         return;
     }
     throw failure("expected the command to fail: " + join_words(line, 1));
+}
+
+void interpreter::attempt(const words &line)
+{
+    const words inner(line.begin() + 1, line.end());
+    const command &known = look_up(inner);
+    try {
+        (this->*known.carry_out)(inner);
+    } catch (const failure &reason) {
+        say(std::string("failed: ") + reason.what());
+    }
 }
 
 void interpreter::sleep(const words &line)

@@ -70,6 +70,7 @@ private:
     void expect(const words &line);
     void expect_not(const words &line);
     void expect_failure(const words &line);
+    void attempt(const words &line);
     void sleep(const words &line);
     void echo(const words &line);
     void trace(const words &line);

@@ -18,10 +18,14 @@ namespace {
 // Every walk through a tree is recursive; no schema comes near this.
 constexpr std::size_t most_steps = 100;
 
+// Parsers of XML refuse very long names.
+constexpr std::size_t longest_name = 1000;
+
 bool is_name(const std::string &text)
 {
     const auto *chars = reinterpret_cast<const xmlChar *>(text.c_str());
-    return xmlCheckUTF8(chars) == 1 && xmlValidateNCName(chars, 0) == 0; // alone it takes any bytes
+    return text.size() <= longest_name && xmlCheckUTF8(chars) == 1 &&
+           xmlValidateNCName(chars, 0) == 0; // which takes bytes that are no UTF-8, too
 }
 
 // Reads one path from left to right.

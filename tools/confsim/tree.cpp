@@ -138,6 +138,14 @@ std::size_t remove_below(node &parent, const path &where, std::size_t depth)
     return removed;
 }
 
+// A node that got children would lose its text.
+void refuse_below_leaf(const node &place, const path &where)
+{
+    if (place.is_leaf() && !place.text.empty()) {
+        throw failure(to_text(where) + ": " + place.name + " is a leaf");
+    }
+}
+
 // Leads along a path, making the nodes that are missing.
 node &reach(node &top, const path &where)
 {
@@ -149,9 +157,7 @@ node &reach(node &top, const path &where)
                           std::to_string(found.size()) + " nodes called " + each.name);
         }
         if (found.empty()) {
-            if (place != &top && place->is_leaf() && !place->text.empty()) {
-                throw failure(to_text(where) + ": " + place->name + " is a leaf");
-            }
+            refuse_below_leaf(*place, where);
             place->children.push_back(made_for(each));
             place = &place->children.back();
         } else {
@@ -213,6 +219,7 @@ void set(node &top, const path &where, const std::string &text)
 void put(node &top, const path &where, std::vector<node> instances)
 {
     node &parent = reach(top, parent_of(where));
+    refuse_below_leaf(parent, where);
     const std::vector<std::size_t> replaced = matching(parent, where.back());
     const std::size_t first = replaced.empty() ? parent.children.size() : replaced.front();
     for (auto index = replaced.rbegin(); index != replaced.rend(); ++index) {
@@ -222,8 +229,7 @@ void put(node &top, const path &where, std::vector<node> instances)
     parent.children.insert(parent.children.begin() + static_cast<std::ptrdiff_t>(first),
                            std::make_move_iterator(instances.begin()),
                            std::make_move_iterator(instances.end()));
-    const std::vector<std::size_t> there = matching(parent, where.back());
-    if (there.size() != count) {
+    if (find(top, where).size() != count) { // also when the key of a node above has gone
         throw failure("The data are not what " + to_text(where) + " names.");
     }
     refuse_duplicates(parent, parent_of(where));

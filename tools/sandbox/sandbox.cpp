@@ -98,7 +98,7 @@ public:
             }
         }
         const std::string source = "/proc/self/fd/" + std::to_string(descriptor_);
-        if (mount(source.c_str(), path_.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+        if (mount(source.c_str(), path_.c_str(), "", MS_BIND | MS_REC, nullptr) != 0) {
             error = failure("cannot bring back " + path_);
             return false;
         }
@@ -216,7 +216,7 @@ bool make_device_links(std::string &error)
 
 bool cover_directories(const options &wanted, std::string &error)
 {
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    if (mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0) {
         error = failure("cannot make the mounts private");
         return false;
     }

@@ -1,0 +1,181 @@
+// confsim's daemon under hostile peers: plugins in the target "confsim_plugin", agents in
+// "confsim_agent". Peers and operator take turns in the daemon's own loop; afterwards the daemon
+// must still serve, and what it would store must read back as what it holds.
+#include "commands.h"
+#include "conf_plugin.h"
+#include "failure.h"
+#include "fuzz.h"
+
+#include <array>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace confsim;
+
+namespace {
+
+#ifdef FUZZ_AGENT
+const char *const socket_path = g_conf_agent_socket;
+const std::vector<const char *> first = {"<rpc message-id='%n'><create-subscription/></rpc>"};
+const std::vector<const char *> forms = {
+    "<rpc xmlns='urn:ietf:params:xml:ns:netconf:base:1.0' message-id='%n'><get-config><source>"
+    "<running/></source><filter type='subtree'><create-session>%x</create-session></filter>"
+    "</get-config></rpc>",
+    "<rpc message-id='%t'><get-config><filter><get-capability/></filter></get-config></rpc>",
+    "<rpc><get-config><filter>%x</filter></get-config></rpc>",
+    "<rpc message-id='%n'>%x</rpc>",
+    "%x",
+};
+#else
+const char *const socket_path = g_conf_plugin_socket;
+const std::vector<const char *> first = {
+    "<rpc><method>register</method><params><plugin-name>p%n</plugin-name><config-subscribe>"
+    "<subscriber><path>/a:b</path><priority>%n</priority><callback>1</callback></subscriber>"
+    "<subscriber><path>/a:b/c</path><priority>%n</priority><callback>%n</callback></subscriber>"
+    "</config-subscribe><status-publish><publisher><path>/a:s</path><callback>3</callback>"
+    "</publisher></status-publish></params><id>%n</id></rpc>"};
+const std::vector<const char *> forms = {
+    "<rpc><method>activate</method><params><with-cfgr/></params><id>%n</id></rpc>",
+    "<reply><result/><id>%n</id></reply>",
+    "<reply><result><data>%x</data></result><id>%n</id></reply>",
+    "<reply><error><code>%n</code><message>%t</message></error><id>%n</id></reply>",
+    "<rpc><method>pull</method><params><path>%p</path></params><id>%n</id></rpc>",
+    "<rpc><method>locate</method><params><old/><path>%p</path></params><id>%n</id></rpc>",
+    "<rpc><method>push</method><params><path>%p</path><data>%x</data></params><id>%n</id></rpc>",
+    "<rpc><method>push</method><params><path>/a:b/c</path><data><c xmlns='urn:a'>%x</c></data>"
+    "</params><id>%n</id></rpc>",
+    "<rpc><method>config_deployment</method><params><path>%p</path><oper-type>update</oper-type>"
+    "<data>%x</data></params><id>%n</id></rpc>",
+    "<rpc><method>config_deployment</method><params><path>%p/b</path><oper-type>add</oper-type>"
+    "<data><b>%x</b></data></params><id>%n</id></rpc>",
+    "<rpc><method>config_deployment</method><params><path>%p</path><oper-type>delete</oper-type>"
+    "</params><id>%n</id></rpc>",
+    "<rpc><method>copy_deployment_to_memory</method><params><override>%n</override></params>"
+    "<id>%n</id></rpc>",
+    "<rpc><method>save_deployment</method><params/><id>%n</id></rpc>",
+    "<rpc><method>deactivate</method><params/><id>%n</id></rpc>",
+    "<rpc><method>register</method>%x<id>%n</id></rpc>",
+    "%x",
+};
+#endif
+const std::vector<const char *> commands = {
+    "set /a:b/c %n", "set %p %n",      "delete %p",  "commit",         "show deployment",
+    "show %p",       "status /a:s %n", "plugins",    "kickoff",        "notifications",
+    "diff",          "discard",        "call %p %n", "show published", "kickoff p%n",
+};
+
+class hostile_peer {
+public:
+    explicit hostile_peer(fuzz::input &in) : in_(in) {}
+    ~hostile_peer() { close(socket_); }
+    hostile_peer(const hostile_peer &) = delete;
+    hostile_peer &operator=(const hostile_peer &) = delete;
+
+    void turn()
+    {
+        if (in_.ended() || in_.rarely(40)) {
+            close(socket_);
+            socket_ = -1;
+        } else if (socket_ < 0) {
+            socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            std::strncpy(address.sun_path, socket_path, sizeof address.sun_path - 1);
+            (void)connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+            write(in_.message(first, ""));
+        } else {
+            if (!in_.rarely(4)) {
+                std::array<char, 65536> ignored{};
+                (void)recv(socket_, ignored.data(), ignored.size(), 0);
+            }
+            write(in_.message(forms, ""));
+        }
+    }
+
+private:
+    void write(const std::string &bytes)
+    {
+        (void)send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+
+    fuzz::input &in_;
+    int socket_ = -1;
+};
+
+void notify(fuzz::input &in)
+{
+    char name[] = "fuzz";
+    std::string text = in.ConsumeBool() ? in.document() : in.text(100);
+    text.resize(std::min<std::size_t>(text.size(), 60000));
+    (void)conf_notify(name, text.data());
+}
+
+bool is_equal(const node &left, const node &right)
+{
+    return left.module == right.module && left.name == right.name && left.text == right.text &&
+           std::equal(left.children.begin(), left.children.end(), right.children.begin(),
+                      right.children.end(), is_equal);
+}
+
+// What is stored must be readable by the next confsim.
+void check_stored(configuration &config, const char *name)
+{
+    const node *kept = config.named(name);
+    const std::string text = xml::print(config.as_xml(*kept).get());
+    try {
+        const xml::doc_ptr doc = xml::parse_text(text, name);
+        module_table modules;
+        node read = from_xml(xmlDocGetRootElement(doc.get()), "", modules);
+        read.module = kept->module;
+        fuzz::require(is_equal(read, *kept), "reads back otherwise", text);
+    } catch (const failure &reason) {
+        fuzz::require(false, reason.what(), text);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const endpoints where("/var/tmp/confsim");
+    fuzz::input in(data, size);
+    std::array<hostile_peer, 2> peers = {hostile_peer(in), hostile_peer(in)};
+    console out;
+    event_loop loop;
+    tracer trace(out);
+    trace.enable(in.rarely(4));
+    configuration config("");
+    conf_daemon service(loop, out, trace, config, where, seconds(3600));
+    interpreter operating({loop, out, trace, config, service, seconds(3600)});
+
+    const int always = eventfd(1, EFD_CLOEXEC);
+    loop.watch(always, POLLIN, [&](short) {
+        peers[in.below(peers.size())].turn();
+        if (in.ended()) {
+            peers[0].turn();
+            peers[1].turn(); // both are gone
+        }
+    });
+    while (!in.ended()) {
+        for (std::size_t rounds = 1 + in.below(8); rounds > 0; --rounds) {
+            (void)loop.run_until([] { return false; }, steady_clock::now());
+            (void)loop.run_until([once = 0]() mutable { return once++ > 0; });
+        }
+        if (in.rarely(3)) {
+            notify(in);
+        } else {
+            (void)operating.run(in.filled(commands[in.below(commands.size())], ""));
+        }
+        for (const char *name : {"deployment", "running", "published"}) {
+            check_stored(config, name);
+        }
+    }
+    (void)loop.run_until([&service] { return service.plugins().empty(); }, after(seconds(60)));
+    fuzz::require(service.plugins().empty(), "a plugin that is gone is kept");
+    loop.forget(always);
+    close(always);
+    return 0;
+}

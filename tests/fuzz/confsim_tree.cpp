@@ -1,0 +1,54 @@
+// confsim's paths and trees: any path text and any XML. A path that is read is written as a text
+// that leads to the same place, and a change that is refused leaves the tree as it was.
+#include "failure.h"
+#include "fuzz.h"
+#include "tree_xml.h"
+
+using namespace confsim;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    fuzz::input in(data, size);
+    module_table modules;
+    node top{"", "config", "", {}};
+    const auto printed = [&modules](const node &tree) {
+        return xml::print(to_xml(tree, modules).get());
+    };
+    while (!in.ended()) {
+        const std::string before = printed(top);
+        const std::string text = in.ConsumeBool() ? in.path() : in.text(60);
+        const std::size_t what = in.below(4);
+        try {
+            const path where = parse_path(text);
+            fuzz::require(to_text(parse_path(to_text(where))) == to_text(where), "another path",
+                          text);
+            if (what == 0) {
+                const std::string value = in.ConsumeRandomLengthString(10);
+                set(top, where, value);
+            } else if (what == 1) {
+                const std::size_t count = find(top, where).size();
+                fuzz::require(remove(top, where) == count, "removed others", text);
+            } else if (what == 2) {
+                (void)find_neighbours(top, where);
+            } else {
+                const std::string document =
+                    "<" + where.back().name + ">" + in.document() + "</" + where.back().name + ">";
+                const xml::doc_ptr doc = xml::parse_text(document, "input");
+                node changed = top;
+                put(changed, where,
+                    {from_xml(xmlDocGetRootElement(doc.get()), where.back().module, modules)});
+                fuzz::require(find(changed, where).size() == 1, "not put there", text);
+                add_missing(changed, top);
+                top = depth_of(changed) > 250 ? top : std::move(changed);
+            }
+        } catch (const failure &) {
+            fuzz::require(printed(top) == before, "a refused change changes", before);
+        }
+        try {
+            const xml::doc_ptr doc = xml::parse_text(printed(top), "tree");
+        } catch (const failure &reason) {
+            fuzz::require(false, reason.what(), printed(top));
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,159 @@
+// Buffer, list, hash table and vector under any operations, each beside a container of the standard
+// library.
+#include "conf_buffer.h"
+#include "conf_hash.h"
+#include "conf_vec.h"
+#include "fuzz.h"
+
+#include <array>
+#include <list>
+#include <map>
+
+using fuzz::require;
+
+namespace {
+
+void check_buffer(fuzz::input &in)
+{
+    conf_buffer_t *buffer = conf_buffer_create(in.ConsumeIntegralInRange(0, 10000));
+    std::string expected;
+    while (!in.ended()) {
+        const int at = in.ConsumeIntegralInRange(-2, static_cast<int>(expected.size()) + 2);
+        const auto place = static_cast<std::size_t>(std::max(at, 0));
+        const bool is_inside = at >= 0 && place <= expected.size();
+        std::string more = in.text(300);
+        const int count = in.rarely(8) ? in.ConsumeIntegral<int>() : static_cast<int>(more.size());
+        switch (in.below(5)) {
+        case 0:
+            require(conf_buffer_append(&buffer, more.data(), static_cast<int>(more.size())) == 0,
+                    "no append");
+            expected += more;
+            break;
+        case 1:
+            require((conf_buffer_insert(&buffer, at, more.data(), static_cast<int>(more.size())) ==
+                     0) == is_inside,
+                    "insert");
+            is_inside ? expected.insert(place, more) : expected;
+            break;
+        case 2:
+            conf_buffer_remove(buffer, at, count);
+            if (is_inside && count > 0 && place < expected.size()) {
+                expected.erase(place, static_cast<std::size_t>(count));
+            }
+            break;
+        case 3:
+            conf_buffer_slim(&buffer);
+            break;
+        default:
+            conf_buffer_flush(buffer);
+            expected.clear();
+        }
+        require(conf_buffer_length(buffer) == static_cast<int>(expected.size()) &&
+                    expected.size() < static_cast<std::size_t>(buffer->total) &&
+                    std::memcmp(conf_buffer_data(buffer), expected.c_str(), expected.size() + 1) ==
+                        0,
+                "other content");
+    }
+    conf_buffer_destroy(buffer);
+}
+
+void check_list(fuzz::input &in)
+{
+    std::array<conf_dlq_node_t, 6> nodes{};
+    conf_dlq_list_t list{};
+    std::list<conf_dlq_node_t *> expected;
+    while (!in.ended()) {
+        conf_dlq_node_t *node = &nodes[in.below(nodes.size())];
+        conf_dlq_node_t *other = in.rarely(4) ? nullptr : &nodes[in.below(nodes.size())];
+        const auto position = std::find(expected.begin(), expected.end(), other);
+        if (node->list != nullptr) {
+            expected.remove(node);
+            conf_dlq_remove(&list, node);
+            conf_dlq_remove(&list, node); // changes nothing
+        } else {
+            const bool can = other == nullptr || position != expected.end();
+            require((conf_dlq_insert(&list, other, node) == 0) == can, "insert");
+            can ? (void)expected.insert(position, node) : (void)0;
+        }
+        require(list.num == expected.size() &&
+                    conf_dlq_tail(&list) == (expected.empty() ? nullptr : expected.back()),
+                "length");
+        conf_dlq_node_t *at = conf_dlq_head(&list);
+        for (conf_dlq_node_t *each : expected) {
+            require(at == each && (at == list.head || conf_dlq_prev(&list, at)->next == at),
+                    "order");
+            at = conf_dlq_next(&list, at);
+        }
+        require(at == nullptr, "end");
+    }
+}
+
+void check_hash(fuzz::input &in)
+{
+    conf_hash_tbl_t *table = conf_hash_create(static_cast<u32_t>(1 + in.below(20)));
+    std::map<std::string, std::string> expected;
+    while (!in.ended()) {
+        std::string key = in.ConsumeRandomLengthString(3).c_str();
+        std::string value = in.ConsumeRandomLengthString(20);
+        if (in.rarely(3)) {
+            conf_hash_del(table, key.data());
+            expected.erase(key);
+        } else {
+            require(conf_hash_add(table, key.data(), value.data(),
+                                  static_cast<u32_t>(value.size())) == 0,
+                    "no add");
+            expected[key] = value;
+        }
+        key = in.ConsumeRandomLengthString(3).c_str();
+        require((conf_hash_get(table, key.data()) != nullptr) == expected.contains(key),
+                "presence");
+        for (const auto &[name, text] : expected) {
+            const void *got = conf_hash_get(table, std::string(name).data());
+            require(got != nullptr && std::memcmp(got, text.data(), text.size()) == 0, "value");
+        }
+    }
+    for (const auto &[name, text] : expected) {
+        conf_hash_del(table, std::string(name).data());
+    }
+    conf_hash_destroy(table);
+}
+
+void check_vector(fuzz::input &in)
+{
+    std::vector<void *> expected(1 + in.below(5));
+    conf_vec_t *vector = conf_vector_create(static_cast<u32_t>(expected.size()));
+    while (!in.ended()) {
+        const auto index = in.ConsumeIntegralInRange<std::size_t>(0, expected.size() + 1);
+        const bool is_inside = index < expected.size();
+        if (in.rarely(3)) {
+            require((conf_vector_remove(vector, static_cast<u32_t>(index)) == 0) == is_inside,
+                    "remove");
+            (is_inside ? expected[index] : expected.emplace_back()) = nullptr;
+            is_inside ? (void)0 : expected.pop_back();
+        } else {
+            auto free_slot = std::find(expected.begin(), expected.end(), nullptr);
+            const std::ptrdiff_t place = free_slot - expected.begin();
+            if (free_slot == expected.end()) {
+                expected.resize(2 * expected.size());
+            }
+            expected[static_cast<std::size_t>(place)] = &expected;
+            require(conf_vector_add(&vector, &expected) == place, "add");
+        }
+        require(conf_vector_size(vector) == static_cast<int>(expected.size()), "size");
+        for (std::size_t i = 0; i <= expected.size(); ++i) {
+            require(conf_vector_get(vector, static_cast<u32_t>(i)) ==
+                        (i < expected.size() ? expected[i] : nullptr),
+                    "element");
+        }
+    }
+    conf_vector_destroy(vector, nullptr);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    fuzz::input in(data, size);
+    in.PickValueInArray({check_buffer, check_list, check_hash, check_vector})(in);
+    return 0;
+}

@@ -1,0 +1,136 @@
+// Conversions of paths and the removal of quotes, against the plainest implementation of each.
+#include "conf_plugin/plugin_internal.h"
+#include "fuzz.h"
+
+#include <optional>
+
+namespace {
+
+std::string standard_form(bool is_schema, const std::string &path)
+{
+    std::string out;
+    std::string source;               // of the current node, up to here
+    std::size_t begin = 0;            // of the current node, in the output
+    std::optional<std::string> space; // the current namespace
+    bool is_key = false;
+    for (const char c : path) {
+        if (c == '[' || c == ']' || is_key) {
+            is_key = c == '[' || (is_key && c != ']');
+            out += is_schema ? "" : std::string(1, c);
+            source += source.empty() ? "" : std::string(1, c);
+        } else if (c == '/' && (source.empty() || space)) {
+            out += c;
+            source.clear();
+        } else if (c == '/') {
+            space = out.substr(begin);
+            out += ':';
+            source += c;
+        } else if (c == ':' && source.empty()) {
+            continue;
+        } else if (c == ':') {
+            if (space == source) {
+                out.resize(begin);
+            } else {
+                space = out.substr(begin);
+                out += ':';
+            }
+            source += c;
+        } else {
+            out += out.empty() ? "/" : "";
+            begin = source.empty() ? out.size() : begin;
+            out += c;
+            source += c;
+        }
+    }
+    if (out.size() > 1 && out.back() == '/') {
+        out.pop_back();
+    }
+    return out;
+}
+
+std::string schema_to_standard(const std::string &path)
+{
+    return standard_form(true, path);
+}
+
+std::string data_to_standard(const std::string &path)
+{
+    return standard_form(false, path);
+}
+
+std::string standard_to_database(const std::string &path)
+{
+    std::string made = standard_form(false, path);
+    const std::size_t colon = made.starts_with(':') ? 0 : made.find(':', 1);
+    if (!made.empty() && colon != std::string::npos) {
+        made[colon] = '/';
+    }
+    return made;
+}
+
+// Whether text[at] lies inside quotes that begin at or behind `begin`.
+bool in_quotes(const std::string &text, std::size_t begin, std::size_t at)
+{
+    bool inside = false;
+    std::size_t backslashes = 0;
+    for (std::size_t i = begin; i <= at; ++i) {
+        inside ^= text[i] == '"' && backslashes % 2 == 0;
+        backslashes = text[i] == '\\' ? backslashes + 1 : 0;
+    }
+    return inside;
+}
+
+std::string without_quotes(const std::string &text)
+{
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        out += text[i];
+        if (text[i] != '=' || i + 1 == text.size() || text[i + 1] != '"' || in_quotes(text, 0, i)) {
+            continue;
+        }
+        std::size_t end = i + 2;
+        while (end < text.size() &&
+               ((text[end] != ']' && text[end] != ',') || in_quotes(text, i + 1, end))) {
+            ++end;
+        }
+        if (end == text.size() || end < i + 3 || text[end - 1] != '"') {
+            continue;
+        }
+        const std::string value = text.substr(i + 2, end - i - 3);
+        if (value.find_first_of("\",]\\") == std::string::npos) {
+            out += value + text[end];
+            i = end;
+        }
+    }
+    return out;
+}
+
+void compare(char *given, const std::string &path, std::string (*plain)(const std::string &))
+{
+    fuzz::require(given != nullptr, "no path");
+    // The plain ways take more than linear time.
+    fuzz::require(path.size() > 1000 || given == plain(path), "another path", path);
+    free(given);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    fuzz::input in(data, size);
+    std::string path;
+    while (!in.ended()) {
+        path += in.ConsumeBool() ? in.text(40) : in.path();
+    }
+    path = path.c_str();
+    compare(plugin_path_schema2std(path.c_str()), path, schema_to_standard);
+    compare(plugin_path_data2std(path.c_str()), path, data_to_standard);
+    compare(plugin_path_std2db(path.c_str()), path, standard_to_database);
+    char *bare = strdup(path.c_str());
+    fuzz::require(datastore_path_rm_quotes(bare) == bare, "not in place");
+    const std::size_t end = std::strlen(bare);
+    fuzz::require(std::all_of(bare + end, bare + path.size(), [](char c) { return c == 0; }),
+                  "remains of the path");
+    compare(bare, path, without_quotes);
+    return 0;
+}

@@ -1,0 +1,295 @@
+// A whole plugin under a hostile daemon. In the target "loop" the daemon registers and activates it
+// soundly and then sends what it likes; in "exchange" each of the plugin's own requests is met by
+// any answer.
+//
+// The daemon has no thread: the library's waits are replaced at link time, and give it its turns.
+#include "conf_plugin/plugin_internal.h"
+#include "fuzz.h"
+
+#include <array>
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+#ifdef FUZZ_EXCHANGE
+constexpr bool is_sound_at_first = false;
+#else
+constexpr bool is_sound_at_first = true;
+#endif
+
+const std::vector<const char *> answers = {
+    "<reply><result/><id>%i</id></reply>",
+    "<reply><result><data>%x</data></result><id>%i</id></reply>",
+    "<reply><result><prev>%p</prev><next>%p</next>%x</result><id>%i</id></reply>",
+    "<reply><error><code>%n</code><message>%t</message></error><id>%i</id></reply>",
+    "<!DOCTYPE r [<!ENTITY e '&f;x'><!ENTITY f '<a>x</a>'>]>"
+    "<reply><result><data xml:lang='x'>&e;%x</data></result><id>%i</id></reply>",
+    "<reply>%x<id>%i</id>%x</reply>",
+};
+const std::vector<const char *> requests = {
+    "<rpc><method>publish</method><params><type>config</type><session-id>%n</session-id>"
+    "<callback>%n</callback><info><oper-type>%n</oper-type><more-flag>%n</more-flag>"
+    "<priority>%n</priority><path>%p</path></info></params><id>%i</id></rpc>",
+    "<rpc><method>publish</method><params><type>operate</type><callback>%n</callback>"
+    "<info>%x</info></params><id>%i</id></rpc>",
+    "<rpc><method>subscribe</method><params><session-id>%n</session-id><path>%p</path>"
+    "<filter>%t</filter><callback>%n</callback></params><id>%i</id></rpc>",
+    "<rpc><method>kickoff</method><params/><id>%i</id></rpc>",
+    "<rpc><method>%t</method><params>%x</params><id>%i</id></rpc>",
+    "<!DOCTYPE rpc [<!ENTITY e '<a>x</a>'>]><rpc><method>publish</method><params>"
+    "<type>operate</type><callback>3</callback><info>&e;%x</info></params><id>%i</id></rpc>",
+    "%x",
+};
+
+class hostile_daemon {
+public:
+    explicit hostile_daemon(fuzz::input &in) : in_(in), is_sound_(is_sound_at_first) {}
+    ~hostile_daemon()
+    {
+        close(peer_);
+        while ((peer_ = accept4(listener(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
+            close(peer_);
+        }
+    }
+    hostile_daemon(const hostile_daemon &) = delete;
+    hostile_daemon &operator=(const hostile_daemon &) = delete;
+
+    fuzz::input &in() { return in_; }
+    void turn_hostile() { is_sound_ = false; }
+    [[nodiscard]] bool has_connection() const { return peer_ >= 0; }
+
+    void turn()
+    {
+        if (peer_ < 0) {
+            peer_ = accept4(listener(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            return;
+        }
+        read();
+        if (is_sound_ && !asked_.empty()) {
+            send(in_.message({answers[0]}, asked_)); // damaged now and then
+        } else if (in_.ended() || in_.rarely(64)) {
+            close(peer_);
+            peer_ = -1;
+        } else if (!asked_.empty() && !in_.rarely(4)) {
+            send(in_.message(answers, asked_));
+        } else {
+            send(in_.message(requests, std::to_string(++last_id_)));
+        }
+    }
+
+private:
+    static int listener()
+    {
+        static const int made = conf_plugin_service_enable(); // at the default path
+        return made;
+    }
+    void send(const std::string &bytes)
+    {
+        asked_.clear();
+        (void)::send(peer_, bytes.data(), std::min<std::size_t>(bytes.size(), 100000),
+                     MSG_NOSIGNAL);
+    }
+    void read()
+    {
+        static std::array<char, 300000> bytes;
+        const ssize_t count = recv(peer_, bytes.data(), bytes.size(), 0);
+        received_.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        msg_head_t head{};
+        while (received_.size() >= sizeof head) {
+            received_.copy(reinterpret_cast<char *>(&head), sizeof head);
+            fuzz::require(head.magic == MSG_MAGIC && head.format == 0, "no frame", received_);
+            if (received_.size() - sizeof head < head.length) {
+                break;
+            }
+            take(received_.substr(sizeof head, head.length));
+            received_.erase(0, sizeof head + head.length);
+        }
+        if (count == 0) {
+            received_.clear();
+        }
+    }
+    void take(const std::string &body)
+    {
+        const std::size_t at = body.rfind("<id>");
+        fuzz::require(at != std::string::npos, "a message without id", body);
+        const std::string id = body.substr(at + 4, body.find('<', at + 4) - at - 4);
+        if (body.starts_with("<rpc>") && body.ends_with("</rpc>")) {
+            asked_ = id;
+            return;
+        }
+        fuzz::require(body.starts_with("<reply>") && body.ends_with("</reply>"), "no reply", body);
+        const unsigned long number = std::strtoul(id.c_str(), nullptr, 10);
+        fuzz::require(number < first_id || number > last_id_ || ++replies_[number] == 1,
+                      "a second reply", body);
+    }
+
+    static constexpr unsigned long first_id = 3000000000; // other numbers come from elsewhere, too
+
+    fuzz::input &in_;
+    bool is_sound_;
+    int peer_ = -1;
+    unsigned long last_id_ = first_id;
+    std::string asked_; // the id that the plugin waits for
+    std::string received_;
+    std::map<unsigned long, int> replies_;
+};
+
+hostile_daemon *peer;
+int depth = 0; // of callbacks
+
+void start();
+
+struct call {
+    fuzz::input &in;
+    const char *path;
+    xmlNode *data;
+    xmlNode *list;
+};
+
+// What a plugin can do, inside of callbacks and outside. The first ones are exchanges.
+constexpr std::size_t exchanges = 8;
+int (*const calls[])(call &) = {
+    [](call &c) { return econf_plugin_pull(0, c.path, &c.list); },
+    [](call &c) { return econf_plugin_pull(1, c.path, &c.list); },
+    [](call &c) { return econf_plugin_locate(0, c.path, &c.list); },
+    [](call &c) { return econf_plugin_locate(1, c.path, &c.list); },
+    [](call &c) { return econf_plugin_push(c.path, c.data); },
+    [](call &c) { return econf_plugin_config_deployment(c.path, 1, c.data); },
+    [](call &) { return econf_plugin_save_deployment(); },
+    [](call &) { return econf_plugin_copy_running_to_deployment(1); },
+    [](call &c) { return econf_plugin_activate(static_cast<int>(c.in.below(3))); },
+    [](call &) { return econf_plugin_deactivate(), 0; },
+    [](call &c) { return econf_plugin_error(static_cast<int>(c.in.below(3)), "%s%n"), 0; },
+    [](call &) { return econf_plugin_error(7, nullptr), 0; },
+    [](call &) { return econf_plugin_run(), 0; },
+    [](call &) { return econf_plugin_close(), start(), 0; },
+    [](call &) { return econf_plugin_close(), 0; },
+};
+
+xmlNode *element(fuzz::input &in)
+{
+    xmlNode *made = xmlNewNode(nullptr, reinterpret_cast<const xmlChar *>("data"));
+    xmlNewTextChild(made, nullptr, reinterpret_cast<const xmlChar *>("x"),
+                    reinterpret_cast<const xmlChar *>(in.PickValueInArray({"", "a&b", "<c/>"})));
+    return made;
+}
+
+void act(fuzz::input &in)
+{
+    const std::string path = in.path();
+    call all = {in, path.c_str(), element(in), nullptr};
+    const std::size_t which = in.below(std::size(calls));
+    const int result = calls[which](all);
+    fuzz::require(result == 0 || (result == -1 && all.list == nullptr), "result");
+    xmlFreeNode(all.data);
+    xmlFreeNodeList(all.list);
+    const conf_plugin_context_t *context = get_plugin_context();
+    fuzz::require(depth > 0 || which >= exchanges || context == nullptr ||
+                      context->recv_buf->used + context->send_buf->used == 0,
+                  "an exchange leaves bytes behind, which nothing would wake the plugin for");
+}
+
+int called(const char *text, xmlNode *input = nullptr, xmlNode **output = nullptr)
+{
+    fuzz::input &in = peer->in();
+    ++depth;
+    while (depth < 4 && in.rarely(3)) {
+        act(in);
+    }
+    --depth;
+    if (output != nullptr) {
+        *output = in.PickValueInArray<xmlNode *>(
+            {nullptr, input, input == nullptr ? nullptr : input->children});
+        *output = *output == nullptr && in.ConsumeBool() ? element(in) : *output;
+    }
+    const bool is_long = text != nullptr && std::strlen(text) > 10000; // it must still be there
+    return is_long ? -1 : static_cast<int>(in.below(3)) - 1;
+}
+
+void on_kick_off()
+{
+    (void)called(nullptr);
+}
+
+// Registers and activates, by one interface or the other.
+void start()
+{
+    static char name[] = "fuzz";
+    static econf_config_cb_info_t configs[] = {
+        {"/a:b", 1, [](int, int, int, int, const char *path) { return called(path); }},
+        {nullptr, 0, nullptr}};
+    static econf_status_cb_info_t states[] = {
+        {"/a:c", [](int, const char *path, const char *,
+                    xmlNode **status) { return called(path, nullptr, status); }},
+        {nullptr, nullptr}};
+    static econf_operate_cb_info_t operations[] = {
+        {name,
+         [](int, xmlNode *input, xmlNode **output) { return called(nullptr, input, output); }},
+        {nullptr, nullptr}};
+    static econf_plugin_subpub_info_t callbacks = {configs, states, operations, on_kick_off};
+    static config_callback_t old_configs[] = {
+        {name, 1, [](int, int, int, char *path) { return called(path); }}, {nullptr, 0, nullptr}};
+    static status_callback_t old_states[] = {
+        {name, [](char *path, char *, xmlNode **status) { return called(path, nullptr, status); }},
+        {nullptr, nullptr}};
+    static rpc_callback_t old_operations[] = {
+        {name, [](xmlNode *input, xmlNode **output) { return called(nullptr, input, output); }},
+        {nullptr, nullptr}};
+    static conf_plugin_info_t old_callbacks = {old_configs, old_states, old_operations, on_kick_off,
+                                               nullptr};
+    if (peer->in().rarely(4)) {
+        (void)conf_plugin_init(name, &old_callbacks);
+    } else {
+        (void)econf_plugin_init(name, &callbacks);
+    }
+    (void)econf_plugin_activate(static_cast<int>(peer->in().below(3)));
+}
+
+} // namespace
+
+extern "C" int __real_epoll_wait(int epoll, epoll_event *events, int most, int limit);
+
+extern "C" int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int /*limit*/)
+{
+    for (;;) {
+        const int count = __real_epoll_wait(epoll, events, most, 0);
+        if (count != 0) {
+            return count;
+        }
+        if (peer->in().rarely(64)) {
+            errno = EINTR;
+            return peer->in().ConsumeBool() ? -1 : 0; // a signal, or the time has passed
+        }
+        peer->turn();
+    }
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    fuzz::input in(data, size);
+    hostile_daemon daemon(in);
+    peer = &daemon;
+    econf_plugin_config_debug(DBG_ALL, in.rarely(8) ? 1 : 0);
+    start();
+    daemon.turn_hostile();
+    while (!in.ended() && get_plugin_context() != nullptr) {
+        if (!daemon.has_connection()) {
+            econf_plugin_close();
+            start();
+        } else if (is_sound_at_first) {
+            daemon.turn();
+            econf_plugin_run();
+        } else {
+            act(in);
+        }
+    }
+    econf_plugin_close();
+    del_plugin_from_hash();
+    econf_plugin_config_debug(0, 0);
+    return 0;
+}
