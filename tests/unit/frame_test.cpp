@@ -38,12 +38,12 @@ bool idles(const conf_buffer_t *buffer)
                        [](char byte) { return byte == 0; });
 }
 
-// What the header at the front says.
-std::size_t message_size(std::string_view stream)
+// What the header at the front says, which can be more than a size of this machine.
+std::uint64_t message_size(std::string_view stream)
 {
     u32_t length = 0;
     stream.copy(reinterpret_cast<char *>(&length), sizeof length, 4);
-    return sizeof(msg_head_t) + length;
+    return std::uint64_t{length} + sizeof(msg_head_t);
 }
 
 // The messages of a stream, found in the whole of it: bytes without magic in front of one are
@@ -57,14 +57,14 @@ strings messages_in(std::string_view stream)
             return found;
         }
         stream.remove_prefix(begin);
-        const std::size_t size = message_size(stream);
+        const std::uint64_t size = message_size(stream);
         if (size > 12 + (64U << 20)) {
             stream.remove_prefix(magic.size());
         } else if (size > stream.size()) {
             return found;
         } else {
-            found.emplace_back(stream.substr(0, size));
-            stream.remove_prefix(size);
+            found.emplace_back(stream.substr(0, static_cast<std::size_t>(size)));
+            stream.remove_prefix(static_cast<std::size_t>(size));
         }
     }
 }
@@ -218,7 +218,7 @@ TEST_F(Frame, FindsTheMessagesOfAnyStreamHoweverItIsCut)
                     break;
                 }
                 const std::string bytes = contents(context->recv_buf);
-                const std::size_t length = message_size(bytes);
+                const auto length = static_cast<std::size_t>(message_size(bytes));
                 EXPECT_TRUE(amount == take::everything || bytes.size() == length);
                 found.push_back(bytes.substr(0, length));
                 conf_buffer_remove(context->recv_buf, 0, static_cast<int>(length));

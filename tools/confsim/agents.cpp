@@ -85,7 +85,7 @@ agent_service::agent_service(event_loop &loop, const console &out, const tracer 
 
 agent_service::agent_ptr agent_service::make(int descriptor, const tracer &trace)
 {
-    const auto made = std::make_shared<agent>(descriptor, trace);
+    auto made = std::make_shared<agent>(descriptor, trace);
     made->called = "agent, process " + std::to_string(made->stream.process_id());
     made->stream.set_peer(made->called);
     return made;

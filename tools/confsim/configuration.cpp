@@ -116,6 +116,7 @@ std::vector<node> configuration::instances(const path &where,
                                            const std::vector<const xmlNode *> &data)
 {
     std::vector<node> all;
+    all.reserve(data.size());
     for (const xmlNode *each : data) {
         all.push_back(from_xml(each, where.back().module, modules_));
     }

@@ -46,17 +46,16 @@ public:
 
     // Does something that sends to the peer, which is dropped when that throws broken.
     template <typename action>
-    void talk_to(const peer_ptr &to, action act)
+    void talk_to(peer_ptr to, action act) // a copy, as the peer may leave the list
     {
-        const peer_ptr kept = to; // which may be an element of the list
         try {
             act();
-            const short unsent = kept->stream.has_unsent() ? POLLOUT : 0;
-            loop_.change(kept->stream.descriptor(), static_cast<short>(POLLIN | unsent));
+            const short unsent = to->stream.has_unsent() ? POLLOUT : 0;
+            loop_.change(to->stream.descriptor(), static_cast<short>(POLLIN | unsent));
         } catch (const broken &reason) {
-            loop_.forget(kept->stream.descriptor());
-            peers_.remove(kept);
-            act_.gone(kept, reason.what());
+            loop_.forget(to->stream.descriptor());
+            peers_.remove(to);
+            act_.gone(to, reason.what());
         }
     }
 
