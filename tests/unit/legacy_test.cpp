@@ -2,7 +2,6 @@
 // newer one.
 #include "conf_plugin/xml.h"
 #include "demo_plugin.h"
-#include "xml_memory.h"
 
 using namespace test;
 
@@ -205,33 +204,6 @@ TEST_F(LegacyTest, RefusesWhatCannotBe)
 }
 
 // ---- inside the daemon -------------------------------------------------------------------------
-
-TEST_F(LegacyTest, ReadsNothingWhenMemoryRunsOut)
-{
-    confd_plugin_callback_t hooks{};
-    hooks.conf_plugin_pull = [](bool_t, const char *, xmlNode **result) {
-        *result = nodes_of("<l><a>1</a><b/></l>")(nullptr);
-        xml_heap.fail_at(act.result, false); // what comes next is ours
-        return 0;
-    };
-    get_plugin_from_hash()->confd_hooks = &hooks;
-    bool failed = true;
-    for (act.result = 1; failed; ++act.result) {
-        const std::size_t blocks = xml_heap.blocks.size();
-        xmlNode before{};
-        conf_val_t value = {&before};
-        const int result = conf_plg_get_value(nullptr, settings, &value);
-        failed = xml_heap.failed;
-        xml_heap.work_again();
-        xmlResetLastError();
-        EXPECT_EQ(result, failed ? -1 : 0);
-        EXPECT_EQ(list_of(value.data), failed ? "" : "<data><a>1</a><b/></data>");
-        EXPECT_EQ(take_errors(), failed ? "Create <data> node failed." : "");
-        xmlFreeNode(value.data);
-        EXPECT_EQ(xml_heap.blocks.size(), blocks);
-    }
-    EXPECT_GT(act.result, 2);
-}
 
 TEST_F(LegacyTest, HandsAReplyToItsHook)
 {
