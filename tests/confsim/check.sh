@@ -73,8 +73,7 @@ killed)
         printf 'set /test:system/value %s\ncommit\n' "$number"
     done >"$work/script"
     for delay in 0.05 0.1 0.15 0.2 0.25 0.3 0.35 0.4; do
-        "$confsim" --dir "$work/sockets" --store "$work/store" --script "$work/script" \
-            >"$output" 2>&1 &
+        "$confsim" run --store "$work/store" --script "$work/script" -- true >"$output" 2>&1 &
         sleep "$delay"
         kill -KILL "$!"
         wait "$!" || true
