@@ -3,7 +3,7 @@
 // The road of a request from the daemon:
 //   loop.cpp       econf_plugin_run(): one request after the other
 //     frame.cpp      _recv_message(): bytes from the socket until one message is whole
-//     frame.cpp      plugin_parse_message(): cut it out; xml.cpp parses it
+//     frame.cpp      plugin_parse_message(): cut it out; xml_parse.cpp parses it
 //     envelope.cpp   plugin_parse_rpc(): method and parameters
 //   loop.cpp       method table, callback
 //     reply.cpp      result or error; envelope.cpp wraps it
