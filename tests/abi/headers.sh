@@ -11,43 +11,24 @@ flags=(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fsyntax-only
        -I "$source_dir/include")
 read -ra system <<<"${libxml//-I/-isystem }"
 
-compilers=()
-for compiler in gcc clang; do
-    if command -v "$compiler" >/dev/null; then
-        compilers+=("$compiler")
-    fi
-done
-
-# A user's file: the header in the given surroundings, then both truth values in use.
+# A user's file: the header between the given lines, then both truth values in use.
 use_header()
 {
-    local before=$1 header=$2 after=$3
-    cat <<END
-$before
-#include "$header"
-$after
-bool_t is_other(bool_t given);
-bool_t is_other(bool_t given)
-{
-    bool_t yes = true;
-    const bool_t no = false;
-    if (given == false)
-        yes = false;
-    return yes != true ? no : given;
-}
-END
+    printf '%s\n' "$1" "#include \"$2\"" "$3" 'bool_t is_other(bool_t given);' \
+        'bool_t is_other(bool_t given) { const bool_t no = false; return given == true ? no : true; }'
 }
 
 count=0
 failed=0
 
-# check TITLE TEXT COMMAND...: compiles the text, given on standard input.
+# check TITLE TEXT COMPILER LANGUAGE:STANDARD FLAG...: compiles the text.
 check()
 {
-    local title=$1 text=$2
-    shift 2
+    local title="$1 as $4, $3" text=$2 compiler=$3 language=$4
+    shift 4
     count=$((count + 1))
-    if ! "$@" <<<"$text"; then
+    if ! "$compiler" -x "${language%:*}" "-std=${language#*:}" "${flags[@]}" "${system[@]}" "$@" - \
+        <<<"$text"; then
         printf 'does not compile: %s\n' "$title"
         failed=$((failed + 1))
     fi
@@ -55,18 +36,17 @@ check()
 
 layout=$(cat "$source_dir/tests/abi/layout.c")
 stdbool='#include <stdbool.h>'
-for compiler in "${compilers[@]}"; do
+for compiler in gcc clang; do
+    command -v "$compiler" >/dev/null || continue
     for language in c:c11 c++:c++17 c++:c++20; do
-        kind="as $language, $compiler"
-        as=("$compiler" -x "${language%:*}" -std="${language#*:}" "${flags[@]}" "${system[@]}" -)
         for header in "$source_dir"/include/*.h; do
-            name=$(basename "$header")
-            check "$name $kind" "$(use_header '' "$name" '')" "${as[@]}"
+            check "$(basename "$header")" "$(use_header '' "$(basename "$header")" '')" \
+                "$compiler" "$language"
         done
-        name=conf_def.h # the one that all others take their truth values from
-        check "$name after stdbool.h $kind" "$(use_header "$stdbool" "$name" '')" "${as[@]}"
-        check "$name before stdbool.h $kind" "$(use_header '' "$name" "$stdbool")" "${as[@]}"
-        check "layout $kind" "$layout" "${as[@]}"
+        # The header that all others take their truth values from.
+        check "after stdbool.h" "$(use_header "$stdbool" conf_def.h '')" "$compiler" "$language"
+        check "before stdbool.h" "$(use_header '' conf_def.h "$stdbool")" "$compiler" "$language"
+        check layout "$layout" "$compiler" "$language"
     done
 done
 
@@ -75,12 +55,11 @@ done
 if command -v clang >/dev/null && [[ $(uname -m) == x86_64 ]]; then
     mkdir -p "$work_dir/stubs/gnu"
     : >"$work_dir/stubs/gnu/stubs-32.h"
-    foreign=(-isystem "$work_dir/stubs" -idirafter "/usr/include/$(gcc -print-multiarch)"
-             -idirafter /usr/include -DU_SHOW_CPLUSPLUS_API=0)
     for target in i686-linux-gnu armv7-linux-gnueabihf aarch64-linux-gnu; do
         for language in c:c11 c++:c++17; do
-            check "layout as $language for $target" "$layout" clang --target="$target" \
-                -x "${language%:*}" -std="${language#*:}" "${flags[@]}" "${system[@]}" "${foreign[@]}" -
+            check "layout for $target" "$layout" clang "$language" "--target=$target" \
+                -isystem "$work_dir/stubs" -idirafter "/usr/include/$(gcc -print-multiarch)" \
+                -idirafter /usr/include -DU_SHOW_CPLUSPLUS_API=0
         done
     done
 fi

@@ -11,30 +11,19 @@ tee older.c older.cpp <"$1/examples/legacy/banner.c" >/dev/null
 
 cat >newer.confsim <<'END'
 wait good
-plugins
-expect configuration /test:system/user, priority 20, index 1
-set /test:system/user[name="ann"]/value 5
-commit
-expect add /test:system/user[name="ann"] to good: ok
 set /test:system/user[name="ann"]/value refuse
 fail commit
 expect code 22: this value is refused
 status /test:journal/good all
-expect filter all: [oper 1 more 0 prio 20 /test:system/user[name=ann] 5 was -][oper 4 more 0
-expect refuse was 5]
+expect filter all: [oper 1 more 0 prio 20 /test:system/user[name=ann] refuse was -]
 call echo <a><b>1</b></a> text
 expect <b>1</b>
-expect text
 kickoff
 wait-notification
 expect <by-node/>
-wait-notification
-expect <kicked-off/>
 END
 cat >older.confsim <<'END'
 wait banner
-plugins
-expect configuration /system:banner, priority 20, index 1
 set /system:banner Welcome
 commit
 expect add /system:banner to banner: ok
@@ -47,8 +36,6 @@ status /system:banner-state
 expect <length>7</length>
 call clear-banner <reason>night</reason>
 expect <cleared>night</cleared>
-status /system:banner-state
-expect <length>0</length>
 END
 
 read -ra flags <<<"$(pkg-config --cflags --libs libconfsvc)"

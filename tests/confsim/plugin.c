@@ -26,10 +26,8 @@ static void pull_value(int old, const char *path, char *value, size_t size)
 {
     xmlNode *list = NULL;
     snprintf(value, size, "-");
-    if (econf_plugin_pull(old, path, &list) != 0 || list == NULL) {
-        return;
-    }
-    for (xmlNode *leaf = list->children; leaf != NULL; leaf = leaf->next) {
+    (void)econf_plugin_pull(old, path, &list);
+    for (const xmlNode *leaf = list == NULL ? NULL : list->children; leaf; leaf = leaf->next) {
         if (strcmp((const char *)leaf->name, "value") == 0 && leaf->children != NULL) {
             snprintf(value, size, "%s", (const char *)leaf->children->content);
         }
@@ -80,48 +78,29 @@ static int on_echo(int session_id, xmlNode *input, xmlNode **output)
     return 0;
 }
 
-static xmlNode *child_of(const xmlNode *parent, const char *name)
-{
-    xmlNode *child = parent->children;
-    while (child != NULL && strcmp((const char *)child->name, name) != 0) {
-        child = child->next;
-    }
-    return child;
-}
-
 /*
  * Makes a request of the daemon: <pull|locate|push|add|delete|update|save|copy|override>, with
- * <old/>, <path> and <data> inside. The output is what the daemon gives.
+ * <old/>, <path> and <data> inside, in this order. The output is what the daemon gives.
  */
 static int on_ask(int session_id, xmlNode *input, xmlNode **output)
 {
-    const char *request = (const char *)input->name;
-    const int old = child_of(input, "old") != NULL;
-    xmlNode *path_node = child_of(input, "path");
-    xmlNode *data_node = child_of(input, "data");
-    xmlChar *path = path_node == NULL ? NULL : xmlNodeGetContent(path_node);
-    xmlNode *data = data_node == NULL ? NULL : data_node->children;
-    int result = -1;
+    const char *name = (const char *)input->name;
+    const xmlNode *first = input->children;
+    const int old = first != NULL && first->children == NULL;
+    const xmlNode *place = old ? first->next : first;
+    const char *path = place == NULL ? NULL : (const char *)place->children->content;
+    xmlNode *data = place == NULL || place->next == NULL ? NULL : place->next->children;
+    const int result = strcmp(name, "pull") == 0       ? econf_plugin_pull(old, path, output)
+                       : strcmp(name, "locate") == 0   ? econf_plugin_locate(old, path, output)
+                       : strcmp(name, "push") == 0     ? econf_plugin_push(path, data)
+                       : strcmp(name, "save") == 0     ? econf_plugin_save_deployment()
+                       : strcmp(name, "copy") == 0     ? econf_plugin_copy_running_to_deployment(0)
+                       : strcmp(name, "override") == 0 ? econf_plugin_copy_running_to_deployment(1)
+                       : strcmp(name, "add") == 0 ? econf_plugin_config_deployment(path, 0, data)
+                       : strcmp(name, "delete") == 0
+                           ? econf_plugin_config_deployment(path, 1, data)
+                           : econf_plugin_config_deployment(path, 2, data);
     (void)session_id;
-    if (strcmp(request, "pull") == 0) {
-        result = econf_plugin_pull(old, (const char *)path, output);
-    } else if (strcmp(request, "locate") == 0) {
-        result = econf_plugin_locate(old, (const char *)path, output);
-    } else if (strcmp(request, "push") == 0) {
-        result = econf_plugin_push((const char *)path, data);
-    } else if (strcmp(request, "save") == 0) {
-        result = econf_plugin_save_deployment();
-    } else if (strcmp(request, "copy") == 0 || strcmp(request, "override") == 0) {
-        result = econf_plugin_copy_running_to_deployment(strcmp(request, "override") == 0);
-    } else {
-        const char *const opers[] = {"add", "delete", "update"};
-        for (int oper = 0; oper < 3; ++oper) {
-            if (strcmp(request, opers[oper]) == 0) {
-                result = econf_plugin_config_deployment((const char *)path, oper, data);
-            }
-        }
-    }
-    xmlFree(path);
     if (result != 0) {
         econf_plugin_error(5, "the daemon refused it");
     }
@@ -152,15 +131,14 @@ int main(int count, char **arguments)
     econf_operate_cb_info_t operations[] = {
         {echo, on_echo}, {scoped_echo, on_echo}, {ask, on_ask}, {NULL, NULL}};
     econf_plugin_subpub_info_t callbacks = {configs, statuses, operations, on_kick_off};
-    const char *mode = count > 2 ? arguments[2] : "none";
+    const int mode = count < 3                             ? ACTIVATE_WITH_NONE
+                     : strcmp(arguments[2], "smooth") == 0 ? ACTIVATE_WITH_SMOOTH
+                                                           : ACTIVATE_WITH_CFGR;
     struct pollfd daemon = {-1, POLLIN | POLLRDHUP, 0};
 
     snprintf(status_path, sizeof status_path, "/test:journal/%s", name);
     daemon.fd = econf_plugin_init(name, &callbacks);
-    if (daemon.fd < 0 ||
-        econf_plugin_activate(strcmp(mode, "cfgr") == 0     ? ACTIVATE_WITH_CFGR
-                              : strcmp(mode, "smooth") == 0 ? ACTIVATE_WITH_SMOOTH
-                                                            : ACTIVATE_WITH_NONE) != 0) {
+    if (daemon.fd < 0 || econf_plugin_activate(mode) != 0) {
         return 1;
     }
     /* In the sandbox: tells a script that the name is taken. */

@@ -1,10 +1,6 @@
-// The fault lane: runs each scenario once without a fault, then once for each fault that each call
-// of the library can have in it, every time in a process of its own, under AddressSanitizer with
-// leak checking. Compares the outcomes with tests/fault/expected/SCENARIO.txt.
-//
-// usage: fault_lane [--quick | --accept] [--jobs N] EXPECTED_DIR [SCENARIO...]
-//   --quick    leaves out the faults that last for ever and those inside libxml2
-//   --accept   writes the outcomes as the expected ones, to be read before they are kept
+// The fault lane: runs each story once without a fault, then once for each fault that each call of
+// the library can have in it, every time in a process of its own, under AddressSanitizer with leak
+// checking. Compares the outcomes with tests/fault/expected/STORY.txt. usage: fault_lane --help
 //
 // Kinds of faults: once; ever (the call and all that follow, of every kind); cut (fewer bytes
 // move); EINTR; EAGAIN; timeout (of a wait, at once); broken and stuck (the call and all that
@@ -12,20 +8,20 @@
 //
 // An expected file has one paragraph for each distinct outcome: the steps of the story that differ
 // from the story without a fault, with what was logged in braces; then the faults that lead to it,
-// as KINDS: NAME#NUMBER, where NUMBER counts the calls of that name within the story. After the
-// story with the fault the process plays it again without one; what differs then follows "again:".
-// A crash, a leak, a descriptor left open or a wait without end is never expected.
-#include "play.h"
-#include "report.h"
+// as KINDS: NAME#NUMBER, where NUMBER counts the calls of that name within the story (allocations
+// inside libxml2 are as many as its version makes). After the story with the fault the process
+// plays it again without one; what differs then follows "again:". A crash, a leak, a descriptor
+// left open or a wait without end is never expected.
+#include "lane.h"
 #include "sandbox.h"
-#include "system_log.h"
+
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <cstdio>
 #include <fstream>
-#include <new>
+#include <map>
+#include <set>
 #include <sstream>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -36,159 +32,199 @@ namespace fault {
 
 namespace {
 
-bool enter_sandbox()
+const std::string indent = "    ";
+
+using ordered = std::vector<std::pair<std::string, std::string>>;
+
+std::string &entry(ordered &list, const std::string &key)
 {
-    std::string error;
-    if (!sandbox::enter({}, error)) {
-        std::fprintf(stderr, "no sandbox: %s\n", error.c_str());
-        return false;
-    }
-    if (!test::open_system_log()) {
-        std::perror("/dev/log");
-        return false;
-    }
-    openlog("fault", LOG_NDELAY, LOG_USER);
-    return true;
+    const auto known =
+        std::find_if(list.begin(), list.end(), [&](const auto &each) { return each.first == key; });
+    return known == list.end() ? list.emplace_back(key, "").second : known->second;
 }
 
-struct options {
-    bool quick = false;
-    bool accept = false;
-    std::size_t jobs = 1;
-    std::string expected;
-    std::vector<std::string> names; // of scenarios; none for all
-};
-
-bool read_options(int count, char **arguments, options &wanted)
+std::vector<std::string> split(const std::string &text, const std::string &mark)
 {
-    for (int index = 1; index < count; ++index) {
-        const std::string argument = arguments[index];
-        if (argument == "--quick") {
-            wanted.quick = true;
-        } else if (argument == "--accept") {
-            wanted.accept = true;
-        } else if (argument == "--jobs" && index + 1 < count) {
-            wanted.jobs = std::stoul(arguments[++index]);
-        } else if (wanted.expected.empty()) {
-            wanted.expected = argument;
-        } else {
-            wanted.names.push_back(argument);
-        }
+    std::vector<std::string> parts;
+    for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + mark.size()) {
+        end = text.find(mark, at);
+        parts.push_back(text.substr(at, end - at));
     }
-    return !wanted.expected.empty() && wanted.jobs > 0 && !(wanted.quick && wanted.accept);
+    return parts;
 }
 
-// What all processes count, in memory that they share.
-struct score {
-    std::atomic<std::size_t> scenarios = 0;
-    std::atomic<std::size_t> failures = 0;
-    std::atomic<std::size_t> points = 0;
-    std::array<std::atomic<std::size_t>, 9> of_kind{};
-    std::atomic<std::size_t> inside_libxml2 = 0;
-};
-
-std::vector<result> play_all(const scenario &scenario, bool quick, score &all)
+// Adds a number to a list like "1,3-5".
+void add_number(std::string &list, const std::string &number)
 {
-    const baseline normal = play_without_fault(scenario);
-    std::vector<result> results = {{"none", "story", joined(normal.outcome)}};
-    for (const named_point &each : points_of(scenario, normal, quick)) {
-        results.push_back({each.kind, each.call, play(scenario, each.where, normal)});
-        ++all.points;
-        ++(each.where.family == family::memory
-               ? all.inside_libxml2
-               : all.of_kind[static_cast<std::size_t>(each.where.kind)]);
+    const std::size_t begin = list.find_last_of(",-") + 1;
+    const bool follows = !list.empty() && std::stoul(list.substr(begin)) + 1 == std::stoul(number);
+    if (follows && begin > 0 && list[begin - 1] == '-') {
+        list.resize(begin - 1);
     }
-    return results;
+    list += (follows ? "-" : list.empty() ? "" : ",") + number;
 }
 
-// Prints what was found but not expected, and the other way round; returns how many there are.
-std::size_t compare(const std::set<std::string> &found, const std::set<std::string> &expected,
-                    bool quick)
+std::string report(const std::vector<result> &results)
 {
-    std::size_t count = 0;
-    for (const std::string &each : found) {
-        if (!expected.contains(each)) {
-            ++count;
-            std::printf("  found:    %s\n", each.c_str());
-        }
-    }
-    for (const std::string &each : expected) {
-        const bool not_played = quick && (each.starts_with("ever") || each.starts_with("libxml2"));
-        if (!not_played && !found.contains(each)) {
-            ++count;
-            std::printf("  expected: %s\n", each.c_str());
-        }
-    }
-    return count;
-}
-
-int check(const scenario &scenario, const options &wanted, score &all)
-{
-    if (!enter_sandbox()) {
-        return 1;
-    }
-    const std::vector<result> results = play_all(scenario, wanted.quick, all);
-    std::size_t failures = 0;
+    std::vector<std::string> outcomes;
+    std::map<std::string, std::map<std::string, ordered>> kinds_of; // with their calls, by outcome
     for (const result &each : results) {
-        if (each.outcome.find(damage_mark) != std::string::npos) {
-            ++failures;
-            std::printf("  %s: %s\n%s\n", each.kind.c_str(), each.call.c_str(),
-                        each.outcome.c_str());
+        if (!kinds_of.contains(each.outcome)) {
+            outcomes.push_back(each.outcome);
+        }
+        const std::vector<std::string> parts = split(each.call, "#");
+        std::string &numbers = entry(kinds_of[each.outcome][each.kind], parts[0]);
+        if (parts.size() > 1) {
+            add_number(numbers, parts[1]);
         }
     }
-    const std::string path = wanted.expected + '/' + scenario.name + ".txt";
-    if (wanted.accept && failures == 0) {
-        std::ofstream(path) << report(results);
-    } else {
-        std::ostringstream expected;
-        expected << std::ifstream(path).rdbuf();
-        failures += compare(statements(results), statements(expected.str()), wanted.quick);
+    std::string text;
+    for (const std::string &outcome : outcomes) {
+        std::map<std::string, std::string> lines; // by list of calls
+        for (const auto &[kind, calls] : kinds_of[outcome]) {
+            std::string list;
+            for (const auto &[name, numbers] : calls) {
+                list += ' ' + name + (numbers.empty() ? "" : '#' + numbers);
+            }
+            lines[list] = kind + (lines[list].empty() ? "" : ", " + lines[list]);
+        }
+        text += (text.empty() ? "" : "\n") + outcome;
+        for (const auto &[list, kinds] : lines) {
+            text += indent + kinds + ':' + list + '\n';
+        }
     }
-    std::printf("%-32s %5zu points  %zu failures\n", scenario.name, results.size() - 1, failures);
-    std::fflush(stdout);
-    all.failures += failures;
-    ++all.scenarios;
-    return 0;
+    return text;
 }
 
-// One scenario in each of several processes at a time.
-bool check_all(const options &wanted, score &all)
+// What is said of each fault, as texts that can be compared.
+std::string statement(const result &each)
 {
-    std::size_t running = 0;
-    bool complete = true;
-    const auto wait_for_one = [&] {
-        int status = 0;
-        wait(&status);
-        complete = complete && status == 0;
-        --running;
-    };
-    for (const scenario &each : scenarios) {
-        const auto &names = wanted.names;
-        if (!names.empty() && std::find(names.begin(), names.end(), each.name) == names.end()) {
+    return each.kind + ": " + each.call + '\n' + each.outcome;
+}
+
+std::set<std::string> statements(const std::string &report)
+{
+    std::set<std::string> all;
+    std::string outcome;
+    for (const std::string &line : split(report, "\n")) {
+        if (!line.starts_with(indent)) {
+            outcome = line.empty() ? "" : outcome + line + '\n';
             continue;
         }
-        if (running == wanted.jobs) {
-            wait_for_one();
-        }
-        ++running;
-        if (fork() == 0) {
-            _exit(check(each, wanted, all));
+        const std::vector<std::string> sides = split(line.substr(indent.size()), ": ");
+        for (const std::string &kind : split(sides[0], ", ")) {
+            for (const std::string &call : split(sides[1], " ")) {
+                const std::vector<std::string> parts = split(call + "#", "#");
+                for (const std::string &range : split(parts[1], ",")) {
+                    const std::vector<std::string> ends = split(range, "-");
+                    for (auto i = std::strtoul(ends[0].c_str(), nullptr, 10),
+                              last = std::strtoul(ends.back().c_str(), nullptr, 10);
+                         i <= last; ++i) {
+                        const std::string number = i == 0 ? "" : '#' + std::to_string(i);
+                        all.insert(statement({kind, parts[0] + number, outcome}));
+                    }
+                }
+            }
         }
     }
-    while (running > 0) {
-        wait_for_one();
-    }
-    return complete && all.scenarios > 0 && all.failures == 0;
+    return all;
 }
 
-void print(const score &all)
+struct {
+    bool quick = false, accept = false;
+    std::size_t jobs = 1;
+    std::string directory;
+    std::vector<std::string> names; // of stories; none for all
+} wanted;
+
+// What all processes count.
+struct score {
+    std::atomic<std::size_t> stories, points, inside_libxml2, failures;
+} * all;
+
+template <typename type>
+type *shared()
 {
-    std::printf("%zu scenarios, %zu points, %zu failures\npoints by kind:", all.scenarios.load(),
-                all.points.load(), all.failures.load());
-    for (std::size_t kind = 1; kind < all.of_kind.size(); ++kind) {
-        std::printf(" %s %zu,", kind_names[kind], all.of_kind[kind].load());
+    void *memory =
+        mmap(nullptr, sizeof(type), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    return new (memory) type; // which is zero
+}
+
+void enter_sandbox()
+{
+    std::string error;
+    if (!sandbox::enter({}, error) || !test::open_system_log()) {
+        std::fprintf(stderr, "no sandbox: %s\n", error.c_str());
+        _exit(1);
     }
-    std::printf(" allocations inside libxml2 %zu\n", all.inside_libxml2.load());
+    openlog("fault", LOG_NDELAY, LOG_USER);
+}
+
+// Compares what was played with what is expected, or writes it down.
+void check(const story &played)
+{
+    const std::string path = wanted.directory + '/' + played.name + ".txt";
+    const std::vector<result> results = play_all(played, wanted.quick);
+    const auto is_damaged = [](const result &each) {
+        return each.outcome.find(damage_mark) != std::string::npos;
+    };
+    if (wanted.accept && std::none_of(results.begin(), results.end(), is_damaged)) {
+        std::ofstream(path) << report(results);
+    }
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    const std::set<std::string> expected = statements(text.str());
+    std::set<std::string> found;
+    std::size_t failures = 0;
+    const auto complain = [&](const char *what, const std::string &said) {
+        std::printf("  %s: %s", what, said.c_str());
+        ++failures;
+    };
+    for (const result &each : results) {
+        const std::string said = statement(each);
+        if (found.insert(said).second && (is_damaged(each) || !expected.contains(said))) {
+            complain("found", said);
+        }
+        all->inside_libxml2 += each.call == "allocation" ? 1 : 0;
+    }
+    for (const std::string &said : expected) {
+        const bool is_long = said.starts_with("ever") || said.starts_with("libxml2");
+        if (!(wanted.quick && is_long) && !found.contains(said)) {
+            complain("expected", said);
+        }
+    }
+    std::printf("%-32s %5zu points  %zu failures\n", played.name, results.size() - 1, failures);
+    std::fflush(stdout);
+    ++all->stories;
+    all->points += results.size() - 1;
+    all->failures += failures;
+}
+
+// One story in each of several processes at a time; returns whether all came to their end.
+bool check_all()
+{
+    const auto &names = wanted.names;
+    bool complete = true;
+    std::size_t running = 0;
+    for (const story *each = story::all; each != nullptr || running > 0;) {
+        if (each == nullptr || running == wanted.jobs) {
+            int status = 0;
+            complete = wait(&status) > 0 && status == 0 && complete;
+            --running;
+            continue;
+        }
+        const story &played = *std::exchange(each, each->next);
+        if (names.empty() || std::find(names.begin(), names.end(), played.name) != names.end()) {
+            ++running;
+            if (fork() == 0) {
+                enter_sandbox();
+                stage = shared<performance>();
+                check(played);
+                _exit(0);
+            }
+        }
+    }
+    return complete;
 }
 
 } // namespace
@@ -203,22 +239,22 @@ extern "C" const char *__asan_default_options()
 
 int main(int count, char **arguments)
 {
-    fault::options wanted;
-    if (!fault::read_options(count, arguments, wanted)) {
-        std::fprintf(stderr,
-                     "usage: %s [--quick | --accept] [--jobs N] EXPECTED_DIR [SCENARIO...]\n",
-                     arguments[0]);
-        return 2;
-    }
+    using fault::all;
+    using fault::wanted;
+    CLI::App options("Lets each call that the library makes fail in turn");
+    auto *quick = options.add_flag("--quick", wanted.quick,
+                                   "without faults that last for ever and those inside libxml2");
+    options.add_flag("--accept", wanted.accept, "write down the outcomes as the expected ones")
+        ->excludes(quick);
+    options.add_option("--jobs", wanted.jobs, "stories at a time")->check(CLI::PositiveNumber);
+    options.add_option("DIR", wanted.directory, "of the expected outcomes")->required();
+    options.add_option("STORY", wanted.names, "none for all");
+    CLI11_PARSE(options, count, arguments);
     fault::watch_libxml2();
-    void *shared = mmap(nullptr, sizeof(fault::score), PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (shared == MAP_FAILED) {
-        std::perror("mmap");
-        return 1;
-    }
-    auto &all = *new (shared) fault::score;
-    const bool passed = fault::check_all(wanted, all);
-    fault::print(all);
-    return passed ? 0 : 1;
+    all = fault::shared<fault::score>();
+    const bool complete = fault::check_all();
+    std::printf("%zu stories, %zu points, %zu of these inside libxml2, %zu failures\n",
+                all->stories.load(), all->points.load(), all->inside_libxml2.load(),
+                all->failures.load());
+    return complete && all->stories > 0 && all->failures == 0 ? 0 : 1;
 }

@@ -1,7 +1,6 @@
-// See play.h. Relies on AddressSanitizer for the size of the heap and for leaks.
-#include "play.h"
-
-#include "report.h"
+// Plays a story once for each fault, each time in a process of its own; see lane.h. Relies on
+// AddressSanitizer for the size of the heap and for leaks.
+#include "lane.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -12,6 +11,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// Of the coverage runtime, in the builds that have it.
+extern "C" [[gnu::weak]] void __gcov_dump();
+
 namespace fault {
 
 namespace {
@@ -21,196 +23,139 @@ constexpr unsigned guard = 20; // seconds after which a point that hangs is kill
 // finish. Nobody can free them; no other outcome may leak.
 constexpr const char *known_leak = "copy child list failed";
 
-constexpr const char *same = "no difference";
+const std::string same = "no difference\n";
 
-// ---- in the process of a point -----------------------------------------------------------------
+void keep(const std::string &text, std::array<char, 1 << 16> &kept)
+{
+    kept[text.copy(kept.data(), kept.size() - 1)] = '\0';
+}
 
-// The steps that differ. A story that a failure shortens goes on at a later step of the normal one.
+// In the child: the story with the fault, and the same again without one.
+void perform(const story &played, const point &where, std::size_t usual_growth)
+{
+    alarm(guard);
+    const int descriptors = test::open_descriptors();
+    const std::size_t before = __sanitizer_get_current_allocated_bytes();
+    armed = where;
+    keep(outcome_of(played), stage->first);
+    const std::size_t counted[] = {stage->counted[0], stage->counted[1]};
+    armed = {};
+    keep(outcome_of(played), stage->again);
+    stage->growth = __sanitizer_get_current_allocated_bytes() - before;
+    std::copy(counted, counted + 2, stage->counted);
+
+    std::string damage = test::open_descriptors() == descriptors ? "" : " descriptors";
+    damage += hangs ? " endless wait" : "";
+    const auto &checks = ::testing::UnitTest::GetInstance()->ad_hoc_test_result();
+    damage += checks.Failed() ? " broken stream" : "";
+    // The search for leaks takes as long as all the rest: only where the heap is not as usual.
+    const bool may_leak =
+        where.is_inside_libxml2 && std::strstr(stage->first.data(), known_leak) != nullptr;
+    const bool leaks =
+        stage->growth != usual_growth && !may_leak && __lsan_do_recoverable_leak_check() != 0;
+    keep(damage + (leaks ? " leak" : ""), stage->damage);
+}
+
+// Leaves what was seen on the stage.
+void play(const story &played, const point &where, std::size_t usual_growth)
+{
+    stage->counted[0] = stage->counted[1] = 0;
+    keep(" crash", stage->damage);
+    std::fflush(nullptr);
+    if (const pid_t child = fork(); child != 0) {
+        waitpid(child, nullptr, 0);
+        return;
+    }
+    perform(played, where, usual_growth);
+    if (__gcov_dump != nullptr) {
+        __gcov_dump();
+    }
+    _exit(0);
+}
+
+std::vector<std::string> lines_of(const std::array<char, 1 << 16> &text)
+{
+    std::istringstream input(text.data());
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(input, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// The lines that differ. A story that a failure shortens goes on at a later line of the normal one.
 std::string difference(const std::vector<std::string> &normal,
                        const std::vector<std::string> &outcome)
 {
-    std::vector<std::string> steps;
-    auto next = normal.begin();
-    for (const std::string &step : outcome) {
-        const auto end = outcome.size() == normal.size() ? next + 1 : normal.end();
-        const auto found = std::find(next, end, step);
-        if (found == end) {
-            steps.push_back(step);
-        } else {
-            next = found;
-        }
-        next += found == end && outcome.size() != normal.size() ? 0 : 1;
-    }
-    return steps.empty() ? same : joined(steps);
-}
-
-// A story with a fault, and the same again without one.
-struct played {
-    std::string first; // differences from the normal outcome
-    std::string again;
-    std::size_t growth = 0; // bytes of heap in use afterwards
-};
-
-played play_twice(const scenario &scenario, const point &where,
-                  const std::vector<std::string> &normal)
-{
-    alarm(guard);
-    played result;
-    result.first.reserve(1 << 16); // of equal size for all points
-    const std::size_t before = __sanitizer_get_current_allocated_bytes();
-    arm(where);
-    result.first.append(difference(normal, outcome_of(scenario)));
-    arm({});
-    const std::vector<std::string> again = outcome_of(scenario);
-    result.growth = __sanitizer_get_current_allocated_bytes() - before;
-    result.again = difference(normal, again);
-    return result;
-}
-
-std::string play_here(const scenario &scenario, const point &where, const baseline &normal)
-{
-    const int descriptors = test::open_descriptors();
-    const played result = play_twice(scenario, where, normal.outcome);
-    std::string text = result.first;
-    if (result.again != same) {
-        text += step_end + std::string("again: ") + result.again;
-    }
-    std::string damage;
-    if (test::open_descriptors() != descriptors) {
-        damage += " descriptors";
-    }
-    if (hangs) {
-        damage += " endless wait";
-    }
-    if (::testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed()) {
-        damage += " broken stream";
-    }
-    // The search for leaks takes as long as all the rest: only where the heap is not as usual.
-    const bool is_known =
-        where.family == family::memory && text.find(known_leak) != std::string::npos;
-    if (result.growth != normal.growth && !is_known && __lsan_do_recoverable_leak_check() != 0) {
-        damage += " leak";
-    }
-    return damage.empty() ? text : text + step_end + damage_mark + damage;
-}
-
-// ---- in the process that starts it --------------------------------------------------------------
-
-// Runs `body` in a child and returns what it returned, or how the child died. Shows what the child
-// printed unless all is well.
-template <typename work>
-std::string in_child(work body)
-{
-    constexpr char mark = '\1';
-    int ends[2];
-    if (pipe(ends) != 0) {
-        return damage_mark + std::string(" no pipe");
-    }
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        close(ends[0]);
-        dup2(ends[1], STDERR_FILENO);
-        const std::string text = mark + body() + mark;
-        (void)!write(ends[1], text.data(), text.size());
-        _exit(0);
-    }
-    close(ends[1]);
     std::string text;
-    char part[65536];
-    for (ssize_t count; (count = read(ends[0], part, sizeof part)) > 0;) {
-        text.append(part, static_cast<std::size_t>(count));
+    auto next = normal.begin();
+    for (const std::string &line : outcome) {
+        const bool is_short = outcome.size() != normal.size();
+        const auto found = std::find(next, is_short ? normal.end() : next + 1, line);
+        const bool differs = is_short ? found == normal.end() : *next != line;
+        text += differs ? line + '\n' : "";
+        next = !is_short ? next + 1 : differs ? next : found + 1;
     }
-    close(ends[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    std::string result = damage_mark + std::string(" crash");
-    const std::size_t begin = text.find(mark);
-    if (status == 0 && begin != std::string::npos && text.back() == mark) {
-        result = text.substr(begin + 1, text.size() - begin - 2);
-    }
-    if (result.find(damage_mark) != std::string::npos) {
-        std::fputs(text.c_str(), stderr);
-    }
-    return result;
+    return text.empty() ? same : text;
+}
+
+std::string damage()
+{
+    return stage->damage[0] == '\0' ? "" : damage_mark + stage->damage.data() + '\n';
 }
 
 } // namespace
 
-baseline play_without_fault(const scenario &scenario)
+std::vector<result> play_all(const story &played, bool quick)
 {
-    const std::string text = in_child([&] {
-        arm({});
-        std::string result;
-        for (const std::string &line : outcome_of(scenario)) {
-            result += line + '\n';
-        }
-        result += '\n' + std::to_string(calls(family::memory).size()) + '\n';
-        for (const call &each : calls(family::calls)) {
-            result += each.name + ' ' + std::to_string(each.kinds) + ' ' +
-                      std::to_string(each.size) + '\n';
-        }
-        return result;
-    });
-    baseline normal;
-    std::istringstream input(text);
-    for (std::string line; std::getline(input, line) && !line.empty();) {
-        normal.outcome.push_back(line);
-    }
-    input >> normal.allocations;
-    for (call each; input >> each.name >> each.kinds >> each.size;) {
-        normal.calls.push_back(each);
-    }
-    const std::string growth =
-        in_child([&] { return std::to_string(play_twice(scenario, {}, normal.outcome).growth); });
-    std::istringstream(growth) >> normal.growth;
-    return normal;
-}
-
-std::vector<named_point> points_of(const scenario &scenario, const baseline &normal, bool quick)
-{
-    std::vector<named_point> points;
-    std::map<std::string, int> numbers;
-    for (std::size_t number = 1; number <= normal.calls.size(); ++number) {
-        const call &each = normal.calls[number - 1];
-        const std::string name = each.name + '#' + std::to_string(++numbers[each.name]);
-        if (each.name == "snprintf" && numbers[each.name] > 1) {
+    play(played, {}, 0);
+    const std::vector<std::string> normal = lines_of(stage->first);
+    const std::vector<call> calls(stage->calls.data(), stage->calls.data() + stage->counted[0]);
+    const bool has_documents =
+        played.subject == about::documents || played.subject == about::plugin;
+    const std::size_t allocations = has_documents && !quick ? stage->counted[1] : 0;
+    const std::size_t growth = stage->growth;
+    std::vector<result> results = {{"none", "story", stage->first.data() + damage()}};
+    const auto add = [&](const std::string &kind, const std::string &name, const point &where) {
+        play(played, where, growth);
+        const std::string outcome = difference(normal, lines_of(stage->first));
+        const std::string after = difference(normal, lines_of(stage->again));
+        const std::string all = outcome + (after == same ? "" : "again: " + after) + damage();
+        results.push_back({kind, name, all});
+    };
+    std::map<std::string, std::size_t> numbers;
+    for (std::size_t at = 1; at <= calls.size(); ++at) {
+        const auto &[name, kinds, size] = calls[at - 1];
+        const std::string number = std::to_string(++numbers[name]);
+        if (number != "1" && std::strcmp(name, "snprintf") == 0) {
             continue; // the key of the process's record, printed in the same way at each look-up
         }
-        const auto add = [&](kind kind, std::size_t size = 0, const char *what = "") {
-            if (kind < kind::cut || (each.kinds & bit(kind)) != 0) {
-                points.push_back({{family::calls, number, kind, size},
-                                  kind_names[static_cast<int>(kind)] + std::string(what),
-                                  name});
+        const struct {
+            unsigned kind;
+            const char *name;
+            std::size_t size = 0;
+        } faults[] = {{once, "once"},
+                      {ever, "ever"},
+                      {interrupted, "EINTR"},
+                      {again, "EAGAIN"},
+                      {timeout, "timeout"},
+                      {broken, "broken"},
+                      {stuck, "stuck"},
+                      {cut, "cut to 1", 1},
+                      {cut, "cut to half", size / 2},
+                      {cut, "cut by 1", size - 1}};
+        for (const auto &fault : faults) {
+            if ((kinds & fault.kind) != 0 && !(quick && fault.kind == ever) &&
+                (fault.kind != cut || size > 1)) {
+                add(fault.name, name + ('#' + number), {fault.kind, at, fault.size});
             }
-        };
-        add(kind::once);
-        if (!quick) {
-            add(kind::ever);
-        }
-        add(kind::interrupted);
-        add(kind::again);
-        add(kind::timeout);
-        add(kind::broken);
-        add(kind::stuck);
-        if (each.size > 1) {
-            add(kind::cut, 1, " to 1");
-            add(kind::cut, each.size / 2, " to half");
-            add(kind::cut, each.size - 1, " by 1");
         }
     }
-    const std::size_t allocations = scenario.has_documents && !quick ? normal.allocations : 0;
     for (std::size_t number = 1; number <= allocations; ++number) {
-        const std::string name = "allocation#" + std::to_string(number);
-        points.push_back({{family::memory, number, kind::once, 0}, "libxml2 once", name});
-        points.push_back({{family::memory, number, kind::ever, 0}, "libxml2 ever", name});
+        add("libxml2 once", "allocation", {once, number, 0, true});
+        add("libxml2 ever", "allocation", {ever, number, 0, true});
     }
-    return points;
-}
-
-std::string play(const scenario &scenario, const point &where, const baseline &normal)
-{
-    return in_child([&] { return play_here(scenario, where, normal); });
+    return results;
 }
 
 } // namespace fault

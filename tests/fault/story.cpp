@@ -1,20 +1,18 @@
-// See story.h. Relies on the sandbox: logs, profile and sockets are the process's own.
-#include "story.h"
-
-#include "conf_hash.h"
-#include "conf_misc.h"
-#include "conf_plugin.h"
+// What the stories are written in; see lane.h. Relies on the sandbox: logs, profile and sockets are
+// the process's own.
+#include "lane.h"
 
 #include <cstdlib>
-#include <filesystem>
+#include <memory>
 #include <regex>
-#include <utility>
 
 namespace fault {
 
 namespace {
 
-std::vector<std::string> outcome;
+std::string outcome;
+std::unique_ptr<test::FakeDaemon> sockets;
+std::string replies;
 
 // Without what differs from run to run: pointers, event bits and times.
 std::string settled(const std::string &text)
@@ -27,13 +25,11 @@ std::string settled(const std::string &text)
 // their level, and the messages of the system log with their priority.
 std::string logged()
 {
-    std::vector<std::string> lines = take_waits();
     const std::string error = "[ERROR] - ";
+    std::vector<std::string> lines = std::exchange(waits, {});
     for (const std::string &line : test::debug_lines()) {
-        if (line.starts_with(error)) {
-            lines.push_back(line.substr(error.size()));
-        } else if (!line.starts_with("[INFO]")) {
-            lines.push_back(line);
+        if (!line.starts_with("[INFO]")) {
+            lines.push_back(line.starts_with(error) ? line.substr(error.size()) : line);
         }
     }
     test::clear_debug_file();
@@ -50,10 +46,9 @@ std::string logged()
 // Leaves the process as it was before its first call of the library.
 void clean_up()
 {
-    on_wait = nullptr;
     if (conf_plugin_data *plugin = get_plugin_from_hash()) {
         std::free(plugin->confd_hooks);
-        plugin->confd_hooks = nullptr;
+        plugin->confd_hooks = nullptr; // a packed member
         if (plugin->plugin_ctxt != nullptr) {
             econf_plugin_close();
         }
@@ -61,36 +56,32 @@ void clean_up()
     del_plugin_from_hash();
     conf_hash_destroy(std::exchange(g_plugin_hash, nullptr));
     g_rdb_recovery_status = 0;
+    waits_left = 0;
+    replies.clear();
     conf_clishm_destroy();
 }
 
-std::string id_in(const std::string &request)
+const char *content_for(const std::string &request)
 {
-    const std::size_t begin = request.rfind("<id>") + 4;
-    return request.substr(begin, request.find('<', begin) - begin);
-}
-
-std::string content_for(const std::string &request)
-{
-    if (request.find("<method>pull<") != std::string::npos) {
-        return "<result><data xmlns:n=\"urn:n\"><n:name>a</n:name><name>b</name></data></result>";
-    }
-    if (request.find("<method>locate<") != std::string::npos) {
-        return "<result><prev>/list[name=\"a\"]</prev><next>/list[name=\"b\"]</next></result>";
-    }
-    return "<result/>";
+    return request.find("<method>pull<") != std::string::npos
+               ? "<result><data xmlns:n=\"urn:n\"><n:name>a</n:name><name>b</name></data></result>"
+           : request.find("<method>locate<") != std::string::npos
+               ? "<result><prev>/list[name=\"a\"]</prev><next>/list[name=\"b\"]</next></result>"
+               : "<result/>";
 }
 
 } // namespace
 
-std::vector<std::string> outcome_of(const scenario &scenario)
+std::string outcome_of(const story &played)
 {
     clean_up();
-    logs_count = scenario.tests_logs;
+    logs_count = played.subject == about::logs;
     outcome.clear();
     econf_plugin_config_debug(DBG_ALL, 1);
     forget_logs();
-    scenario.story();
+    sockets.reset(played.subject == about::plugin ? new test::FakeDaemon : nullptr);
+    played.steps();
+    sockets.reset();
     clean_up();
     return std::exchange(outcome, {});
 }
@@ -100,55 +91,46 @@ void forget_logs()
     (void)logged();
 }
 
-void note(const std::string &name, const std::string &text)
+void add_line(const std::string &name, const std::string &result, bool with_logs)
 {
-    outcome.push_back(name + "=" + settled(text));
+    outcome += name + "=" + settled(result) + (with_logs ? logged() : "") + '\n';
 }
 
-void end_step(const std::string &name, const std::string &result)
+xmlNode *made_outside(const char *text)
 {
-    leave_library();
-    outcome.push_back(name + "=" + result + logged());
+    const bool before = std::exchange(inside, false);
+    xmlNode *made = test::parse(text);
+    inside = before;
+    return made;
 }
 
-Daemon::Daemon()
+void ask(const std::string &request)
 {
-    on_wait = [this] { take_turn(); };
+    sockets->connection().send(test::framed(request));
 }
 
-Daemon::~Daemon()
+void take_turn()
 {
-    on_wait = nullptr;
-}
-
-void Daemon::take_turn()
-{
-    for (const std::string &body : fake_.connection().received()) {
+    if (!sockets) {
+        return;
+    }
+    for (const std::string &body : sockets->connection().received()) {
         if (body.starts_with("<rpc>")) {
-            fake_.connection().send(test::framed(test::reply(content_for(body), id_in(body))));
+            const std::size_t id = body.rfind("<id>") + 4;
+            ask(test::reply(content_for(body), body.substr(id, body.find('<', id) - id)));
         } else {
-            replies_ += body;
+            replies += body;
         }
     }
-    if (waits_left_ > 0 && --waits_left_ == 0) {
-        fake_.connection().close();
+    if (waits_left > 0 && --waits_left == 0) {
+        sockets->connection().close();
     }
 }
 
-void Daemon::send(const std::string &request)
-{
-    fake_.connection().send(test::framed(request));
-}
-
-void Daemon::hang_up()
-{
-    waits_left_ = 2;
-}
-
-std::string Daemon::take_replies()
+std::string take_replies()
 {
     take_turn();
-    return std::exchange(replies_, {});
+    return std::exchange(replies, {});
 }
 
 } // namespace fault

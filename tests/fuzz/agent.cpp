@@ -9,21 +9,22 @@
 namespace {
 
 const std::string base = "<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" xmlns:";
-const std::string user = getpwuid(getuid())->pw_name;
-
-std::string asking(const std::string &id, const std::string &operation)
-{
-    return base + "confd=\"com:volmar:netconf:private:oxel:device:confd\" message-id=\"" + id +
-           "\"><get-config><source><running/></source><filter type=\"subtree\"><confd:" +
-           operation + "</filter></get-config></rpc>";
-}
-
-std::string framed(const std::string &body, int sequence)
-{
-    const msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(body.size()),
-                             static_cast<u16_t>(sequence), 0};
-    return std::string(reinterpret_cast<const char *>(&head), sizeof head) + body;
-}
+const std::string asking =
+    "confd=\"com:volmar:netconf:private:oxel:device:confd\" message-id=\"%\">"
+    "<get-config><source><running/></source><filter type=\"subtree\"><confd:";
+const struct {
+    int (*build)(conf_buffer_t **, int);
+    std::string body; // with a % where the sequence number stands
+} requests[] = {
+    {conf_agent_build_session,
+     base + asking + "create-session><confd:username>" + getpwuid(getuid())->pw_name +
+         "</confd:username><confd:agent-ppid>" + std::to_string(getppid()) +
+         "</confd:agent-ppid></confd:create-session></filter></get-config></rpc>"},
+    {conf_agent_build_capability, base + asking + "get-capability/></filter></get-config></rpc>"},
+    {conf_agent_build_notify_rpc,
+     base + "ntf=\"urn:ietf:params:xml:ns:netconf:notification:1.0\" message-id="
+            "\"subscribeNotification_1\"><ntf:create-subscription/></rpc>"},
+};
 
 } // namespace
 
@@ -34,49 +35,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::string expected;
     while (!in.ended()) {
         const int sequence = in.ConsumeIntegral<int>();
-        const std::string id = std::to_string(sequence);
+        const std::size_t kind = in.below(6);
         int result = 0;
-        switch (in.below(6)) {
-        case 0:
-            result = conf_agent_build_session(&buffer, sequence);
-            expected += framed(asking(id, "create-session><confd:username>" + user +
-                                              "</confd:username><confd:agent-ppid>" +
-                                              std::to_string(getppid()) +
-                                              "</confd:agent-ppid></confd:create-session>"),
-                               sequence);
-            break;
-        case 1:
-            result = conf_agent_build_capability(&buffer, sequence);
-            expected += framed(asking(id, "get-capability/>"), sequence);
-            break;
-        case 2:
-            result = conf_agent_build_notify_rpc(&buffer, sequence);
-            expected += framed(base + "ntf=\"urn:ietf:params:xml:ns:netconf:notification:1.0\" "
-                                      "message-id=\"subscribeNotification_1\">"
-                                      "<ntf:create-subscription/></rpc>",
-                               sequence);
-            break;
-        case 3:
-            if (!expected.empty()) {
-                const std::size_t start = in.below(expected.size());
-                const std::size_t count = 1 + in.below(300);
-                conf_buffer_remove(buffer, static_cast<int>(start), static_cast<int>(count));
-                expected.erase(start, count);
+        if (kind < std::size(requests)) {
+            std::string body = requests[kind].body;
+            if (const std::size_t at = body.find('%'); at != std::string::npos) {
+                body.replace(at, 1, std::to_string(sequence));
             }
-            break;
-        case 4:
+            result = requests[kind].build(&buffer, sequence);
+            expected += fuzz::framed(body, body.size(), sequence);
+        } else if (kind == 3 && !expected.empty()) {
+            const std::size_t start = in.below(expected.size());
+            const std::size_t count = 1 + in.below(300);
+            conf_buffer_remove(buffer, static_cast<int>(start), static_cast<int>(count));
+            expected.erase(start, count);
+        } else if (kind == 4) {
             conf_buffer_slim(&buffer);
-            break;
-        default:
+        } else if (kind == 5) {
             std::string more = in.text(100);
             result = conf_buffer_append(&buffer, more.data(), static_cast<int>(more.size()));
             expected += more;
         }
+        const auto length = static_cast<std::size_t>(conf_buffer_length(buffer));
         fuzz::require(result == 0, "a request fails");
-        fuzz::require(expected ==
-                          std::string_view(conf_buffer_data(buffer),
-                                           static_cast<std::size_t>(conf_buffer_length(buffer))),
-                      "the buffer holds something else");
+        fuzz::require(expected == std::string_view(conf_buffer_data(buffer), length),
+                      "other bytes");
     }
     conf_buffer_destroy(buffer);
     return 0;

@@ -12,15 +12,25 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace confsim;
 
 namespace {
 
 #ifdef FUZZ_AGENT
-const char *const socket_path = g_conf_agent_socket;
-const std::vector<const char *> first = {"<rpc message-id='%n'><create-subscription/></rpc>"};
-const std::vector<const char *> forms = {
+constexpr bool is_agent = true;
+#else
+constexpr bool is_agent = false;
+#endif
+
+std::string rpc(const std::string &method, const std::string &params)
+{
+    return fuzz::rpc(method, params, "%n");
+}
+
+const fuzz::forms agent_forms = {
+    "<rpc message-id='%n'><create-subscription/></rpc>", // the first message
     "<rpc xmlns='urn:ietf:params:xml:ns:netconf:base:1.0' message-id='%n'><get-config><source>"
     "<running/></source><filter type='subtree'><create-session>%x</create-session></filter>"
     "</get-config></rpc>",
@@ -29,43 +39,33 @@ const std::vector<const char *> forms = {
     "<rpc message-id='%n'>%x</rpc>",
     "%x",
 };
-#else
-const char *const socket_path = g_conf_plugin_socket;
-const std::vector<const char *> first = {
-    "<rpc><method>register</method><params><plugin-name>p%n</plugin-name><config-subscribe>"
-    "<subscriber><path>/a:b</path><priority>%n</priority><callback>1</callback></subscriber>"
-    "<subscriber><path>/a:b/c</path><priority>%n</priority><callback>%n</callback></subscriber>"
-    "</config-subscribe><status-publish><publisher><path>/a:s</path><callback>3</callback>"
-    "</publisher></status-publish></params><id>%n</id></rpc>"};
-const std::vector<const char *> forms = {
-    "<rpc><method>activate</method><params><with-cfgr/></params><id>%n</id></rpc>",
-    "<reply><result/><id>%n</id></reply>",
-    "<reply><result><data>%x</data></result><id>%n</id></reply>",
-    "<reply><error><code>%n</code><message>%t</message></error><id>%n</id></reply>",
-    "<rpc><method>pull</method><params><path>%p</path></params><id>%n</id></rpc>",
-    "<rpc><method>locate</method><params><old/><path>%p</path></params><id>%n</id></rpc>",
-    "<rpc><method>push</method><params><path>%p</path><data>%x</data></params><id>%n</id></rpc>",
-    "<rpc><method>push</method><params><path>/a:b/c</path><data><c xmlns='urn:a'>%x</c></data>"
-    "</params><id>%n</id></rpc>",
-    "<rpc><method>config_deployment</method><params><path>%p</path><oper-type>update</oper-type>"
-    "<data>%x</data></params><id>%n</id></rpc>",
-    "<rpc><method>config_deployment</method><params><path>%p/b</path><oper-type>add</oper-type>"
-    "<data><b>%x</b></data></params><id>%n</id></rpc>",
-    "<rpc><method>config_deployment</method><params><path>%p</path><oper-type>delete</oper-type>"
-    "</params><id>%n</id></rpc>",
-    "<rpc><method>copy_deployment_to_memory</method><params><override>%n</override></params>"
-    "<id>%n</id></rpc>",
+const fuzz::forms plugin_forms = {
+    rpc("register",
+        "<plugin-name>p%n</plugin-name><config-subscribe><subscriber><path>/a:b</path>"
+        "<priority>%n</priority><callback>1</callback></subscriber><subscriber><path>/a:b/c</path>"
+        "<priority>%n</priority><callback>%n</callback></subscriber></config-subscribe>"
+        "<status-publish><publisher><path>/a:s</path><callback>3</callback></publisher>"
+        "</status-publish>"),
+    rpc("activate", "<with-cfgr/>"),
+    fuzz::reply("<result/>", "%n"),
+    fuzz::reply("<result><data>%x</data></result>", "%n"),
+    fuzz::reply("<error><code>%n</code><message>%t</message></error>", "%n"),
+    rpc("pull", "<path>%p</path>"),
+    rpc("locate", "<old/><path>%p</path>"),
+    rpc("push", "<path>%p</path><data>%x</data>"),
+    rpc("push", "<path>/a:b/c</path><data><c xmlns='urn:a'>%x</c></data>"),
+    rpc("config_deployment", "<path>%p</path><oper-type>update</oper-type><data>%x</data>"),
+    rpc("config_deployment", "<path>%p/b</path><oper-type>add</oper-type><data><b>%x</b></data>"),
+    rpc("config_deployment", "<path>%p</path><oper-type>delete</oper-type>"),
+    rpc("copy_deployment_to_memory", "<override>%n</override>"),
     "<rpc><method>save_deployment</method><params/><id>%n</id></rpc>",
     "<rpc><method>deactivate</method><params/><id>%n</id></rpc>",
     "<rpc><method>register</method>%x<id>%n</id></rpc>",
     "%x",
 };
-#endif
-const std::vector<const char *> commands = {
-    "set /a:b/c %n", "set %p %n",      "delete %p",  "commit",         "show deployment",
-    "show %p",       "status /a:s %n", "plugins",    "kickoff",        "notifications",
-    "diff",          "discard",        "call %p %n", "show published", "kickoff p%n",
-};
+const char *const commands =
+    "set /a:b/c %n|set %p %n|delete %p|commit|show deployment|show %p|status /a:s %n|plugins|"
+    "kickoff|notifications|diff|discard|call %p %n|show published|kickoff p%n";
 
 class hostile_peer {
 public:
@@ -77,30 +77,26 @@ public:
     void turn()
     {
         if (in_.ended() || in_.rarely(40)) {
-            close(socket_);
-            socket_ = -1;
-        } else if (socket_ < 0) {
-            socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            sockaddr_un address{};
-            address.sun_family = AF_UNIX;
-            std::strncpy(address.sun_path, socket_path, sizeof address.sun_path - 1);
-            (void)connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-            write(in_.message(first, ""));
-        } else {
-            if (!in_.rarely(4)) {
-                std::array<char, 65536> ignored{};
-                (void)recv(socket_, ignored.data(), ignored.size(), 0);
-            }
-            write(in_.message(forms, ""));
+            close(std::exchange(socket_, -1));
+            return;
         }
-    }
-
-private:
-    void write(const std::string &bytes)
-    {
+        fuzz::forms all = is_agent ? agent_forms : plugin_forms;
+        if (socket_ < 0) {
+            socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            sockaddr_un address{AF_UNIX, {}};
+            std::strcpy(address.sun_path, is_agent ? g_conf_agent_socket : g_conf_plugin_socket);
+            (void)connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
+            all.resize(1);
+        } else {
+            all.erase(all.begin());
+            static std::array<char, 65536> ignored;
+            (void)(in_.rarely(4) || recv(socket_, ignored.data(), ignored.size(), 0) != 0);
+        }
+        const std::string bytes = in_.message(all);
         (void)send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
 
+private:
     fuzz::input &in_;
     int socket_ = -1;
 };
@@ -167,7 +163,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (in.rarely(3)) {
             notify(in);
         } else {
-            (void)operating.run(in.filled(commands[in.below(commands.size())], ""));
+            (void)operating.run(in.filled(in.pick(commands)));
         }
         for (const char *name : {"deployment", "running", "published"}) {
             check_stored(config, name);

@@ -22,24 +22,22 @@ void check_buffer(fuzz::input &in)
         const auto place = static_cast<std::size_t>(std::max(at, 0));
         const bool is_inside = at >= 0 && place <= expected.size();
         std::string more = in.text(300);
-        const int count = in.rarely(8) ? in.ConsumeIntegral<int>() : static_cast<int>(more.size());
+        const int size = static_cast<int>(more.size());
+        const int count = in.rarely(8) ? in.ConsumeIntegral<int>() : size;
         switch (in.below(5)) {
         case 0:
-            require(conf_buffer_append(&buffer, more.data(), static_cast<int>(more.size())) == 0,
-                    "no append");
+            require(conf_buffer_append(&buffer, more.data(), size) == 0, "no append");
             expected += more;
             break;
         case 1:
-            require((conf_buffer_insert(&buffer, at, more.data(), static_cast<int>(more.size())) ==
-                     0) == is_inside,
+            require((conf_buffer_insert(&buffer, at, more.data(), size) == 0) == is_inside,
                     "insert");
-            is_inside ? expected.insert(place, more) : expected;
+            expected.insert(std::min(place, expected.size()), is_inside ? more : "");
             break;
         case 2:
             conf_buffer_remove(buffer, at, count);
-            if (is_inside && count > 0 && place < expected.size()) {
-                expected.erase(place, static_cast<std::size_t>(count));
-            }
+            expected.erase(std::min(place, expected.size()),
+                           static_cast<std::size_t>(is_inside ? std::max(count, 0) : 0));
             break;
         case 3:
             conf_buffer_slim(&buffer);
@@ -49,9 +47,9 @@ void check_buffer(fuzz::input &in)
             expected.clear();
         }
         require(conf_buffer_length(buffer) == static_cast<int>(expected.size()) &&
-                    expected.size() < static_cast<std::size_t>(buffer->total) &&
-                    std::memcmp(conf_buffer_data(buffer), expected.c_str(), expected.size() + 1) ==
-                        0,
+                    conf_buffer_length(buffer) < buffer->total,
+                "length");
+        require(std::memcmp(conf_buffer_data(buffer), expected.c_str(), expected.size() + 1) == 0,
                 "other content");
     }
     conf_buffer_destroy(buffer);
@@ -66,25 +64,22 @@ void check_list(fuzz::input &in)
         conf_dlq_node_t *node = &nodes[in.below(nodes.size())];
         conf_dlq_node_t *other = in.rarely(4) ? nullptr : &nodes[in.below(nodes.size())];
         const auto position = std::find(expected.begin(), expected.end(), other);
+        const bool can = other == nullptr || position != expected.end();
         if (node->list != nullptr) {
             expected.remove(node);
             conf_dlq_remove(&list, node);
             conf_dlq_remove(&list, node); // changes nothing
-        } else {
-            const bool can = other == nullptr || position != expected.end();
-            require((conf_dlq_insert(&list, other, node) == 0) == can, "insert");
-            can ? (void)expected.insert(position, node) : (void)0;
+        } else if (require((conf_dlq_insert(&list, other, node) == 0) == can, "insert"); can) {
+            expected.insert(position, node);
         }
-        require(list.num == expected.size() &&
-                    conf_dlq_tail(&list) == (expected.empty() ? nullptr : expected.back()),
-                "length");
-        conf_dlq_node_t *at = conf_dlq_head(&list);
+        conf_dlq_node_t *last = nullptr;
         for (conf_dlq_node_t *each : expected) {
-            require(at == each && (at == list.head || conf_dlq_prev(&list, at)->next == at),
+            require(each == (last == nullptr ? conf_dlq_head(&list) : conf_dlq_next(&list, last)) &&
+                        conf_dlq_prev(&list, each) == last,
                     "order");
-            at = conf_dlq_next(&list, at);
+            last = each;
         }
-        require(at == nullptr, "end");
+        require(list.num == expected.size() && conf_dlq_tail(&list) == last, "end");
     }
 }
 
@@ -95,13 +90,12 @@ void check_hash(fuzz::input &in)
     while (!in.ended()) {
         std::string key = in.ConsumeRandomLengthString(3).c_str();
         std::string value = in.ConsumeRandomLengthString(20);
+        const auto size = static_cast<u32_t>(value.size());
         if (in.rarely(3)) {
             conf_hash_del(table, key.data());
             expected.erase(key);
         } else {
-            require(conf_hash_add(table, key.data(), value.data(),
-                                  static_cast<u32_t>(value.size())) == 0,
-                    "no add");
+            require(conf_hash_add(table, key.data(), value.data(), size) == 0, "no add");
             expected[key] = value;
         }
         key = in.ConsumeRandomLengthString(3).c_str();
@@ -124,26 +118,21 @@ void check_vector(fuzz::input &in)
     conf_vec_t *vector = conf_vector_create(static_cast<u32_t>(expected.size()));
     while (!in.ended()) {
         const auto index = in.ConsumeIntegralInRange<std::size_t>(0, expected.size() + 1);
-        const bool is_inside = index < expected.size();
         if (in.rarely(3)) {
-            require((conf_vector_remove(vector, static_cast<u32_t>(index)) == 0) == is_inside,
-                    "remove");
-            (is_inside ? expected[index] : expected.emplace_back()) = nullptr;
-            is_inside ? (void)0 : expected.pop_back();
+            const bool removed = conf_vector_remove(vector, static_cast<u32_t>(index)) == 0;
+            require(removed == (index < expected.size()), "remove");
+            expected[removed ? index : 0] = removed ? nullptr : expected[0];
         } else {
-            auto free_slot = std::find(expected.begin(), expected.end(), nullptr);
-            const std::ptrdiff_t place = free_slot - expected.begin();
-            if (free_slot == expected.end()) {
-                expected.resize(2 * expected.size());
-            }
+            const auto slot = std::find(expected.begin(), expected.end(), nullptr);
+            const std::ptrdiff_t place = slot - expected.begin();
+            expected.resize(expected.size() * (slot == expected.end() ? 2 : 1));
             expected[static_cast<std::size_t>(place)] = &expected;
             require(conf_vector_add(&vector, &expected) == place, "add");
         }
         require(conf_vector_size(vector) == static_cast<int>(expected.size()), "size");
         for (std::size_t i = 0; i <= expected.size(); ++i) {
-            require(conf_vector_get(vector, static_cast<u32_t>(i)) ==
-                        (i < expected.size() ? expected[i] : nullptr),
-                    "element");
+            const void *wanted = i < expected.size() ? expected[i] : nullptr;
+            require(conf_vector_get(vector, static_cast<u32_t>(i)) == wanted, "element");
         }
     }
     conf_vector_destroy(vector, nullptr);

@@ -50,6 +50,26 @@ inline void require(bool holds, const char *what, const std::string &detail = ""
     }
 }
 
+inline std::string framed(const std::string &body, std::size_t length, int sequence = 0)
+{
+    const msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(length), static_cast<u16_t>(sequence),
+                             0};
+    return std::string(reinterpret_cast<const char *>(&head), sizeof head) + body;
+}
+
+// Forms of messages, see input::filled().
+using forms = std::vector<std::string>;
+
+inline std::string rpc(const std::string &method, const std::string &params, const char *id = "%i")
+{
+    return "<rpc><method>" + method + "</method><params>" + params + "</params><id>" + id +
+           "</id></rpc>";
+}
+inline std::string reply(const std::string &content, const char *id = "%i")
+{
+    return "<reply>" + content + "<id>" + id + "</id></reply>";
+}
+
 // An input that has come to its end gives zeros, so 0 is always the harmless choice.
 class input : public FuzzedDataProvider {
 public:
@@ -62,6 +82,16 @@ public:
     bool rarely(std::size_t count) { return below(count) == count - 1; }
     [[nodiscard]] bool ended() { return remaining_bytes() == 0; }
 
+    // One of the texts between the bars.
+    std::string pick(const std::string &texts)
+    {
+        std::size_t at = 0;
+        const auto bars = static_cast<std::size_t>(std::count(texts.begin(), texts.end(), '|'));
+        for (std::size_t left = below(bars + 1); left > 0; --left) {
+            at = texts.find('|', at) + 1;
+        }
+        return texts.substr(at, texts.find('|', at) - at);
+    }
     // Now and then, once in an input, very long: what takes more than linear time is then noticed.
     std::string stretched(const std::string &piece)
     {
@@ -75,38 +105,17 @@ public:
         return made;
     }
     std::string text(std::size_t most) { return stretched(ConsumeRandomLengthString(most)); }
-
     std::string number()
     {
-        return PickValueInArray({"1", "2", "3", "0", "4", "-1", "17", "16385", "65535",
-                                 "2147483648", "4294967297", "99999999999999999999", " 5x", ""});
+        return pick("1|2|3|0|4|-1|17|16385|65535|2147483648|4294967297|99999999999999999999| 5x|");
     }
     std::string path()
     {
         std::string made;
         for (std::size_t left = below(8); left > 0; --left) {
-            made += stretched(PickValueInArray({"/a:b",
-                                                "/c",
-                                                "/name",
-                                                "/d:e",
-                                                "/",
-                                                ":",
-                                                "[name=\"x\"]",
-                                                "[id='1']",
-                                                "[2]",
-                                                "[k=\"v\",l=\"w\"]",
-                                                "[.=\"y\"]",
-                                                "[k=x]",
-                                                "[m:k=\"\\\"\"]",
-                                                "[?=\"z\"]",
-                                                "[",
-                                                "]",
-                                                "=\"",
-                                                "\"",
-                                                "\\",
-                                                ",",
-                                                "a",
-                                                ".."}));
+            made +=
+                stretched(pick("/a:b|/c|/name|/d:e|/|:|[name=\"x\"]|[id='1']|[2]|[k=\"v\",l=\"w\"]"
+                               "|[.=\"y\"]|[k=x]|[m:k=\"\\\"\"]|[?=\"z\"]|[|]|=\"|\"|\\|,|a|.."));
         }
         return made;
     }
@@ -114,39 +123,30 @@ public:
     {
         std::string made;
         for (std::size_t left = below(4); left > 0 && depth < 8; --left) {
-            const std::string name =
-                PickValueInArray({"b", "c", "name", "id", "p:d", "data", "path", "next", "error"});
-            switch (below(6)) {
-            case 0:
-                made += PickValueInArray({"x", " ", "&amp;", "&#13;", "<!--x-->", "<![CDATA[<]]>",
-                                          "<?p x?>", "&e;", "\x01", "\xc3\xa9", "1"});
-                break;
-            case 1:
-                made += ConsumeRandomLengthString(12);
-                break;
-            default:
-                const std::string inner = document(depth + 1);
-                const std::string open =
-                    "<" + name +
-                    PickValueInArray({"", "", " xmlns='urn:a'", " xmlns:p='urn:q'", " k='v'",
-                                      " xml:lang='x'", " xmlns='http://x/y z'", " xmlns='u:'"}) +
-                    ">";
-                const std::string close = "</" + name + ">";
-                const int times = rarely(32) ? 300 : 1;
-                for (int i = 0; i < times; ++i) {
-                    made += open;
-                }
-                made += inner;
-                for (int i = 0; i < times; ++i) {
-                    made += close;
-                }
+            const std::string name = pick("b|c|name|id|p:d|data|path|next|error");
+            const std::size_t kind = below(6);
+            if (kind == 0) {
+                made += pick("x| |&amp;|&#13;|<!--x-->|<![CDATA[<]]>|<?p x?>|&e;|\x01|\xc3\xa9|1");
+                continue;
             }
+            if (kind == 1) {
+                made += ConsumeRandomLengthString(12);
+                continue;
+            }
+            std::string inner = document(depth + 1);
+            const std::string attribute =
+                pick("|| xmlns='urn:a'| xmlns:p='urn:q'| k='v'| xml:lang='x'"
+                     "| xmlns='http://x/y z'| xmlns='u:'");
+            for (int times = rarely(32) ? 300 : 1; times > 0; --times) {
+                inner = "<" + name + attribute + ">" + inner + "</" + name + ">";
+            }
+            made += inner;
         }
         return made;
     }
 
     // A form with %n a number, %p a path, %x a document, %t a text and %i the id filled in.
-    std::string filled(const std::string &form, const std::string &id)
+    std::string filled(const std::string &form, const std::string &id = "")
     {
         std::string made;
         for (std::size_t i = 0; i < form.size(); ++i) {
@@ -162,17 +162,17 @@ public:
     }
 
     // The bytes of a message: one of the forms, mostly as it should be.
-    std::string message(const std::vector<const char *> &forms, const std::string &id)
+    std::string message(const forms &all, const std::string &id = "")
     {
-        std::string body = filled(forms[below(forms.size())], id);
+        std::string body = filled(all[below(all.size())], id);
         while (rarely(6)) {
             damage(body);
         }
-        msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(body.size()), 0, 0};
+        std::size_t length = body.size();
         if (rarely(16)) {
-            head.length = rarely(2) ? ConsumeIntegral<u32_t>() : head.length + 1;
+            length = rarely(2) ? ConsumeIntegral<u32_t>() : length + 1;
         }
-        std::string made = std::string(reinterpret_cast<const char *>(&head), sizeof head) + body;
+        std::string made = framed(body, length);
         if (rarely(12)) {
             made.insert(0, text(20));
         }
@@ -188,23 +188,20 @@ private:
     std::string word()
     {
         std::string made = text(40);
-        std::replace_if(
-            made.begin(), made.end(), [](char c) { return c == '<' || c == '&' || c < 0; }, '_');
+        const auto is_special = [](char c) { return c == '<' || c == '&' || c < 0; };
+        std::replace_if(made.begin(), made.end(), is_special, '_');
         return made;
     }
     void damage(std::string &body)
     {
         const std::size_t at = below(body.size() + 1);
         const std::size_t count = below(16);
-        switch (below(3)) {
-        case 0:
+        const std::size_t how = below(3);
+        if (how == 0) {
             body.erase(at, count);
-            break;
-        case 1:
-            body.insert(at, ConsumeRandomLengthString(16));
-            break;
-        default:
-            body.insert(at, body.substr(below(body.size() + 1), 4 * count));
+        } else {
+            body.insert(at, how == 1 ? ConsumeRandomLengthString(16)
+                                     : body.substr(below(body.size() + 1), 4 * count));
         }
     }
 };

@@ -9,10 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <map>
-#include <memory>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -22,96 +22,84 @@ constexpr bool is_sound_at_first = false;
 constexpr bool is_sound_at_first = true;
 #endif
 
-const std::vector<const char *> answers = {
-    "<reply><result/><id>%i</id></reply>",
-    "<reply><result><data>%x</data></result><id>%i</id></reply>",
-    "<reply><result><prev>%p</prev><next>%p</next>%x</result><id>%i</id></reply>",
-    "<reply><error><code>%n</code><message>%t</message></error><id>%i</id></reply>",
-    "<!DOCTYPE r [<!ENTITY e '&f;x'><!ENTITY f '<a>x</a>'>]>"
-    "<reply><result><data xml:lang='x'>&e;%x</data></result><id>%i</id></reply>",
+using fuzz::reply;
+using fuzz::rpc;
+
+const fuzz::forms answers = {
+    reply("<result/>"),
+    reply("<result><data>%x</data></result>"),
+    reply("<result><prev>%p</prev><next>%p</next>%x</result>"),
+    reply("<error><code>%n</code><message>%t</message></error>"),
+    "<!DOCTYPE r [<!ENTITY e '&f;x'><!ENTITY f '<a>x</a>'>]>" +
+        reply("<result><data xml:lang='x'>&e;%x</data></result>"),
     "<reply>%x<id>%i</id>%x</reply>",
 };
-const std::vector<const char *> requests = {
-    "<rpc><method>publish</method><params><type>config</type><session-id>%n</session-id>"
-    "<callback>%n</callback><info><oper-type>%n</oper-type><more-flag>%n</more-flag>"
-    "<priority>%n</priority><path>%p</path></info></params><id>%i</id></rpc>",
-    "<rpc><method>publish</method><params><type>operate</type><callback>%n</callback>"
-    "<info>%x</info></params><id>%i</id></rpc>",
-    "<rpc><method>subscribe</method><params><session-id>%n</session-id><path>%p</path>"
-    "<filter>%t</filter><callback>%n</callback></params><id>%i</id></rpc>",
+const fuzz::forms requests = {
+    rpc("publish", "<type>config</type><session-id>%n</session-id><callback>%n</callback><info>"
+                   "<oper-type>%n</oper-type><more-flag>%n</more-flag><priority>%n</priority>"
+                   "<path>%p</path></info>"),
+    rpc("publish", "<type>operate</type><callback>%n</callback><info>%x</info>"),
+    rpc("subscribe", "<session-id>%n</session-id><path>%p</path><filter>%t</filter>"
+                     "<callback>%n</callback>"),
     "<rpc><method>kickoff</method><params/><id>%i</id></rpc>",
-    "<rpc><method>%t</method><params>%x</params><id>%i</id></rpc>",
-    "<!DOCTYPE rpc [<!ENTITY e '<a>x</a>'>]><rpc><method>publish</method><params>"
-    "<type>operate</type><callback>3</callback><info>&e;%x</info></params><id>%i</id></rpc>",
+    rpc("%t", "%x"),
+    "<!DOCTYPE rpc [<!ENTITY e '<a>x</a>'>]>" +
+        rpc("publish", "<type>operate</type><callback>3</callback><info>&e;%x</info>"),
     "%x",
 };
 
-class hostile_daemon {
-public:
-    explicit hostile_daemon(fuzz::input &in) : in_(in), is_sound_(is_sound_at_first) {}
-    ~hostile_daemon()
-    {
-        close(peer_);
-        while ((peer_ = accept4(listener(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
-            close(peer_);
-        }
-    }
-    hostile_daemon(const hostile_daemon &) = delete;
-    hostile_daemon &operator=(const hostile_daemon &) = delete;
+// It lives as long as an input; its listening socket as long as the program.
+struct hostile_daemon {
+    static constexpr unsigned long first_id = 3000000000; // other numbers come from elsewhere, too
 
-    fuzz::input &in() { return in_; }
-    void turn_hostile() { is_sound_ = false; }
-    [[nodiscard]] bool has_connection() const { return peer_ >= 0; }
+    fuzz::input &in;
+    const int listener;
+    bool is_sound = is_sound_at_first;
+    int connection = -1;
+    unsigned long last_id = first_id;
+    std::string asked = {}; // the id that the plugin waits for
+    std::string received = {};
+    std::map<unsigned long, int> replies = {};
 
     void turn()
     {
-        if (peer_ < 0) {
-            peer_ = accept4(listener(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (connection < 0) {
+            connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
             return;
         }
         read();
-        if (is_sound_ && !asked_.empty()) {
-            send(in_.message({answers[0]}, asked_)); // damaged now and then
-        } else if (in_.ended() || in_.rarely(64)) {
-            close(peer_);
-            peer_ = -1;
-        } else if (!asked_.empty() && !in_.rarely(4)) {
-            send(in_.message(answers, asked_));
+        if (is_sound && !asked.empty()) {
+            send(in.message({answers[0]}, asked)); // damaged now and then
+        } else if (in.ended() || in.rarely(64)) {
+            close(std::exchange(connection, -1));
+        } else if (!asked.empty() && !in.rarely(4)) {
+            send(in.message(answers, asked));
         } else {
-            send(in_.message(requests, std::to_string(++last_id_)));
+            send(in.message(requests, std::to_string(++last_id)));
         }
-    }
-
-private:
-    static int listener()
-    {
-        static const int made = conf_plugin_service_enable(); // at the default path
-        return made;
     }
     void send(const std::string &bytes)
     {
-        asked_.clear();
-        (void)::send(peer_, bytes.data(), std::min<std::size_t>(bytes.size(), 100000),
-                     MSG_NOSIGNAL);
+        asked.clear();
+        const std::size_t size = std::min<std::size_t>(bytes.size(), 100000);
+        (void)::send(connection, bytes.data(), size, MSG_NOSIGNAL);
     }
     void read()
     {
         static std::array<char, 300000> bytes;
-        const ssize_t count = recv(peer_, bytes.data(), bytes.size(), 0);
-        received_.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        const ssize_t count = recv(connection, bytes.data(), bytes.size(), 0);
+        received.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
         msg_head_t head{};
-        while (received_.size() >= sizeof head) {
-            received_.copy(reinterpret_cast<char *>(&head), sizeof head);
-            fuzz::require(head.magic == MSG_MAGIC && head.format == 0, "no frame", received_);
-            if (received_.size() - sizeof head < head.length) {
+        while (received.size() >= sizeof head) {
+            received.copy(reinterpret_cast<char *>(&head), sizeof head);
+            fuzz::require(head.magic == MSG_MAGIC && head.format == 0, "no frame", received);
+            if (received.size() - sizeof head < head.length) {
                 break;
             }
-            take(received_.substr(sizeof head, head.length));
-            received_.erase(0, sizeof head + head.length);
+            take(received.substr(sizeof head, head.length));
+            received.erase(0, sizeof head + head.length);
         }
-        if (count == 0) {
-            received_.clear();
-        }
+        received.resize(count == 0 ? 0 : received.size());
     }
     void take(const std::string &body)
     {
@@ -119,24 +107,14 @@ private:
         fuzz::require(at != std::string::npos, "a message without id", body);
         const std::string id = body.substr(at + 4, body.find('<', at + 4) - at - 4);
         if (body.starts_with("<rpc>") && body.ends_with("</rpc>")) {
-            asked_ = id;
+            asked = id;
             return;
         }
         fuzz::require(body.starts_with("<reply>") && body.ends_with("</reply>"), "no reply", body);
         const unsigned long number = std::strtoul(id.c_str(), nullptr, 10);
-        fuzz::require(number < first_id || number > last_id_ || ++replies_[number] == 1,
+        fuzz::require(number < first_id || number > last_id || ++replies[number] == 1,
                       "a second reply", body);
     }
-
-    static constexpr unsigned long first_id = 3000000000; // other numbers come from elsewhere, too
-
-    fuzz::input &in_;
-    bool is_sound_;
-    int peer_ = -1;
-    unsigned long last_id_ = first_id;
-    std::string asked_; // the id that the plugin waits for
-    std::string received_;
-    std::map<unsigned long, int> replies_;
 };
 
 hostile_daemon *peer;
@@ -196,7 +174,7 @@ void act(fuzz::input &in)
 
 int called(const char *text, xmlNode *input = nullptr, xmlNode **output = nullptr)
 {
-    fuzz::input &in = peer->in();
+    fuzz::input &in = peer->in;
     ++depth;
     while (depth < 4 && in.rarely(3)) {
         act(in);
@@ -211,43 +189,34 @@ int called(const char *text, xmlNode *input = nullptr, xmlNode **output = nullpt
     return is_long ? -1 : static_cast<int>(in.below(3)) - 1;
 }
 
-void on_kick_off()
-{
-    (void)called(nullptr);
-}
-
 // Registers and activates, by one interface or the other.
 void start()
 {
     static char name[] = "fuzz";
     static econf_config_cb_info_t configs[] = {
-        {"/a:b", 1, [](int, int, int, int, const char *path) { return called(path); }},
-        {nullptr, 0, nullptr}};
+        {"/a:b", 1, [](int, int, int, int, const char *at) { return called(at); }}, {}};
     static econf_status_cb_info_t states[] = {
-        {"/a:c", [](int, const char *path, const char *,
-                    xmlNode **status) { return called(path, nullptr, status); }},
-        {nullptr, nullptr}};
+        {"/a:c",
+         [](int, const char *at, const char *, xmlNode **out) { return called(at, nullptr, out); }},
+        {}};
     static econf_operate_cb_info_t operations[] = {
-        {name,
-         [](int, xmlNode *input, xmlNode **output) { return called(nullptr, input, output); }},
-        {nullptr, nullptr}};
-    static econf_plugin_subpub_info_t callbacks = {configs, states, operations, on_kick_off};
+        {name, [](int, xmlNode *in, xmlNode **out) { return called(nullptr, in, out); }}, {}};
+    static econf_plugin_subpub_info_t callbacks = {configs, states, operations,
+                                                   [] { (void)called(nullptr); }};
     static config_callback_t old_configs[] = {
-        {name, 1, [](int, int, int, char *path) { return called(path); }}, {nullptr, 0, nullptr}};
+        {name, 1, [](int, int, int, char *at) { return called(at); }}, {}};
     static status_callback_t old_states[] = {
-        {name, [](char *path, char *, xmlNode **status) { return called(path, nullptr, status); }},
-        {nullptr, nullptr}};
+        {name, [](char *at, char *, xmlNode **out) { return called(at, nullptr, out); }}, {}};
     static rpc_callback_t old_operations[] = {
-        {name, [](xmlNode *input, xmlNode **output) { return called(nullptr, input, output); }},
-        {nullptr, nullptr}};
-    static conf_plugin_info_t old_callbacks = {old_configs, old_states, old_operations, on_kick_off,
-                                               nullptr};
-    if (peer->in().rarely(4)) {
+        {name, [](xmlNode *in, xmlNode **out) { return called(nullptr, in, out); }}, {}};
+    static conf_plugin_info_t old_callbacks = {old_configs, old_states, old_operations,
+                                               callbacks.kick_off, nullptr};
+    if (peer->in.rarely(4)) {
         (void)conf_plugin_init(name, &old_callbacks);
     } else {
         (void)econf_plugin_init(name, &callbacks);
     }
-    (void)econf_plugin_activate(static_cast<int>(peer->in().below(3)));
+    (void)econf_plugin_activate(static_cast<int>(peer->in.below(3)));
 }
 
 } // namespace
@@ -261,9 +230,9 @@ extern "C" int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int /
         if (count != 0) {
             return count;
         }
-        if (peer->in().rarely(64)) {
+        if (peer->in.rarely(64)) {
             errno = EINTR;
-            return peer->in().ConsumeBool() ? -1 : 0; // a signal, or the time has passed
+            return peer->in.ConsumeBool() ? -1 : 0; // a signal, or the time has passed
         }
         peer->turn();
     }
@@ -271,14 +240,15 @@ extern "C" int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int /
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    static const int listener = conf_plugin_service_enable(); // at the default path
     fuzz::input in(data, size);
-    hostile_daemon daemon(in);
+    hostile_daemon daemon{in, listener};
     peer = &daemon;
     econf_plugin_config_debug(DBG_ALL, in.rarely(8) ? 1 : 0);
     start();
-    daemon.turn_hostile();
+    daemon.is_sound = false;
     while (!in.ended() && get_plugin_context() != nullptr) {
-        if (!daemon.has_connection()) {
+        if (daemon.connection < 0) {
             econf_plugin_close();
             start();
         } else if (is_sound_at_first) {
@@ -291,5 +261,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     econf_plugin_close();
     del_plugin_from_hash();
     econf_plugin_config_debug(0, 0);
+    do {
+        close(daemon.connection);
+        daemon.connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    } while (daemon.connection >= 0);
     return 0;
 }

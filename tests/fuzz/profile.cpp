@@ -3,9 +3,9 @@
 #include "conf_plugin.h"
 #include "fuzz.h"
 
-#include <array>
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 namespace {
 
@@ -18,11 +18,6 @@ std::string escaped(const std::string &text)
         made += c == '"' || c == '\\' || c < ' ' ? code : std::string(1, c);
     }
     return made + '"';
-}
-
-std::string cut_path(const std::string &directory, const char *file)
-{
-    return (directory + "/" + file).substr(0, 255);
 }
 
 } // namespace
@@ -47,24 +42,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::filesystem::create_directories("/dev/shm/yang_modules");
     std::ofstream("/dev/shm/yang_modules/confd.conf") << profile;
 
-    const std::array<char *, 3> paths = {g_conf_agent_socket, g_conf_plugin_socket,
-                                         g_conf_notifier_socket};
-    for (char *path : paths) {
-        std::snprintf(path, 256, "before");
+    const std::pair<char *, const char *> paths[] = {
+        {g_conf_agent_socket, "/confd.agent.socket"},
+        {g_conf_plugin_socket, "/confd.plugin.socket"},
+        {g_conf_notifier_socket, "/confd.notifier.socket"}};
+    for (const auto &[path, file] : paths) {
+        std::strcpy(path, "before");
     }
     char *given = strdup("-");
     const int result = conf_load_config(&given);
     const std::string directory = given;
     free(given);
-    const std::array<const char *, 3> files = {"confd.agent.socket", "confd.plugin.socket",
-                                               "confd.notifier.socket"};
     fuzz::require(!is_sound || (result == 0 && directory == last), "not the last directory");
     fuzz::require(result == 0 || directory == "-", "a refused profile is used");
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-        const std::string path = paths[i];
-        fuzz::require(path == cut_path(directory, files[i]) ||
-                          (directory == "-" && path == "before"),
-                      "wrong path", path);
+    for (const auto &[path, file] : paths) {
+        const bool is_kept = directory == "-" && path == std::string("before");
+        fuzz::require(is_kept || path == (directory + file).substr(0, 255), "wrong path", path);
     }
     return 0;
 }

@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+using fuzz::require;
+
 namespace {
 
 constexpr u32_t longest_body = 64U << 20;
@@ -56,34 +58,27 @@ std::string printed(xmlNode *node)
 
 std::string parsed_plainly(std::string body)
 {
-    for (char &byte : body) {
-        byte = is_valid_xmlchr(byte) ? byte : ' ';
-    }
+    std::replace_if(
+        body.begin(), body.end(), [](char byte) { return is_valid_xmlchr(byte) == 0; }, ' ');
     xmlDoc *doc = xmlReadMemory(body.data(), static_cast<int>(body.size()), nullptr, "utf-8",
                                 XML_PARSE_NOBLANKS | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
     xmlNode *root = xmlDocGetRootElement(doc);
-    root = root == nullptr ? nullptr : xmlCopyNode(root, 1);
+    xmlNode *copy = root == nullptr ? nullptr : xmlCopyNode(root, 1);
     xmlFreeDoc(doc);
-    std::string text = printed(root);
-    xmlFreeNode(root);
+    const std::string text = printed(copy);
+    xmlFreeNode(copy);
     return text;
 }
 
 std::string piece(fuzz::input &in)
 {
-    switch (in.below(4)) {
-    case 0:
-        return in.stretched(in.message({"<m>%n</m>", "%x",
-                                        "<!DOCTYPE m [<!ENTITY e '<a>x</a>'>]>"
-                                        "<m xml:lang='x'>&e;%x</m>"},
-                                       ""));
-    case 1:
-        return in.stretched(in.PickValueInArray({"\xff\xba\xdc\xfe", "\xff", "\xff\xba\xdc"}));
-    case 2:
-        return std::string(in.below(20), '\0');
-    default:
-        return in.text(64);
-    }
+    static const fuzz::forms bodies = {
+        "<m>%n</m>", "%x", "<!DOCTYPE m [<!ENTITY e '<a>x</a>'>]><m xml:lang='x'>&e;%x</m>"};
+    const std::size_t kind = in.below(4);
+    return kind == 0   ? in.stretched(in.message(bodies))
+           : kind == 1 ? in.stretched(in.pick("\xff\xba\xdc\xfe|\xff|\xff\xba\xdc"))
+           : kind == 2 ? std::string(in.below(20), '\0')
+                       : in.text(64);
 }
 
 } // namespace
@@ -93,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fuzz::input in(data, size);
     const take amount = in.ConsumeBool() ? take::one_message : take::everything;
     int ends[2];
-    fuzz::require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "no sockets");
+    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "no sockets");
     conf_plugin_context_t context{};
     context.sock = ends[0];
     context.recv_buf = conf_buffer_create(0);
@@ -101,10 +96,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     model expected;
     while (!in.ended()) {
         const std::string sent = piece(in).substr(0, 50000); // fits the socket
-        fuzz::require(send(ends[1], sent.data(), sent.size(), 0) ==
-                          static_cast<ssize_t>(sent.size()),
-                      "bytes are left over in the socket");
-        for (std::size_t at = 0;;) {
+        const ssize_t taken = send(ends[1], sent.data(), sent.size(), 0);
+        require(taken == static_cast<ssize_t>(sent.size()), "bytes are left over in the socket");
+        std::size_t at = 0;
+        for (bool_t ready = true; ready;) {
             expected.resynchronise();
             while (!expected.is_whole() && at < sent.size()) {
                 const std::string part = sent.substr(at, expected.wanted(amount));
@@ -112,20 +107,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 expected.bytes += part;
                 expected.resynchronise();
             }
-            bool_t ready = false;
-            fuzz::require(_recv_message(&plugin, &ready, amount) == 0, "the reader fails");
-            fuzz::require((ready != 0) == expected.is_whole(), "another message is ready");
-            fuzz::require(context.recv_buf->used == static_cast<int>(expected.bytes.size()) &&
-                              std::memcmp(context.recv_buf->buf, expected.bytes.data(),
-                                          expected.bytes.size()) == 0,
-                          "other bytes are kept");
-            if (!ready) {
-                break;
+            require(_recv_message(&plugin, &ready, amount) == 0, "the reader fails");
+            require((ready != 0) == expected.is_whole(), "another message is ready");
+            const std::string_view kept(context.recv_buf->buf,
+                                        static_cast<std::size_t>(context.recv_buf->used));
+            require(kept == expected.bytes, "other bytes are kept");
+            if (ready) {
+                const std::string body = expected.cut();
+                xmlNode *root = plugin_parse_message(&context.recv_buf);
+                require(printed(root) == parsed_plainly(body), "another document", body);
+                xmlFreeNode(root);
             }
-            const std::string body = expected.cut();
-            xmlNode *root = plugin_parse_message(&context.recv_buf);
-            fuzz::require(printed(root) == parsed_plainly(body), "another document", body);
-            xmlFreeNode(root);
         }
     }
     conf_buffer_destroy(context.recv_buf);

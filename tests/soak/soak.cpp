@@ -18,6 +18,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace soak;
 
@@ -42,155 +43,125 @@ void require(bool holds, const std::string &what, number which, const std::strin
 
 // ---- the daemon --------------------------------------------------------------------------------
 
-class misbehaving_daemon {
-public:
-    explicit misbehaving_daemon(FakeDaemon &sockets) : sockets_(sockets) {}
+FakeDaemon *sockets = nullptr;
+std::mt19937_64 luck;
 
-    void run()
-    {
-        greet();
-        number done = 0;
-        for (number i = 0; i < changes; ++i) {
-            const step now = change_of(i);
-            const dialogue talk = dialogue_of(now);
-            const std::string id = std::to_string(i + 1);
-            const std::string request = with_id(talk.request, id);
-            if (now.hangs_up || below(luck_, 20) == 0) {
-                // Its answer tells that the plugin is no longer inside an exchange, where it would
-                // take the hang-up for a failure of that.
-                peer_->send(framed(rpc("unknown", "<params/>", id)));
-                expect(reply(error("-1", "Method &lt;unknown&gt; doesn't be supported"), id), i);
-            }
-            if (now.hangs_up) {
-                hang_up(request); // and sends it again on the next connection
-            }
-            deliver(request, reply("<result/>", id));
-            const number before = counted->hang_ups;
-            while (done < exchanges_inside(i)) {
-                exchange(done++);
-            }
-            if (counted->hang_ups == before) { // else its answer has no connection to go to
-                expect(reply(talk.content, id), i);
-                ++counted->answers;
-            }
-            while (done < exchanges_until(i + 1)) {
-                exchange(done++);
-            }
-        }
-        require(peer_->receive().empty(), "more than was asked for, after change", changes);
+// The next message, which must be as planned.
+void expect(const std::string &what, number which, const std::string &right)
+{
+    const std::string seen = sockets->connection().receive();
+    require(seen == right, what, which, seen);
+}
+
+// And hangs up.
+void send_a_part(const std::string &body)
+{
+    const std::string message = framed(body);
+    ++counted->hang_ups; // before the plugin can know
+    sockets->connection().send(message.substr(0, below(luck, message.size())));
+    sockets->forget_connection();
+}
+
+// What leads to nothing; no request has the id 70000.
+std::string noise(const std::string &foreign)
+{
+    const std::string malformed[] = {"<rpc>", "\x01", "", "<reply><result/>", "<a/><b/>"};
+    const std::string big = "<result>" + std::string(below(luck, 9000), 'x') + "</result>";
+    std::string junk(below(luck, 40), ' ');
+    for (char &byte : junk) {
+        byte = static_cast<char>(1 + below(luck, 0xf0)); // no part of a header
     }
+    const std::string all[] = {junk, framed(malformed[below(luck, std::size(malformed))]),
+                               framed(reply(big, "70000")), framed(foreign)};
+    ++counted->noises;
+    return all[below(luck, std::size(all))];
+}
 
-private:
-    // Until a connection has been registered and activated.
-    void greet()
-    {
-        for (bool ready = false; !ready;) {
-            sockets_.forget_connection();
-            peer_ = &sockets_.connection();
-            ready = answer("<method>register<") && answer("<method>activate<");
-        }
+// Sends the message, at times in pieces and behind noise; a plugin that waits for a reply drops a
+// foreign request, one that does not drops a foreign reply.
+void deliver(const std::string &body,
+             const std::string &foreign = with_id(config("/lost"), "70000"))
+{
+    std::string stream;
+    while (below(luck, 4) == 0) {
+        stream += noise(foreign);
     }
+    stream += framed(body);
+    for (std::size_t at = 0, size = 0; at < stream.size(); at += size) {
+        size = 1 + below(luck, below(luck, 4) == 0 ? 40 : 5000);
+        sockets->connection().send(stream.substr(at, size));
+    }
+}
 
-    bool answer(const std::string &method)
-    {
-        const std::string request = peer_->receive();
-        require(request.find(method) != std::string::npos, "no " + method, 0, request);
+std::string id_of(const std::string &request)
+{
+    const std::size_t id = request.rfind("<id>") + 4;
+    return id < 4 ? "" : request.substr(id, request.find('<', id) - id);
+}
+
+// Until a connection has been registered and activated.
+void greet()
+{
+    const char *const methods[] = {"<method>register<", "<method>activate<"};
+    for (std::size_t done = 0; done < std::size(methods);) {
+        const std::string request = sockets->connection().receive();
+        const bool fits = request.find(methods[done]) != std::string::npos;
+        require(fits, std::string("no ") + methods[done], 0, request);
         const std::string right = reply("<result/>", id_of(request));
-        if (below(luck_, 20) == 0) {
-            send_a_part(right);
-            return false;
-        }
-        deliver(right, foreign_request);
-        return true;
+        const bool hangs_up = below(luck, 20) == 0;
+        hangs_up ? send_a_part(right) : deliver(right);
+        done = hangs_up ? 0 : done + 1;
     }
+}
 
-    void exchange(number which)
-    {
-        const step now = exchange_of(which);
-        const std::string request = peer_->receive();
-        const std::string id = id_of(request);
-        const auto &kind = kinds[now.kind];
-        const std::string params = element_of("params", kind.before + now.text + kind.after);
-        require(request == rpc(kind.method, params, id), "request of exchange", which, request);
-        const std::string right = reply(content_of_exchange(now), id);
-        if (now.hangs_up) {
-            hang_up(right);
-        } else {
-            deliver(right, foreign_request);
-        }
-    }
-
-    void expect(const std::string &answer, number which)
-    {
-        const std::string seen = peer_->receive();
-        require(seen == answer, "answer to change", which, seen);
-    }
-
-    static std::string id_of(const std::string &request)
-    {
-        const std::size_t id = request.rfind("<id>") + 4;
-        return id < 4 ? "" : request.substr(id, request.find('<', id) - id);
-    }
-
-    void send_a_part(const std::string &body)
-    {
-        const std::string message = framed(body);
-        ++counted->hang_ups; // before the plugin can know
-        peer_->send(message.substr(0, below(luck_, message.size())));
-        peer_->close();
-    }
-
-    void hang_up(const std::string &body)
-    {
-        send_a_part(body);
+void answer_exchange(number which)
+{
+    const step now = exchange_of(which);
+    const std::string request = sockets->connection().receive();
+    const std::string id = id_of(request);
+    require(request == with_id(now.sent, id), "request of exchange", which, request);
+    if (now.hangs_up) {
+        send_a_part(reply(now.answered, id));
         greet();
+    } else {
+        deliver(reply(now.answered, id));
     }
+}
 
-    // Sends the message, at times in pieces and behind others that lead to nothing: `foreign`, too.
-    void deliver(const std::string &body, const std::string &foreign)
-    {
-        std::string stream;
-        while (below(luck_, 4) == 0) {
-            stream += noise(foreign);
-            ++counted->noises;
+void be_daemon()
+{
+    luck.seed(seed);
+    greet();
+    number done = 0;
+    for (number i = 0; i < changes; ++i) {
+        const step now = change_of(i);
+        const std::string id = std::to_string(i + 1);
+        if (now.hangs_up || below(luck, 20) == 0) {
+            // Its answer tells that the plugin is no longer inside an exchange, where it would take
+            // the hang-up for a failure of that.
+            sockets->connection().send(framed(rpc("unknown", "<params/>", id)));
+            expect("answer to a method before change", i,
+                   reply(error("-1", "Method &lt;unknown&gt; doesn't be supported"), id));
         }
-        stream += framed(body);
-        while (!stream.empty()) {
-            const number most = below(luck_, 4) == 0 ? 40 : 5000;
-            const std::string piece = stream.substr(0, 1 + below(luck_, most));
-            peer_->send(piece);
-            stream.erase(0, piece.size());
+        if (now.hangs_up) {
+            send_a_part(with_id(now.sent, id)); // all of it follows on the next connection
+            greet();
         }
-    }
-
-    std::string noise(const std::string &foreign)
-    {
-        const std::string malformed[] = {"<rpc>", "\x01", "", "<reply><result/>", "<a/><b/>"};
-        switch (below(luck_, 4)) {
-        case 0: {
-            std::string junk;
-            for (number i = below(luck_, 40); i > 0; --i) {
-                junk += static_cast<char>(1 + below(luck_, 0xf0)); // no part of a header
-            }
-            return junk;
+        deliver(with_id(now.sent, id), reply("<result/>", id));
+        const number before = counted->hang_ups;
+        while (done < exchanges_inside(i)) {
+            answer_exchange(done++);
         }
-        case 1:
-            return framed(malformed[below(luck_, std::size(malformed))]);
-        case 2: // no request has this id
-            return framed(
-                reply("<result>" + std::string(below(luck_, 9000), 'x') + "</result>", "70000"));
-        default:
-            return framed(foreign);
+        if (counted->hang_ups == before) { // else its answer has no connection to go to
+            expect("answer to change", i, reply(now.answered, id));
+            ++counted->answers;
+        }
+        while (done < exchanges_until(i + 1)) {
+            answer_exchange(done++);
         }
     }
-
-    // A plugin that waits for a reply drops it.
-    const std::string foreign_request = with_id(config("/lost"), "70000");
-
-    FakeDaemon &sockets_;
-    Peer *peer_ = nullptr;
-    std::mt19937_64 luck_{seed};
-};
+    expect("end after change", changes, "");
+}
 
 // ---- the plugin --------------------------------------------------------------------------------
 
@@ -220,14 +191,17 @@ void exchange()
 {
     const number which = done.exchanges++;
     const step now = exchange_of(which);
-    xmlNode *data = parse(element_of("v", now.text));
+    const char *text = now.text.c_str();
+    xmlNode *data = parse("<v>" + now.text + "</v>");
     xmlNode *list = nullptr;
-    const int result = call(now, data, &list);
-    const bool reads = kinds[now.kind].element != nullptr; // an error leaves it without a list
-    const int wanted = now.hangs_up || (now.error && !reads) ? -1 : 0;
-    const std::string seen = list_of(list);
-    require(result == wanted && seen == (now.hangs_up || now.error ? "" : list_of_exchange(now)),
-            "exchange", which, seen);
+    const int result = now.kind < 2    ? econf_plugin_pull(now.kind == 1, text, &list)
+                       : now.kind == 2 ? econf_plugin_locate(0, text, &list)
+                       : now.kind == 3 ? econf_plugin_push("/p", data)
+                                       : econf_plugin_config_deployment("/p", 0, data);
+    const int wanted = now.hangs_up || (now.error && now.kind > 2) ? -1 : 0;
+    const std::string seen = list_of(list); // an error leaves a reading call without a list
+    require(result == wanted && seen == (now.hangs_up || now.error ? "" : now.seen), "exchange",
+            which, seen);
     xmlFreeNodeList(list);
     xmlFreeNode(data);
     if (now.hangs_up) {
@@ -238,14 +212,14 @@ void exchange()
 void handle_change()
 {
     const step now = change_of(done.changes);
-    require(called == dialogue_of(now).call, "call for change", done.changes, called);
+    require(called == now.seen, "call for change", done.changes, called);
     called.clear();
     const number connection = done.connections;
     while (done.exchanges < exchanges_inside(done.changes)) {
         exchange();
     }
     act.result = now.error ? 5 : 0;
-    if (now.error && describes_its_error(now) && done.connections == connection) {
+    if (now.error && now.describes_error && done.connections == connection) {
         econf_plugin_error(6, now.text.c_str());
     }
     ++done.changes;
@@ -268,19 +242,14 @@ void look_at_idle_buffers()
 {
     const conf_plugin_context_t *context = get_plugin_context();
     for (const conf_buffer_t *buffer : {context->recv_buf, context->send_buf}) {
-        if (buffer->used == 0) {
-            ++done.idle_looks;
-            require(buffer->total + static_cast<int>(sizeof *buffer) == page, "page of buffer",
-                    done.changes, std::to_string(buffer->total));
-        }
+        const int size = buffer->total + static_cast<int>(sizeof *buffer);
+        require(buffer->used > 0 || size == page, "page of buffer", done.changes);
+        done.idle_looks += buffer->used == 0 ? 1 : 0;
     }
 }
 
-struct memory {
-    long heap, mapped; // bytes
-};
-
-memory memory_now()
+// Bytes of the heap, and of all mappings.
+std::pair<long, long> memory_now()
 {
     malloc_trim(0);
     const struct mallinfo2 info = mallinfo2();
@@ -293,9 +262,9 @@ bool live()
 {
     econf_plugin_config_debug(DBG_ERROR, 0);
     const int descriptors = open_descriptors();
-    act.produce = [](xmlNode *) { return parse(element_of("o", change_of(done.changes).text)); };
+    act.produce = [](xmlNode *) { return parse("<o>" + change_of(done.changes).text + "</o>"); };
     act.inside = handle_change;
-    memory warm{};
+    std::pair<long, long> warm;
     join();
     for (number i = 0; i < changes; ++i) {
         while (done.changes <= i) {
@@ -309,25 +278,22 @@ bool live()
             warm = memory_now();
         }
     }
-    const memory end = memory_now();
+    const auto [heap, mapped] = memory_now();
     econf_plugin_close();
     const int left = open_descriptors();
-
-    const long heap_growth = end.heap - warm.heap;
-    const long growth = end.mapped - warm.mapped;
+    const long growth = std::max(heap - warm.first, mapped - warm.second);
     std::printf("  exchanges that went as planned           %llu\n"
                 "  changes answered, lost by a hang-up      %llu, %llu\n"
                 "  junk, foreign and malformed messages     %llu\n"
                 "  hang-ups, reconnections                  %llu, %llu\n"
-                "  growth of heap, of all mappings (bytes)  %ld, %ld\n"
+                "  growth of heap or mappings (bytes)       %ld\n"
                 "  descriptors before, after                %d, %d\n"
                 "  looks at idle buffers, one page each     %llu\n",
                 done.exchanges, counted->answers, done.changes - counted->answers, counted->noises,
-                counted->hang_ups, done.connections - 1, heap_growth, growth, descriptors, left,
+                counted->hang_ups, done.connections - 1, growth, descriptors, left,
                 done.idle_looks);
-    const bool grows = std::max(heap_growth, growth) > growth_limit;
     return done.connections - 1 == counted->hang_ups && descriptors == left &&
-           done.idle_looks >= changes && !(SOAK_MEASURES_MEMORY && grows);
+           done.idle_looks >= changes && !(SOAK_MEASURES_MEMORY && growth > growth_limit);
 }
 
 } // namespace
@@ -348,21 +314,17 @@ int main(int count, char **arguments)
     changes = std::max(std::strtoull(arguments[2], nullptr, 10), 1ULL);
     seed = count > 3 ? std::strtoull(arguments[3], nullptr, 10) : std::random_device{}();
     std::cout << "soak: seed " << seed << std::endl;
-    void *shared =
-        mmap(nullptr, sizeof(figures), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    counted = static_cast<figures *>(shared);
-
-    FakeDaemon sockets;
-    const pid_t daemon = fork();
-    if (daemon == 0) {
+    counted = static_cast<figures *>(
+        mmap(nullptr, sizeof *counted, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    FakeDaemon listening;
+    sockets = &listening;
+    if (fork() == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        misbehaving_daemon(sockets).run();
+        be_daemon();
         _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
-    const bool good = live();
     int status = -1;
-    waitpid(daemon, &status, 0);
-    munmap(shared, sizeof(figures));
-    std::puts(good && status == 0 ? "passed" : "FAILED");
-    return good && status == 0 ? 0 : 1;
+    const bool good = live() && wait(&status) > 0 && status == 0;
+    std::puts(good ? "passed" : "FAILED");
+    return good ? 0 : 1;
 }

@@ -54,29 +54,18 @@ inline void expect_no_table()
 // The segment as 32-bit words: the capacity, and six for each record, the second being its flags.
 struct Words : std::unique_ptr<u32_t[], int (*)(const void *)> {
     Words() : unique_ptr(static_cast<u32_t *>(shmat(segment(), nullptr, 0)), shmdt) {}
-    static constexpr std::size_t flags_of(std::size_t slot) { return 1 + 6 * slot + 1; }
 };
 
-inline pid_t start_process(const std::function<int()> &body)
+inline int in_another_process(const std::function<int()> &body)
 {
     const pid_t child = fork();
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         _exit(body());
     }
-    return child;
-}
-
-inline int wait_status(pid_t child)
-{
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     return status;
-}
-
-inline int in_another_process(const std::function<int()> &body)
-{
-    return wait_status(start_process(body));
 }
 
 inline int create_elsewhere(int capacity)

@@ -7,6 +7,7 @@ behaviour act;
 std::string called;
 
 namespace {
+
 std::string text_of(const char *text)
 {
     return text == nullptr ? "null" : text;
@@ -24,29 +25,26 @@ int called_back(const std::string &call, xmlNode *input = nullptr, xmlNode **out
     return act.result;
 }
 
-std::string numbers(std::initializer_list<int> values)
+template <typename... types>
+std::string numbers(types... values)
 {
-    std::string text;
-    for (const int value : values) {
-        text += std::to_string(value) + ' ';
-    }
-    return text;
+    return ((std::to_string(values) + ' ') + ...);
 }
 
 int on_config(int session, int oper, int more, int priority, const char *path)
 {
-    return called_back("config " + numbers({session, oper, more, priority}) + text_of(path));
+    return called_back("config " + numbers(session, oper, more, priority) + text_of(path));
 }
 
 int on_status(int session, const char *path, const char *filter, xmlNode **status)
 {
-    return called_back("status " + numbers({session}) + text_of(path) + ' ' + text_of(filter),
+    return called_back("status " + numbers(session) + text_of(path) + ' ' + text_of(filter),
                        nullptr, status);
 }
 
 int on_operate(int session, xmlNode *input, xmlNode **output)
 {
-    return called_back("operate " + numbers({session}) + list_of(input), input, output);
+    return called_back("operate " + numbers(session) + list_of(input), input, output);
 }
 
 void on_kick_off()
@@ -77,21 +75,11 @@ behaviour gives(std::function<xmlNode *(xmlNode *input)> produce)
     return {0, {}, std::move(produce)};
 }
 
-std::function<xmlNode *(xmlNode *)> element(const std::string &text)
-{
-    return [=](xmlNode * /*input*/) { return parse(text); };
-}
-
 std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text)
 {
     return [=](xmlNode * /*input*/) {
-        xmlNode *wrapper = parse(text);
-        xmlNode *list = wrapper->children;
-        for (xmlNode *node = list; node != nullptr; node = node->next) {
-            node->parent = nullptr;
-        }
-        wrapper->children = nullptr;
-        wrapper->last = nullptr;
+        xmlNode *wrapper = parse("<l>" + text + "</l>");
+        xmlNode *list = xmlDocCopyNodeList(nullptr, wrapper->children);
         xmlFreeNode(wrapper);
         return list;
     };
@@ -99,7 +87,7 @@ std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text)
 
 int old_config(int oper, int more, int priority, char *path)
 {
-    return called_back("config " + numbers({oper, more, priority}) + text_of(path));
+    return called_back("config " + numbers(oper, more, priority) + text_of(path));
 }
 
 int old_status(char *path, char *filter, xmlNode **status)
@@ -141,8 +129,8 @@ std::string subscribe(const std::string &rest, const std::string &index)
 
 std::string with_id(const std::string &request, const std::string &id)
 {
-    const std::size_t end = request.rfind("<id>");
-    return request.substr(0, end) + (id.empty() ? "</rpc>" : "<id>" + id + "</id></rpc>");
+    return request.substr(0, request.rfind("<id>")) + (id.empty() ? "" : "<id>" + id + "</id>") +
+           "</rpc>";
 }
 
 std::string succeeded(const std::string &content)
@@ -161,7 +149,6 @@ void DemoFixture::SetUp()
     act = {};
     called.clear();
     start(subscriptions());
-    context = get_plugin_context();
     ASSERT_NE(context, nullptr);
 }
 
@@ -170,14 +157,12 @@ econf_plugin_subpub_info_t DemoFixture::subscriptions()
     return {configs, states, operations, on_kick_off};
 }
 
-std::string DemoFixture::handle(const strings &requests)
+std::string DemoFixture::handle(const std::string &request)
 {
     called.clear();
-    std::string stream;
-    for (const std::string &request : requests) {
-        stream += framed(request);
+    if (!request.empty()) {
+        peer->send(framed(request));
     }
-    peer->send(stream);
     econf_plugin_run();
     std::string replies;
     for (const std::string &body : peer->received()) {

@@ -7,7 +7,6 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 namespace test {
 
@@ -24,8 +23,7 @@ behaviour returns(int result);
 behaviour records(int result, int code, const char *text); // an error, then returns
 behaviour gives(std::function<xmlNode *(xmlNode *input)> produce);
 
-// Output that is the callback's to give away: one element, or the nodes inside of one.
-std::function<xmlNode *(xmlNode *)> element(const std::string &text);
+// Output that is the callback's to give away.
 std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text);
 
 // The callbacks with the older signatures.
@@ -52,10 +50,8 @@ protected:
     void SetUp() override;
 
     static econf_plugin_subpub_info_t subscriptions();
-    // Sends requests in one piece, runs the loop, and returns the replies.
-    std::string handle(const strings &requests);
-
-    conf_plugin_context_t *context = nullptr;
+    // Sends a request, if any, runs the loop, and returns the replies.
+    std::string handle(const std::string &request = {});
 };
 
 } // namespace test

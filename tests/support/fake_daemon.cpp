@@ -2,8 +2,6 @@
 #include "fake_daemon.h"
 
 #include <algorithm>
-#include <atomic>
-#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 namespace test {
 
@@ -18,13 +17,12 @@ namespace {
 
 constexpr int wait_limit = 60000; // milliseconds; only a failing test waits that long
 constexpr unsigned guard = 200;   // seconds after which a test that hangs is killed
-constexpr const char *directory = "/var/tmp/daemon";
-constexpr const char *socket_path = "/var/tmp/daemon/confd.plugin.socket";
+constexpr sockaddr_un address{AF_UNIX, "/var/tmp/daemon/confd.plugin.socket"};
 
-bool readable(int fd, int milliseconds)
+bool readable(int fd)
 {
     pollfd events{fd, POLLIN, 0};
-    return poll(&events, 1, milliseconds) == 1;
+    return poll(&events, 1, wait_limit) == 1;
 }
 
 } // namespace
@@ -52,16 +50,13 @@ std::string error(const std::string &code, const std::string &message)
 
 bool Peer::read_more(bool wait)
 {
-    if (fd_ < 0) {
-        return false;
-    }
-    if (wait && !readable(fd_, wait_limit)) {
+    if (wait && fd_ >= 0 && !readable(fd_)) {
         ADD_FAILURE() << "the plugin sent nothing";
         return false;
     }
-    std::string bytes(read_size, '\0');
-    const ssize_t count = recv(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT);
-    input_.append(bytes, 0, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    char bytes[65536];
+    const ssize_t count = fd_ < 0 ? -1 : recv(fd_, bytes, sizeof bytes, MSG_DONTWAIT);
+    input_.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return count > 0;
 }
 
@@ -72,8 +67,7 @@ bool Peer::cut(std::string &body)
     }
     std::memcpy(&head_, input_.data(), sizeof head_);
     if (head_.magic != MSG_MAGIC || head_.format != 0) {
-        ADD_FAILURE() << "not a message: " << input_.substr(0, 100);
-        input_.clear();
+        ADD_FAILURE() << "not a message: " << std::exchange(input_, {}).substr(0, 100);
         return false;
     }
     if (input_.size() - sizeof head_ < head_.length) {
@@ -87,19 +81,16 @@ bool Peer::cut(std::string &body)
 std::string Peer::receive()
 {
     std::string body;
-    while (!cut(body)) {
-        if (!read_more(true)) {
-            return {};
-        }
+    while (!cut(body) && read_more(true)) {
     }
     return body;
 }
 
-std::vector<std::string> Peer::received()
+strings Peer::received()
 {
     while (read_more(false)) {
     }
-    std::vector<std::string> bodies;
+    strings bodies;
     for (std::string body; cut(body);) {
         bodies.push_back(body);
     }
@@ -118,55 +109,29 @@ std::string Peer::answer(const std::string &content)
 
 void Peer::send(const std::string &bytes)
 {
-    const std::size_t count = std::min(bytes.size(), rest_.value_or(bytes.size()));
-    for (std::size_t sent = 0; sent < count && fd_ >= 0;) {
-        const ssize_t step = ::send(fd_, bytes.data() + sent, count - sent, MSG_NOSIGNAL);
+    for (std::size_t sent = 0; sent < bytes.size() && fd_ >= 0;) {
+        const ssize_t step = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        sent += static_cast<std::size_t>(std::max<ssize_t>(step, 0));
         if (step < 0) {
             close();
-            return;
         }
-        sent += static_cast<std::size_t>(step);
-    }
-    if (rest_ && (*rest_ -= count) == 0) {
-        close();
     }
 }
 
 void Peer::close()
 {
     if (fd_ >= 0) {
-        ::close(fd_);
-        fd_ = -1;
+        ::close(std::exchange(fd_, -1));
     }
-}
-
-void interrupt_wait()
-{
-    static std::atomic<int> handled = 0;
-    const auto former = std::signal(SIGUSR1, [](int) { ++handled; });
-    for (std::string id, name, condition; condition != "S";) {
-        std::ifstream("/proc/self/task/" + std::to_string(getpid()) + "/stat") >> id >> name >>
-            condition;
-    }
-    const int before = handled;
-    kill(getpid(), SIGUSR1);
-    while (handled == before) {
-        std::this_thread::yield();
-    }
-    std::signal(SIGUSR1, former);
 }
 
 FakeDaemon::FakeDaemon() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     std::filesystem::create_directories("/dev/shm/yang_modules");
-    std::filesystem::create_directories(directory);
-    std::filesystem::remove(socket_path);
-    std::ofstream("/dev/shm/yang_modules/confd.conf")
-        << R"({"working-dir": ")" << directory << R"("})";
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::string(socket_path).copy(address.sun_path, sizeof address.sun_path - 1);
-    if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+    std::filesystem::create_directories("/var/tmp/daemon");
+    std::filesystem::remove(address.sun_path);
+    std::ofstream("/dev/shm/yang_modules/confd.conf") << R"({"working-dir": "/var/tmp/daemon"})";
+    if (bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         listen(listener_, 8) != 0) {
         ADD_FAILURE() << "no socket for the fake daemon: " << std::strerror(errno);
     }
@@ -176,51 +141,34 @@ FakeDaemon::~FakeDaemon()
 {
     forget_connection();
     ::close(listener_);
-    std::filesystem::remove(socket_path);
-}
-
-void FakeDaemon::accept_connection()
-{
-    const int fd =
-        readable(listener_, wait_limit) ? accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-    EXPECT_GE(fd, 0) << "the plugin did not connect";
-    peer_ = std::make_unique<Peer>(fd);
+    std::filesystem::remove(address.sun_path);
 }
 
 Peer &FakeDaemon::connection()
 {
     if (!peer_) {
-        accept_connection();
+        const int fd =
+            readable(listener_) ? accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        EXPECT_GE(fd, 0) << "the plugin did not connect";
+        peer_ = std::make_unique<Peer>(fd);
     }
     return *peer_;
 }
 
 void FakeDaemon::play(Script script)
 {
-    if (thread_.joinable()) {
-        thread_.join();
-    }
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before); // signals are for the plugin
-    thread_ = std::thread([this, script = std::move(script)] { script(connection()); });
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    thread_ = std::jthread([this, script = std::move(script)] { script(connection()); });
 }
 
 Peer &FakeDaemon::finish()
 {
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    thread_ = {};
     return *peer_;
 }
 
 void FakeDaemon::forget_connection()
 {
-    if (thread_.joinable()) {
-        thread_.join();
-    }
+    thread_ = {};
     peer_.reset();
 }
 
@@ -233,9 +181,7 @@ void PluginFixture::SetUp()
 
 void PluginFixture::TearDown()
 {
-    if (get_plugin_context() != nullptr) {
-        econf_plugin_close();
-    }
+    end();
     del_plugin_from_hash();
     daemon.reset();
     alarm(0);
@@ -251,7 +197,18 @@ void PluginFixture::start(econf_plugin_subpub_info_t info)
     ASSERT_GE(econf_plugin_init("demo", &info), 0);
     ASSERT_EQ(econf_plugin_activate(ACTIVATE_WITH_NONE), 0);
     peer = &daemon->finish();
+    context = get_plugin_context();
     clear_debug_file();
+}
+
+void PluginFixture::end()
+{
+    if (get_plugin_context() != nullptr) {
+        econf_plugin_close();
+    }
+    if (daemon) {
+        daemon->forget_connection();
+    }
 }
 
 std::string PluginFixture::request_of(const std::function<void()> &call, const std::string &content)
@@ -265,11 +222,17 @@ std::string PluginFixture::request_of(const std::function<void()> &call, const s
 
 void PluginFixture::leave_over(std::string bytes)
 {
-    if (!bytes.empty()) {
-        ASSERT_EQ(conf_buffer_append(&get_plugin_context()->recv_buf, bytes.data(),
-                                     static_cast<int>(bytes.size())),
-                  0);
-    }
+    const int size = static_cast<int>(bytes.size());
+    conf_buffer_t **const buffer = &get_plugin_context()->recv_buf;
+    EXPECT_TRUE(bytes.empty() || conf_buffer_append(buffer, bytes.data(), size) == 0);
+}
+
+void PluginFixture::expect_idle()
+{
+    const conf_plugin_context_t *plugin = get_plugin_context();
+    EXPECT_EQ(conf_buffer_length(plugin->send_buf), 0);
+    EXPECT_EQ(plugin->send_pos, 0U);
+    EXPECT_EQ(conf_buffer_length(plugin->recv_buf), 0);
 }
 
 } // namespace test

@@ -12,10 +12,8 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace test {
 
@@ -38,18 +36,15 @@ public:
     // Waits for the next message and returns its body; empty at the end of the stream.
     std::string receive();
     // The bodies of the messages that have arrived by now.
-    std::vector<std::string> received();
+    strings received();
     // Receives a request, which is returned, and sends the reply that holds `content` and its id.
     std::string answer(const std::string &content);
     void send(const std::string &bytes);
     // Without reading first, so bytes that have not been read reset the connection.
     void close();
-    // Closes once `bytes` more have been sent.
-    void close_after(std::size_t bytes) { rest_ = bytes; }
 
     [[nodiscard]] int fd() const { return fd_; }
     [[nodiscard]] const msg_head_t &head() const { return head_; } // of the last message received
-    std::size_t read_size = 65536;                                 // bytes taken by one read
 
 private:
     bool read_more(bool wait);
@@ -58,7 +53,6 @@ private:
     int fd_;
     std::string input_;
     msg_head_t head_{};
-    std::optional<std::size_t> rest_;
 };
 
 class FakeDaemon {
@@ -79,15 +73,10 @@ public:
     void forget_connection();
 
 private:
-    void accept_connection();
-
     int listener_;
     std::unique_ptr<Peer> peer_;
-    std::thread thread_;
+    std::jthread thread_; // joined when it is replaced
 };
-
-// Interrupts the main thread in its wait by a signal, and returns when that has been handled.
-void interrupt_wait();
 
 // Base of the tests of a plugin, named "demo", that talks to a fake daemon.
 class PluginFixture : public Fixture {
@@ -97,14 +86,19 @@ protected:
 
     // Registers and activates, and leaves the debug file empty.
     void start(econf_plugin_subpub_info_t info = {});
+    // Ends the plugin, if it has not ended itself, and its connection.
+    void end();
     // The request that `call` sends, and that the daemon answers with `content`.
     std::string request_of(const std::function<void()> &call,
                            const std::string &content = "<result/>");
     // Puts bytes into the plugin's receive buffer.
     static void leave_over(std::string bytes);
+    // Checks that nothing waits in the plugin's buffers.
+    static void expect_idle();
 
     std::unique_ptr<FakeDaemon> daemon;
-    Peer *peer = nullptr; // after start()
+    Peer *peer = nullptr;                     // after start(), as is the next
+    conf_plugin_context_t *context = nullptr; // of the last start
 };
 
 } // namespace test

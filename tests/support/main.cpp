@@ -1,9 +1,7 @@
 // The main program of every unit test: enters private namespaces, opens /dev/log there, connects
 // syslog(3) to it, and runs the tests.
 #include "sandbox.h"
-#include "system_log.h"
-
-#include <gtest/gtest.h>
+#include "test_support.h"
 
 #include <cstdio>
 #include <syslog.h>

@@ -1,46 +1,18 @@
-// Two ways to the end of memory, for one process: little room for mappings, and a full buffer.
+// A way to the end of memory: a buffer that is full.
 #ifndef CONFSVC_TEST_MEMORY_LIMITS_H
 #define CONFSVC_TEST_MEMORY_LIMITS_H
 
 #include "conf_buffer.h"
 
 #include <cstdint>
-#include <fstream>
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 namespace test {
 
-// For its lifetime, no more than `slack` bytes can be mapped in addition to what is mapped already.
-class AddressSpaceLimit {
-public:
-    static constexpr rlim_t slack = rlim_t{4} << 20;
-
-    AddressSpaceLimit()
-    {
-        rlim_t pages = 0;
-        std::ifstream("/proc/self/statm") >> pages;
-        getrlimit(RLIMIT_AS, &before_);
-        const rlimit limit{pages * static_cast<rlim_t>(getpagesize()) + slack, before_.rlim_max};
-        setrlimit(RLIMIT_AS, &limit);
-    }
-    ~AddressSpaceLimit() { setrlimit(RLIMIT_AS, &before_); }
-    AddressSpaceLimit(const AddressSpaceLimit &) = delete;
-    AddressSpaceLimit &operator=(const AddressSpaceLimit &) = delete;
-
-private:
-    rlimit before_{};
-};
-
-// Whether such limits work here: an emulator of another machine does not enforce them, and a small
-// address space has no room for the largest buffers.
-inline bool memory_can_be_limited()
+// Whether the largest buffers have room here: a small address space has none.
+inline bool largest_buffers_fit()
 {
-    constexpr std::size_t size = 2 * AddressSpaceLimit::slack;
-    const AddressSpaceLimit limit;
-    void *memory = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    return memory == MAP_FAILED || munmap(memory, size) != 0;
+    return sizeof(void *) > 4;
 }
 
 // A buffer in a mapping of that size, filled up but for `room` bytes. Pages are reserved, not used:

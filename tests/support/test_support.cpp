@@ -1,17 +1,13 @@
 // See test_support.h. Relies on the sandbox that main.cpp enters: /dev/log is a socket of ours.
 #include "test_support.h"
 
-#include "system_log.h"
-
 #include <libxml/parser.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
+#include <sys/un.h>
 
 namespace test {
 
@@ -20,14 +16,26 @@ namespace {
 constexpr const char *debug_file = "/var/log/conf_plugin.log";
 constexpr std::size_t stamp_length = 19;
 
+int log_socket = -1;
+
 } // namespace
 
-std::vector<std::string> debug_lines()
+bool open_system_log()
 {
-    std::vector<std::string> lines;
+    const sockaddr_un address{AF_UNIX, "/dev/log"};
+    log_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int room = 4 << 20;
+    (void)setsockopt(log_socket, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room);
+    (void)setsockopt(log_socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+    return bind(log_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
+strings debug_lines()
+{
+    strings lines;
     std::ifstream file(debug_file, std::ios::binary);
     for (std::string line; std::getline(file, line);) {
-        if (!line.empty() && line.back() == '\r') {
+        if (line.ends_with('\r')) {
             line.pop_back();
         }
         lines.push_back(line.size() > stamp_length ? line.substr(stamp_length) : line);
@@ -35,10 +43,10 @@ std::vector<std::string> debug_lines()
     return lines;
 }
 
-std::vector<std::string> debug_texts(int level)
+strings debug_texts(int level)
 {
     const std::string tag = std::string("[") + g_debug_desc[level] + "] - ";
-    std::vector<std::string> texts;
+    strings texts;
     for (const std::string &line : debug_lines()) {
         if (line.starts_with(tag)) {
             texts.push_back(line.substr(tag.size()));
@@ -66,62 +74,40 @@ std::string take_errors()
     return all;
 }
 
-std::vector<std::string> take_system_log()
+strings take_system_log()
 {
-    std::vector<std::string> messages;
-    static std::string message(1 << 17, '\0');
+    strings messages;
+    static std::string bytes(1 << 17, '\0');
     for (;;) {
-        const ssize_t count =
-            recv(system_log_socket(), message.data(), message.size(), MSG_DONTWAIT);
+        const ssize_t count = recv(log_socket, bytes.data(), bytes.size(), MSG_DONTWAIT);
         if (count < 0) {
             return messages;
         }
         // "<11>Nov 24 22:00:00 program: text"
-        std::string text = message.substr(0, static_cast<std::size_t>(count));
-        const std::size_t priority_end = text.find('>');
-        const std::size_t program_end = text.find(": ", priority_end + 16);
-        messages.push_back(text.substr(0, priority_end + 1) + text.substr(program_end + 2));
+        const std::string text = bytes.substr(0, static_cast<std::size_t>(count));
+        const std::size_t priority_end = text.find('>') + 1;
+        messages.push_back(text.substr(0, priority_end) +
+                           text.substr(text.find(": ", priority_end + 15) + 2));
     }
 }
 
-std::vector<std::string> take_system_texts()
+strings take_system_texts()
 {
-    std::vector<std::string> texts;
-    for (const std::string &message : take_system_log()) {
-        const std::size_t tag_end = message.find(']');
-        const std::size_t position_end = message.find(' ', tag_end);
-        if (tag_end == std::string::npos || position_end == std::string::npos) {
-            texts.push_back(message);
-            continue;
+    strings texts = take_system_log();
+    for (std::string &text : texts) {
+        const std::size_t position = text.find(']') + 1;
+        if (position != 0 && text.find(' ', position) != std::string::npos) {
+            text.erase(position, text.find(' ', position) - position);
+            text.erase(text.find_last_not_of('\n') + 1);
         }
-        std::string text = message.substr(0, tag_end + 1) + message.substr(position_end);
-        while (!text.empty() && text.back() == '\n') {
-            text.pop_back();
-        }
-        texts.push_back(text);
     }
     return texts;
 }
 
 int open_descriptors()
 {
-    int count = 0;
-    for ([[maybe_unused]] const auto &entry :
-         std::filesystem::directory_iterator("/proc/self/fd")) {
-        ++count;
-    }
-    return count;
-}
-
-int without_descriptors(const std::function<int()> &call)
-{
-    rlimit before{};
-    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none = {0, before.rlim_max};
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const int result = call();
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
-    return result;
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(all), end(all)));
 }
 
 std::string place(const void *pointer)
@@ -135,23 +121,16 @@ xmlNode *parse(const std::string &text)
 {
     xmlDoc *doc = xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, "utf-8",
                                 XML_PARSE_NOBLANKS | XML_PARSE_NODICT);
-    if (doc == nullptr) {
-        return nullptr;
-    }
-    xmlNode *root = xmlCopyNode(xmlDocGetRootElement(doc), 1);
+    xmlNode *root = doc == nullptr ? nullptr : xmlCopyNode(xmlDocGetRootElement(doc), 1);
     xmlFreeDoc(doc);
     return root;
 }
 
 std::string print(xmlNode *node)
 {
-    if (node == nullptr) {
-        return {};
-    }
     xmlBuffer *buffer = xmlBufferCreate();
     xmlNodeDump(buffer, nullptr, node, 0, 0);
-    std::string text(reinterpret_cast<const char *>(xmlBufferContent(buffer)),
-                     static_cast<std::size_t>(xmlBufferLength(buffer)));
+    const std::string text(reinterpret_cast<const char *>(xmlBufferContent(buffer)));
     xmlBufferFree(buffer);
     return text;
 }

@@ -18,12 +18,15 @@ namespace test {
 
 using strings = std::vector<std::string>;
 
+// Opens the socket that stands at /dev/log inside the sandbox; false with errno when that fails.
+bool open_system_log();
+
 // The lines of the debug file since it was last cleared, without time stamp and line end:
 // "[ERROR] - text".
-std::vector<std::string> debug_lines();
+strings debug_lines();
 
 // The same, reduced to one level's texts: debug_texts(DBG_ERROR).
-std::vector<std::string> debug_texts(int level);
+strings debug_texts(int level);
 
 void clear_debug_file();
 
@@ -33,26 +36,21 @@ std::string take_errors();
 
 // What has reached the system log since the last call, one entry a message: "<11>text" with the
 // priority as sent; time and program name are removed.
-std::vector<std::string> take_system_log();
+strings take_system_log();
 
 // The texts of take_system_log() without the position: "<11>[ERROR] text".
-std::vector<std::string> take_system_texts();
+strings take_system_texts();
 
 // The number of open descriptors of this process.
 int open_descriptors();
-
-// What `call` returns while no descriptor can be had.
-int without_descriptors(const std::function<int()> &call);
 
 // A pointer as the logs show it.
 std::string place(const void *pointer);
 
 // Parses and prints one element; parse() gives a tree that belongs to no document, print() gives ""
-// for null.
+// for null, and so does list_of(), for a list of siblings.
 xmlNode *parse(const std::string &text);
 std::string print(xmlNode *node);
-
-// A list of siblings, printed; "" for null.
 std::string list_of(const xmlNode *node);
 
 // Base of all fixtures: debug file on at the most verbose level and empty, system log empty, and

@@ -1,218 +1,244 @@
-// The event loop: what each request calls and what is answered, byte for byte.
+// The event loop: what each request calls and what is answered, byte for byte; and callbacks that
+// change the plugin.
 #include "demo_plugin.h"
 
+#include <algorithm>
 #include <libxml/parser.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace test;
 
 namespace {
 
-const std::string no_callback = failed("-1", "Cann't find the callback function.");
-const std::string invalid_index = failed("-1", "Callback index is invalid.");
-const auto give_input = [](xmlNode *input) { return input; };
+// One request: how a callback is called, what is answered, and a line of the debug file.
+struct row {
+    std::string request, call, answer;
+    behaviour does = {};
+    const char *log = "";
+};
 
 class LoopTest : public DemoFixture {
 protected:
-    // One request: how a callback is called, what is answered, and a piece of the debug file.
-    void check(const char *name, const std::string &request, const std::string &call,
-               const std::string &answer, const behaviour &does = {}, const char *log = "")
+    void check(const std::vector<row> &rows)
     {
-        SCOPED_TRACE(name);
-        clear_debug_file();
-        act = does;
-        EXPECT_EQ(handle({request}), answer);
-        EXPECT_EQ(called, call);
-        std::string lines;
-        for (const std::string &line : debug_lines()) {
-            lines += line + '\n';
+        for (const row &row : rows) {
+            SCOPED_TRACE(::testing::Message() << &row - rows.data() << ": " << row.request);
+            clear_debug_file();
+            act = row.does;
+            EXPECT_EQ(handle(row.request), row.answer);
+            EXPECT_EQ(called, row.call);
+            const strings lines = debug_lines();
+            EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string &line) {
+                return line.starts_with(row.log);
+            })) << row.log;
+            EXPECT_EQ(context->err_code, 0);
+            EXPECT_EQ(context->err_msg, nullptr);
         }
-        EXPECT_NE(lines.find(log), std::string::npos) << log;
-        EXPECT_EQ(context->err_code, 0);
-        EXPECT_EQ(context->err_msg, nullptr);
-        act = {};
     }
 };
 
-TEST_F(LoopTest, ConfigurationChanges)
+std::string callback(const std::string &index)
 {
-    const std::string call = "config 3 1 0 10 /demo/settings";
-    const std::string request = config("/demo/settings");
-    check("accepted", request, call, succeeded(), {},
-          "[DEBUG] - Service publish result: 0 for path:/demo/settings oper:1 priority:10 time "
-          "consumed:0.0");
-    check("refused", request, call, failed("22"), returns(22), "Service publish result: 22 for");
-    check("own error", request, call, failed("7", "a &lt; b &amp; c"), records(1, 7, "a < b & c"));
-    check("own error without text", request, call, failed("7"), records(1, 7, nullptr));
-    check("own code 0", request, call, succeeded(), records(1, 0, "fine"));
-    check("own error, then accepted", request, call, succeeded(), records(0, 7, "never mind"));
-    check("quotes of keys are removed", config("/a/b[name=\"x\"]/c"),
-          "config 3 1 0 10 /a/b[name=x]/c", succeeded());
-    check("nothing but an index",
-          rpc("publish", "<params><info/><callback>1</callback><type>config</type></params>", "17"),
-          "config -1 0 0 0 null", succeeded());
-    check("empty elements",
-          rpc("publish",
-              "<params><type>config</type><session-id/><callback>1</callback><info><oper-type/>"
-              "<more-flag/><priority/><path/></info></params>",
-              "17"),
-          "config -1 0 0 0 null", succeeded());
-    check("the last of repeated elements, text that is none",
-          publish("operate",
-                  "<oper-type>1</oper-type><oper-type>2</oper-type><more-flag>5</more-flag>"
-                  "<more-flag/><priority><!--9-->9</priority><path>/a</path><path>/b</path>",
-                  "<type>config</type><session-id>8</session-id><callback>4</callback>"
-                  "<callback>1</callback><info><path>/z</path></info>"),
-          "config 8 2 5 0 /b", succeeded());
-    check("an empty path behind a path", publish("config", "<path>/a</path><path/>"),
-          "config 3 0 0 0 null", succeeded());
-    check("numbers",
-          publish("config",
-                  "<oper-type> \t+12x</oper-type><more-flag>x1</more-flag>"
-                  "<priority>-99999999999</priority><path>/a</path>",
-                  "<callback>01</callback><session-id>99999999999999999999</session-id>"),
-          "config 2147483647 12 0 -2147483648 /a", succeeded());
-    check("index behind the last", publish("config", "<path>/a</path>", "<callback>5</callback>"),
-          "", no_callback, {}, "[DEBUG] - Cann't find the callback for path:/a oper:0 priority:0");
-    check("index -1", publish("config", "", "<callback>-1</callback>"), "", no_callback);
-    check("no index", publish("config", "", ""), "", no_callback);
-    check("index 2^32+1", publish("config", "", "<callback>4294967297</callback>"), "",
-          no_callback);
-    check("index of the kick-off", publish("config", "", "<callback>0</callback>"), "",
-          no_callback);
-    // Callbacks of the other kinds take other arguments.
-    check("index of a status", publish("config", "", "<callback>2</callback>"), "", no_callback);
-    check("index of a status", operate("<a/>", "2"), "", no_callback);
-    check("index of an operation", subscribe("", "3"), "", no_callback);
-    check("index of a configuration", subscribe("", "1"), "", no_callback);
-    check("null callback", publish("config", "", "<callback>4</callback>"), "", no_callback);
-    check("other type", publish("Config", ""), "", failed("-1", "Unknown publish type."));
-    check("empty type", publish("", ""), "", failed("-1", "Error publish rpc message."));
-    check("no info", rpc("publish", "<params><type>config</type></params>", "17"), "",
-          failed("-1", "Error publish rpc message."));
+    return "<callback>" + index + "</callback>";
 }
 
-TEST_F(LoopTest, CountsRefusalsOfTheInitialConfiguration)
+std::string result(const std::string &content)
 {
-    const std::string with_bit = config("/a", std::to_string(CONFIG_OP_CFGR | CONFIG_OP_ADD));
-    const int before = g_rdb_recovery_status;
-    act.result = 5;
-    EXPECT_EQ(handle({with_bit, config("/a", "32769")}), failed("5") + failed("5"));
-    EXPECT_EQ(g_rdb_recovery_status, before + 1);
-    act.result = 0;
-    EXPECT_EQ(handle({with_bit}), succeeded());
-    EXPECT_EQ(g_rdb_recovery_status, before + 1);
+    return succeeded("<result>" + content + "</result>");
+}
+
+TEST_F(LoopTest, RefusesWhatHasNoCallback)
+{
+    const std::string none = failed("-1", "Cann't find the callback function.");
+    const std::string invalid = failed("-1", "Callback index is invalid.");
+    const std::string unknown = failed("-1", "Method &lt;no&lt;&gt; doesn't be supported");
+    const char *const not_found =
+        "[DEBUG] - Cann't find the callback for path:/a oper:0 priority:0";
+    std::vector<row> rows = {
+        {publish("config", "<path>/a</path>", callback("5")), "", none, {}, not_found},
+        {publish("Config", ""), "", failed("-1", "Unknown publish type.")},
+        {rpc("publish", "<params><type>config</type></params>", "17"), "",
+         failed("-1", "Error publish rpc message.")},
+        {rpc("no&lt;", "<params/>", "17"), "", unknown},
+        {rpc("no", "<params/>", "0"), "", "", {}, "[WARN] - Receive an unknown rpc method no."},
+        {"<rpc><method>kickoff</method><id>17</id></rpc>",
+         "",
+         "",
+         {},
+         "[DEBUG] - Plugin demo parse rpc failed."},
+        {"<rpc>", "", "", {}, "[DEBUG] - Plugin demo parse message failed."},
+    };
+    // Callbacks of the other kinds take other arguments; 0 is the kick-off, 4 has no function.
+    for (const std::string index : {"-1", "0", "2", "3", "4", "4294967297"}) {
+        rows.push_back({publish("config", "", callback(index)), "", none});
+    }
+    for (const std::string index : {"-1", "0", "1", "4", "5"}) {
+        const std::string answer = index == "-1" || index == "5" ? invalid : none;
+        rows.push_back({operate("<a/>", index == "1" ? "2" : index), "", answer});
+        rows.push_back({subscribe("", index), "", answer});
+    }
+    check(rows);
+}
+
+TEST_F(LoopTest, ConfigurationChanges)
+{
+    const std::string call = "config 3 1 0 10 /a", request = config("/a"), ok = succeeded();
+    const std::string large = "2147483648", none = "config -1 0 0 0 null";
+    const char *const published = "[DEBUG] - Service publish result: 22 for path:/a oper:1 "
+                                  "priority:10 time consumed:0.0";
+    const char *const unsent = "[ERROR] - Plugin demo send reply for publish rpc failed.";
+    check({
+        {request, call, failed("22"), returns(22), published},
+        {request, call, failed("7", "a &lt; b &amp; c"), records(1, 7, "a < b & c")},
+        {request, call, failed("7"), records(1, 7, nullptr)},
+        {request, call, reply("<error><code>7</code><message/></error>", "17"), records(1, 7, "")},
+        {request, call, ok, records(1, 0, "fine")},
+        {request, call, ok, records(0, 7, "never mind")},
+        {config("/a/b[name=\"x\"]/c"), "config 3 1 0 10 /a/b[name=x]/c", ok},
+        {rpc("publish", "<params><info/><callback>1</callback><type>config</type></params>", "17"),
+         none, ok},
+        // The last of repeated elements counts; text behind a comment does not.
+        {publish("operate",
+                 "<oper-type>1</oper-type><oper-type>2</oper-type><more-flag>5</more-flag>"
+                 "<more-flag/><priority><!--9-->9</priority><path>/a</path><path>/b</path>",
+                 "<type>config</type><session-id>8</session-id>" + callback("4") + callback("1")),
+         "config 8 2 5 0 /b", ok},
+        {publish("config", "<path>/a</path><path/>"), "config 3 0 0 0 null", ok},
+        {publish("config",
+                 "<oper-type> \t+12x</oper-type><more-flag>x1</more-flag>"
+                 "<priority>-99999999999</priority><path>/a</path>",
+                 "<callback>01</callback><session-id>99999999999999999999</session-id>"),
+         "config 2147483647 12 0 -2147483648 /a", ok},
+        {with_id(request, large), call, reply(error("22", default_error), large), returns(22)},
+        {with_id(request, "x"), call, "", returns(22), unsent},
+        {kick_off, "kick-off", ok, {}, "[INFO] - Plugin demo kickoff now."},
+        {kick_off, "kick-off", ok, records(0, 3, "x"), "[WARN] - Plugin kickoff have error x now."},
+        {with_id(kick_off, "0"), "kick-off", "", {}, unsent},
+    });
+    context->cbs[0] = nullptr;
+    check({{kick_off, "", ok}});
+
+    // Refusals of the initial configuration are counted.
+    act = returns(5);
+    EXPECT_EQ(handle(config("/a", "32769")), failed("5"));
+    EXPECT_EQ(handle(config("/a", "16385")), failed("5"));
+    act = returns(0);
+    EXPECT_EQ(handle(config("/a", "16385")), ok);
+    EXPECT_EQ(conf_recovery_status(), 1);
+    g_rdb_recovery_status = 0;
 }
 
 TEST_F(LoopTest, Operations)
 {
-    const std::string input = "<a>1</a><b/>";
+    const std::string input = "<a>1</a><b><c/><d/></b>", request = operate(input);
     const std::string call = "operate 3 " + input;
-    const std::string ok = succeeded("<result><ok/></result>");
-    xmlNode *own = parse("<own><x/><y><z>1</z></y><w/></own>");
-    check("no output", operate(input), call, ok);
-    check("no input", operate(""), "operate 3 ", ok);
-    check("output", operate(input), call, succeeded("<result><o>2</o></result>"),
-          gives(element("<o>2</o>")));
-    check("several nodes", operate(input), call, succeeded("<result><o>2</o>text<p/></result>"),
-          gives(nodes_of("<l><o>2</o>text<p/></l>")));
-    check("the input", operate(input), call, succeeded("<result>" + input + "</result>"),
-          gives(give_input));
-    check("part of the input", operate("<a/><b><c/><d/></b>"), "operate 3 <a/><b><c/><d/></b>",
-          succeeded("<result><c/><d/></result>"),
-          gives([](xmlNode *in) { return in->next->children; }));
-    check("part of an own tree", operate(input), call,
-          succeeded("<result><y><z>1</z></y><w/></result>"),
-          gives([&](xmlNode *) { return own->children->next; }));
-    xmlDoc *doc = xmlReadDoc(BAD_CAST "<own><shared>1</shared></own>", nullptr, nullptr, 0);
-    check("unlinked from a document that lives on", operate(input), call,
-          succeeded("<result><shared>1</shared></result>"), gives([&](xmlNode *) {
-              xmlNode *node = xmlDocGetRootElement(doc)->children;
-              xmlUnlinkNode(node);
-              return node; // its strings belong to the document's dictionary
-          }));
+    const auto give_input = [](xmlNode *in) { return in; };
+    xmlNode *const own = parse("<own><x/><y><z>1</z></y><w/></own>");
+    const auto part_of_own = [=](xmlNode *) { return own->children->next; };
+    xmlDoc *const doc = xmlReadDoc(BAD_CAST "<own><shared>1</shared></own>", nullptr, nullptr, 0);
+    const auto unlinked = [=](xmlNode *) {
+        xmlNode *node = xmlDocGetRootElement(doc)->children;
+        xmlUnlinkNode(node);
+        return node; // its strings belong to the document's dictionary
+    };
+    check({
+        {request, call, result("<ok/>")},
+        {request, call, result("<o>2</o>text<p/>"), gives(nodes_of("<o>2</o>text<p/>"))},
+        {request, call, result(input), gives(give_input)},
+        {request, call, result("<c/><d/>"), gives([](xmlNode *in) { return in->next->children; })},
+        {request, call, result("<y><z>1</z></y><w/>"), gives(part_of_own)},
+        {request, call, result("<shared>1</shared>"), gives(unlinked)},
+        {request, call, result("<ok/>"), records(0, 9, "stale")},
+        {request, call, failed("5"), {5, {}, nodes_of("<o/><p/>")}},
+        {request, call, failed("5"), {5, {}, give_input}},
+        {request, call, failed("5"), {5, {}, part_of_own}},
+    });
     xmlFreeDoc(doc);
-    check("error recorded, then success", operate(input), call, ok, records(0, 9, "stale"));
-    check("refused right after", operate(input), call, failed("5"), returns(5));
-    check("refused with output", operate(input), call, failed("5"),
-          {5, {}, nodes_of("<l><o/><p/></l>")});
-    check("refused with the input", operate(input), call, failed("6", "no"),
-          {5, [] { econf_plugin_error(6, "no"); }, give_input});
-    check("refused with part of an own tree", operate(input), call, failed("5"),
-          {5, {}, [&](xmlNode *) { return own->children; }});
-    check("index behind the last", operate("", "5"), "", invalid_index);
-    check("index -1", operate("", "-1"), "", invalid_index);
-    check("index of the kick-off", operate("", "0"), "", no_callback);
-    check("null callback", operate("", "4"), "", no_callback);
-
     EXPECT_EQ(print(own), "<own><x/><y><z>1</z></y><w/></own>");
+
+    const std::string path = "<path>/a[k=\"x&amp;y\"]</path>", status = "status 4 /a[k=\"x&y\"] f";
+    const std::string asks = subscribe(path + "<filter>f</filter>");
+    check({
+        {asks, status, result(path + "<data/>")},
+        {asks, status, result(path + "<data><s>1</s><t/></data>"), gives(nodes_of("<s>1</s><t/>"))},
+        {asks, status, result(path + "<data><x/></data>"),
+         gives([=](xmlNode *) { return own->children; })},
+        {rpc("subscribe", "<params><filter/><callback>2</callback></params>", "17"),
+         "status -1 null null", result("<path/><data/>")},
+        {asks, status, result(path + "<data/>"), records(0, 9, "stale")},
+        {asks, status, failed("5"), {5, {}, nodes_of("<s/>")}},
+        {asks, status, failed("6", "no"), records(5, 6, "no")},
+    });
     xmlFreeNode(own);
 }
 
-TEST_F(LoopTest, StatusRequests)
-{
-    const std::string rest = "<path>/a[k=\"x&amp;y\"]</path><filter>f</filter>";
-    const std::string call = "status 4 /a[k=\"x&y\"] f";
-    const std::string path = "<path>/a[k=\"x&amp;y\"]</path>";
-    xmlNode *own = parse("<own><x>1</x></own>");
-    check("no data", subscribe(rest), call, succeeded("<result>" + path + "<data/></result>"));
-    check("data", subscribe(rest), call,
-          succeeded("<result>" + path + "<data><s><t>1</t></s></data></result>"),
-          gives(element("<s><t>1</t></s>")));
-    check("several nodes", subscribe(rest), call,
-          succeeded("<result>" + path + "<data><s/><t/></data></result>"),
-          gives(nodes_of("<l><s/><t/></l>")));
-    check("part of an own tree", subscribe(rest), call,
-          succeeded("<result>" + path + "<data><x>1</x></data></result>"),
-          gives([&](xmlNode *) { return own->children; }));
-    check("no path, empty filter", subscribe("<filter/>"), "status 4 null null",
-          succeeded("<result><path/><data/></result>"));
-    check("no session", rpc("subscribe", "<params><callback>2</callback></params>", "17"),
-          "status -1 null null", succeeded("<result><path/><data/></result>"));
-    check("error recorded, then success", subscribe(rest), call,
-          succeeded("<result>" + path + "<data/></result>"), records(0, 9, "stale"));
-    check("refused right after", subscribe(rest), call, failed("5"), {5, {}, element("<s/>")});
-    check("refused with an error", subscribe(rest), call, failed("6", "no"), records(5, 6, "no"));
-    check("index behind the last", subscribe("", "5"), "", invalid_index);
-    check("index of the kick-off", subscribe("", "0"), "", no_callback);
-    check("null callback", subscribe("", "4"), "", no_callback);
+// ---- callbacks that change the plugin ----------------------------------------------------------
 
-    EXPECT_EQ(print(own), "<own><x>1</x></own>");
-    xmlFreeNode(own);
+TEST_F(LoopTest, CallbackMayEndThePlugin)
+{
+    const std::pair<std::string, std::string> kinds[] = {
+        {config("/a"), succeeded()},
+        {operate("<a/>"), succeeded("<result><o/></result>")},
+        {subscribe(""), succeeded("<result><path/><data><o/></data></result>")},
+        {kick_off, succeeded()},
+    };
+    for (const auto &[request, accepted] : kinds) {
+        for (const int result : {0, 5}) {
+            SCOPED_TRACE(request + std::to_string(result));
+            const auto callbacks = [=](const std::function<void()> &inside) {
+                const auto record_and = [=] {
+                    econf_plugin_error(6, "recorded");
+                    inside();
+                };
+                return behaviour{result, record_and, nodes_of("<o/>")};
+            };
+            // Deactivated: answered nevertheless.
+            act = callbacks(econf_plugin_deactivate);
+            peer->send(framed(request));
+            daemon->play([](Peer &p) { p.answer("<result/>"); });
+            econf_plugin_run();
+            const bool accepts = result == 0 || request == kick_off;
+            EXPECT_EQ(daemon->finish().received(),
+                      strings{accepts ? accepted : failed("6", "recorded")});
+            EXPECT_EQ(context->bit_activate, 0U);
+            context->bit_activate = 1;
+
+            // Closed: nothing more is handled or sent.
+            act = callbacks(econf_plugin_close);
+            peer->send(framed(request));
+            EXPECT_EQ(handle(kick_off), "");
+            EXPECT_EQ(called.rfind("kick-off"), request == kick_off ? 0 : std::string::npos);
+            EXPECT_EQ(get_plugin_context(), nullptr);
+            end();
+
+            // Closed and begun anew: the new connection sees nothing of the request.
+            start(subscriptions());
+            act = callbacks([this] {
+                end();
+                act = {};
+                start(subscriptions());
+            });
+            EXPECT_EQ(handle(request), "");
+            ASSERT_NE(get_plugin_context(), nullptr);
+            EXPECT_EQ(context->err_msg, nullptr);
+            EXPECT_EQ(handle(kick_off), succeeded());
+        }
+    }
 }
 
-TEST_F(LoopTest, KickOffOtherMethodsAndMalformedMessages)
+// The child has no plugin, although it has the socket.
+TEST_F(LoopTest, CallbackMayFork)
 {
-    check("kick-off", kick_off, "kick-off", succeeded(), {}, "[INFO] - Plugin demo kickoff now.");
-    check("kick-off with an error", kick_off, "kick-off", succeeded(), records(0, 3, "late"),
-          "[WARN] - Plugin kickoff have error late now.");
-    check("unknown method", rpc("Publish&lt;", "<params/>", "17"), "",
-          failed("-1", "Method &lt;Publish&lt;&gt; doesn't be supported"), {},
-          "[WARN] - Receive an unknown rpc method Publish<.");
-    check("unknown method without id", with_id(rpc("x", "<params/>", ""), ""), "", "", {},
-          "[WARN] - Receive an unknown rpc method x.");
-    check("largest id", with_id(kick_off, "4294967295"), "kick-off",
-          reply("<result/>", "4294967295"));
-    check("id above 2^31", with_id(config("/a"), "2147483648"), "config 3 1 0 10 /a",
-          reply(error("22", default_error), "2147483648"), returns(22));
-    check("id with zeros", with_id(kick_off, "0042"), "kick-off", reply("<result/>", "42"));
-    check("kick-off with id 0", with_id(kick_off, "0"), "kick-off", "", {},
-          "[ERROR] - Plugin demo send reply for publish rpc failed.");
-    check("configuration refused, id not a number", with_id(config("/a"), "x"),
-          "config 3 1 0 10 /a", "", returns(22),
-          "[ERROR] - Plugin demo send reply for publish rpc failed.");
-    check("operation refused without id", with_id(operate(""), ""), "operate 3 ", "", returns(22),
-          "[ERROR] - Plugin demo send error-reply failed.");
-    check("status refused without id", with_id(subscribe(""), ""), "status 4 null null", "",
-          returns(22), "[ERROR] - Plugin demo send reply for publish rpc failed.");
-    check("no method", "<rpc><params/><id>17</id></rpc>", "", "", {},
-          "[DEBUG] - Plugin demo parse rpc failed.");
-    check("no parameters", "<rpc><method>kickoff</method><id>17</id></rpc>", "", "", {},
-          "[DEBUG] - Plugin demo parse rpc failed.");
-    check("not well-formed", "<rpc>", "", "", {}, "[DEBUG] - Plugin demo parse message failed.");
-    check("no body", "", "", "", {}, "[DEBUG] - Plugin demo parse message failed.");
-
-    context->cbs[0] = nullptr;
-    EXPECT_EQ(handle({kick_off}), succeeded());
+    pid_t child = -1;
+    act.inside = [&] { child = fork(); };
+    peer->send(framed(config("/a")));
+    econf_plugin_run();
+    if (child == 0) {
+        _exit(0); // without a look at the replies, which the parent is to see
+    }
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(peer->received(), strings{succeeded()});
 }
 
 } // namespace

@@ -1,265 +1,207 @@
-// Requests of the plugin: the documents they send, what they make of the answer, and the same calls
-// in a process with injected hooks.
+// Requests of the plugin, each made twice: by a process of its own over the wire, and inside the
+// daemon, which has injected its hooks. A plugin must see the same both times, and be asked the
+// same, but for what the table names.
 #include "conf_plugin/xml.h"
-#include "fake_daemon.h"
-
-#include <algorithm>
+#include "demo_plugin.h"
 
 using namespace test;
 
 namespace {
 
-using reading_call = int (*)(int old_flag, const char *path, xmlNode **result);
+const char *const path = "/p&q";
+xmlNode *const data = nodes_of("<a>1</a><b><c/></b>text")(nullptr);
+
+// What the plugin sees: the result and the list, whose former value must be gone.
+auto read(int (*call)(int, const char *, xmlNode **), int old_flag)
+{
+    return [=] {
+        xmlNode untouched{};
+        xmlNode *list = &untouched;
+        const int result = call(old_flag, path, &list);
+        EXPECT_NE(list, &untouched);
+        std::string seen = std::to_string(result) + ' ' + list_of(list);
+        xmlFreeNodeList(list);
+        return seen;
+    };
+}
+
+template <auto call, auto... given>
+std::string write()
+{
+    return std::to_string(call(given...)) + ' ';
+}
+
+int push()
+{
+    return econf_plugin_push(path, data);
+}
+
+int deploy(int oper)
+{
+    return econf_plugin_config_deployment(path, oper, data);
+}
+
+const std::string at = "<path>/p&amp;q</path>", sent = "<data><a>1</a><b><c/></b>text</data>";
+const std::string neighbours = "<prev>/x[k=\"a&amp;b\"]</prev><next>/x[k=\"a,b\"]</next><other>/x"
+                               "[k=\"v\"]</other><next/><deep><prev>/x[k=\"v\"]</prev></deep>";
+const struct row {
+    std::string method;
+    std::function<std::string()> call;
+    std::string params, given = {}, seen = given; // the list that the daemon answers with
+    std::string params_inside = params;
+} rows[] = {
+    {"pull", read(econf_plugin_pull, 0), at, "<a>1</a><b x=\"2\"><c/></b>"},
+    {"pull", read(econf_plugin_pull, 5), "<old/>" + at},
+    {"locate", read(econf_plugin_locate, 0), at},
+    {"locate", read(econf_plugin_locate, -1), "<old/>" + at, neighbours,
+     "<prev>/x[k=a&amp;b]</prev>" + neighbours.substr(neighbours.find("<next>"))},
+    {"push", write<push>, at + sent},
+    {"config_deployment", write<deploy, 0>, at + "<oper-type>add</oper-type>" + sent},
+    {"config_deployment", write<deploy, 1>, at + "<oper-type>delete</oper-type>" + sent},
+    {"config_deployment", write<deploy, -1>, at + "<oper-type>update</oper-type>" + sent},
+    {"save_deployment", write<econf_plugin_save_deployment>, ""},
+    {"copy_deployment_to_memory", write<econf_plugin_copy_running_to_deployment, 1>,
+     "<override>1</override>"},
+    {"copy_deployment_to_memory", write<econf_plugin_copy_running_to_deployment, 2>,
+     "<override>0</override>", "", "", "<override>2</override>"},
+};
 
 class RequestTest : public PluginFixture {
 protected:
-    // Calls while the daemon answers with `content`; the request's id is 3 each time.
-    int answered(const std::string &content, const std::function<int()> &call)
+    // One exchange over the wire; returns what is logged at INFO first, second and last.
+    std::string check(const row &row, const std::string &answer, const std::string &seen)
     {
-        int result = 1;
+        SCOPED_TRACE(row.method + answer);
         clear_debug_file();
-        get_plugin_context()->rpc_id = 3;
-        request = request_of([&] { result = call(); }, content);
-        return result;
+        context->rpc_id = 3;
+        const std::string params = "<params>" + row.params + "</params>";
+        EXPECT_EQ(request_of([&] { EXPECT_EQ(row.call(), seen); }, answer),
+                  rpc(row.method, row.params.empty() ? "<params/>" : params, "3"));
+        const strings info = debug_texts(DBG_INFO);
+        return info.at(0) + '\n' + info.at(1) + '\n' + info.back() + '\n';
     }
-
-    // The debug file without the lines about bytes and events.
-    static strings log()
-    {
-        strings lines = debug_lines();
-        std::erase_if(lines, [](const std::string &line) {
-            return line.find(" message ") != std::string::npos ||
-                   line.find("Syn send rpc on") != std::string::npos;
-        });
-        return lines;
-    }
-
-    std::string request;
 };
 
-TEST_F(RequestTest, ReadingCallsCopyWhatTheReplyHolds)
+TEST_F(RequestTest, OverTheWire)
 {
     start();
-    const struct {
-        const char *method;
-        reading_call call;
-        int old_flag;
-        const char *path, *params;
-        std::string content, list;
-        bool sound = true;
-    } cases[] = {
-        {"pull", econf_plugin_pull, 0, "/a[k=\"x&y\"]", "<path>/a[k=\"x&amp;y\"]</path>",
-         "<result><data><a>1</a><b x=\"2\"><c/></b></data><data><z/></data></result>",
-         "<a>1</a><b x=\"2\"><c/></b>"},
-        {"pull", econf_plugin_pull, 5, "/a", "<old/><path>/a</path>", "<result><data/></result>",
-         ""},
-        {"pull", econf_plugin_pull, 1, "/a", "<old/><path>/a</path>", "<result><x/></result>", ""},
-        {"pull", econf_plugin_pull, 0, "/a", "<path>/a</path>", error("1", "none"), ""},
-        {"pull", econf_plugin_pull, 0, "/a", "<path>/a</path>", "", "", false},
-        {"locate", econf_plugin_locate, -1, "/a", "<old/><path>/a</path>",
-         "<result><prev>/x[k=&quot;a&amp;b&quot;]</prev><next>/x[k=\"a,b\"]</next>"
-         "<other>/x[k=\"v\"]</other><next/><deep><prev>/x[k=\"v\"]</prev></deep></result>",
-         "<prev>/x[k=a&amp;b]</prev><next>/x[k=\"a,b\"]</next><other>/x[k=\"v\"]</other><next/>"
-         "<deep><prev>/x[k=\"v\"]</prev></deep>"},
-        {"locate", econf_plugin_locate, 0, "/a", "<path>/a</path>", "<result/>", ""},
-    };
-    xmlNode untouched{};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.method) + " " + c.content);
-        xmlNode *list = &untouched;
-        EXPECT_EQ(answered(c.content, [&] { return c.call(c.old_flag, c.path, &list); }),
-                  c.sound ? 0 : -1);
-        EXPECT_EQ(request, rpc(c.method, std::string("<params>") + c.params + "</params>", "3"));
-        EXPECT_EQ(list_of(list), c.list);
-        xmlFreeNodeList(list);
-        EXPECT_EQ(log(),
-                  c.sound
-                      ? strings()
-                      : (strings{"[ERROR] - Invalid reply message(without <error> and <result>).",
-                                 "[ERROR] - Parse reply for plugin demo rpc failed."}));
+    for (const row &row : rows) {
+        const bool pulls = row.method == "pull", reads = pulls || row.method == "locate";
+        const std::string list = pulls ? "<data>" + row.given + "</data>" : row.given;
+        check(row, "<result>" + list + "</result>", "0 " + row.seen);
+        EXPECT_EQ(take_errors(), "");
+        check(row, error("4", "full"), reads ? "0 " : "-1 "); // to a reader, nothing is there
+        EXPECT_EQ(take_errors().substr(0, 27), reads ? "" : "Confd reply error(full) for");
     }
-
-    // Requests that fail before or in the exchange.
+    check(rows[0], "<result><x/><data><a/></data><data><b/></data></result>", "0 <a/>");
+    check(rows[0], "<result><x/></result>", "0 ");
+    check(rows[0], "", "-1 ");
+    EXPECT_EQ(take_errors(), "Invalid reply message(without <error> and <result>).\n"
+                             "Parse reply for plugin demo rpc failed.");
+    EXPECT_EQ(check(rows[4], "<result/>", "0 "), "Build push packet, path:/p&q, name:demo\n"
+                                                 "Begin to send push packet, name:demo\n"
+                                                 "End to send push packet, name:demo\n");
+    EXPECT_EQ(check(rows[7], "<result/>", "0 "),
+              "Build config deployment packet, path:/p&q, oper:4294967295, name:demo\n"
+              "Begin to send config deployment packet, name:demo\n"
+              "End to send config deployment packet, name:demo\n");
+    EXPECT_EQ("<data>" + list_of(data) + "</data>", sent) << "the plugin's own";
     peer->close();
-    clear_debug_file();
-    const char *path = "/a";
-    for (const reading_call call : {econf_plugin_pull, econf_plugin_locate}) {
-        xmlNode *list = &untouched;
-        EXPECT_EQ(call(0, path, &list), -1);
-        EXPECT_EQ(list, nullptr);
-        list = &untouched;
-        EXPECT_EQ(call(0, nullptr, &list), -1);
-        EXPECT_EQ(list, nullptr);
-        EXPECT_EQ(call(0, path, nullptr), -1);
-        EXPECT_EQ(take_errors(), "An error epoll event occur(0x?).\n"
-                                 "Plugin demo send rpc to confd failed.\n"
-                                 "Input parameters error(path=(nil), result=" +
-                                     place(&list) + ").\nInput parameters error(path=" +
-                                     place(path) + ", result=(nil)).");
-    }
+    EXPECT_EQ(rows[0].call(), "-1 ");
 }
 
-TEST_F(RequestTest, WritingCallsSendCopiesAndReportTheOutcome)
+// ---- inside the daemon -------------------------------------------------------------------------
+
+std::string asked, given; // of the hook that was called, and by it
+int refusal;
+
+int ask(const std::string &params, xmlNode **list = nullptr)
 {
-    start();
-    const node_ptr data(parse("<l><a>1</a><b><c/></b>text</l>"));
-    xmlNode *const nodes = data->children;
-    const std::string path = "<path>/p&amp;q</path>";
-    const std::string sent = "<data><a>1</a><b><c/></b>text</data>";
-    const auto packet = [](const std::string &what, const std::string &oper) {
-        return strings{"[INFO] - Build " + what + " packet, path:/p&q, " + oper + "name:demo",
-                       "[INFO] - Begin to send " + what + " packet, name:demo",
-                       "[INFO] - End to send " + what + " packet, name:demo"};
-    };
-    const auto deploy = [=](int oper) {
-        return [=] { return econf_plugin_config_deployment("/p&q", oper, nodes); };
-    };
-    const auto copy = [](int how) {
-        return [=] { return econf_plugin_copy_running_to_deployment(how); };
-    };
-    const struct {
-        const char *method;
-        std::function<int()> call;
-        std::string params, failure; // logged in front of the last line
-        strings log = {};            // around the exchange
-    } cases[] = {
-        {"push", [=] { return econf_plugin_push("/p&q", nodes); }, path + sent, "publish data",
-         packet("push", "")},
-        {"push", [=] { return econf_plugin_push("/p&q", nodes->next->children); },
-         path + "<data><c/></data>", "publish data", packet("push", "")},
-        {"config_deployment", deploy(0), path + "<oper-type>add</oper-type>" + sent,
-         "publish deployment data", packet("config deployment", "oper:0, ")},
-        {"config_deployment", deploy(1), path + "<oper-type>delete</oper-type>" + sent,
-         "publish deployment data", packet("config deployment", "oper:1, ")},
-        {"config_deployment", deploy(-1), path + "<oper-type>update</oper-type>" + sent,
-         "publish deployment data", packet("config deployment", "oper:4294967295, ")},
-        {"save_deployment", econf_plugin_save_deployment, "", "save deployment data"},
-        {"copy_deployment_to_memory", copy(1), "<override>1</override>",
-         "copy deployment to memory data"},
-        {"copy_deployment_to_memory", copy(2), "<override>0</override>",
-         "copy deployment to memory data"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.method + c.params);
-        EXPECT_EQ(answered("<result/>", c.call), 0);
-        EXPECT_EQ(request,
-                  rpc(c.method,
-                      c.params.empty() ? "<params/>" : "<params>" + c.params + "</params>", "3"));
-        EXPECT_EQ(log(), c.log);
-
-        EXPECT_EQ(answered(error("4", "full"), c.call), -1);
-        strings lines = c.log;
-        lines.insert(lines.end() - (lines.empty() ? 0 : 1),
-                     {"[ERROR] - Confd reply error(full) for plugin demo rpc.",
-                      "[ERROR] - Plugin demo " + c.failure + " failed."});
-        EXPECT_EQ(log(), lines);
+    asked = params;
+    if (list != nullptr) {
+        *list = refusal != 0 ? data : nodes_of(given)(nullptr);
     }
-    EXPECT_EQ(print(data.get()), "<l><a>1</a><b><c/></b>text</l>");
+    return refusal;
 }
 
-// ---- every call with valid arguments, on a daemon's behalf and without one ----------------------
-
-xmlNode some_data{};
-
-int read_null_on_failure(reading_call call, int old_flag)
+std::string shown(const std::string &of, const std::string &oper, const xmlNode *list)
 {
-    xmlNode *list = &some_data;
-    const int result = call(old_flag, "/a", &list);
-    EXPECT_EQ(list, result == 0 ? &some_data : nullptr);
-    return result;
+    return (of == path ? at : of) + oper + (list == data ? sent : "");
 }
 
-const struct {
-    std::string hook; // as messages name it
-    const char *hooked;
-    int (*call)();
-} all_calls[] = {
-    {"locate", "0/a", [] { return read_null_on_failure(econf_plugin_locate, 0); }},
-    {"pull", "1/a", [] { return read_null_on_failure(econf_plugin_pull, 5); }},
-    {"push", "/a*", [] { return econf_plugin_push("/a", &some_data); }},
-    {"config_deployment", "/a2*",
-     [] { return econf_plugin_config_deployment("/a", 2, &some_data); }},
-    {"save_deployment", "save", econf_plugin_save_deployment},
-    {"copy_running_to_deployment", "copy3",
-     [] { return econf_plugin_copy_running_to_deployment(3); }},
-    {"error", "4text",
-     [] {
-         econf_plugin_error(4, "text");
-         return -1;
-     }},
-};
+int on_read(bool_t old, const char *of, xmlNode **list)
+{
+    return ask((old ? "<old/>" : "") + shown(of, "", nullptr), list);
+}
+
+confd_plugin_callback_t hooks{
+    on_read,
+    on_read,
+    [](const char *of, xmlNode *list) { return ask(shown(of, "", list)); },
+    [](const char *of, int oper, xmlNode *list) {
+        const std::string word = oper == 0 ? "add" : oper == 1 ? "delete" : "update";
+        return ask(shown(of, "<oper-type>" + word + "</oper-type>", list));
+    },
+    [] { return ask(""); },
+    [](int flag) { return ask("<override>" + std::to_string(flag) + "</override>"); },
+    [](int code, const char *text) { asked = std::to_string(code) + text; },
+    nullptr};
+
+TEST_F(RequestTest, InsideTheDaemon)
+{
+    confd_plugin_callback_t no_hooks{};
+    for (const row &row : rows) {
+        SCOPED_TRACE(row.method);
+        get_plugin_from_hash()->confd_hooks = &hooks;
+        given = row.given;
+        for (const int result : {0, 4}) {
+            refusal = result;
+            EXPECT_EQ(row.call(), result == 0 ? "0 " + given : "4 ");
+            EXPECT_EQ(asked, row.params_inside);
+        }
+        EXPECT_EQ(take_errors(), "");
+        get_plugin_from_hash()->confd_hooks = &no_hooks;
+        EXPECT_EQ(row.call(), "-1 ");
+        const bool copies = row.method.starts_with("copy");
+        const std::string name = copies ? "copy_running_to_deployment" : row.method;
+        EXPECT_EQ(take_errors(), "Confd doesn't inject conf_plugin_" + name + " function.");
+    }
+    econf_plugin_error(4, "text");
+    EXPECT_EQ(take_errors(), "Confd doesn't inject conf_plugin_error function.");
+    get_plugin_from_hash()->confd_hooks = &hooks;
+    econf_plugin_error(4, "text");
+    EXPECT_EQ(asked, "4text");
+}
 
 TEST_F(RequestTest, NothingIsSentUnlessActiveOrWithNullArguments)
 {
+    const std::string not_ready = "Plugin context is not ready or not be activated.";
     for (const bool registered : {false, true}) {
         if (registered) {
             start();
-            get_plugin_context()->bit_activate = 0;
+            context->bit_activate = 0;
         }
-        for (const auto &c : all_calls) {
-            EXPECT_EQ(c.call(), -1);
-            EXPECT_EQ(take_errors(), "Plugin context is not ready or not be activated.") << c.hook;
+        for (const row &row : rows) {
+            EXPECT_EQ(row.call(), "-1 ");
+            EXPECT_EQ(take_errors(), not_ready) << row.method;
         }
+        econf_plugin_error(4, "text");
+        EXPECT_EQ(take_errors(), not_ready);
     }
-    EXPECT_EQ(get_plugin_context()->err_msg, nullptr);
+    EXPECT_EQ(context->err_msg, nullptr);
 
-    get_plugin_context()->bit_activate = 1;
-    const char *path = "/a";
-    const std::string no_path = "Input parameters error(path=(nil), result=" + place(&some_data);
-    const std::string no_data = "Input parameters error(path=" + place(path) + ", result=(nil)";
-    EXPECT_EQ(econf_plugin_push(nullptr, &some_data), -1);
+    context->bit_activate = 1;
+    xmlNode *list = data;
+    EXPECT_EQ(econf_plugin_pull(0, nullptr, &list), -1);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_EQ(econf_plugin_locate(0, path, nullptr), -1);
     EXPECT_EQ(econf_plugin_push(path, nullptr), -1);
-    EXPECT_EQ(econf_plugin_config_deployment(nullptr, 0, &some_data), -1);
-    EXPECT_EQ(econf_plugin_config_deployment(path, 0, nullptr), -1);
+    EXPECT_EQ(econf_plugin_config_deployment(nullptr, 0, data), -1);
+    const std::string no_path = "Input parameters error(path=(nil), result=";
+    const std::string no_data = "Input parameters error(path=" + place(path) + ", result=(nil)).\n";
     EXPECT_EQ(take_errors(),
-              no_path + ").\n" + no_data + ").\n" + no_path + ").\n" + no_data + ").");
+              no_path + place(&list) + ").\n" + no_data + no_data + no_path + place(data) + ").");
     EXPECT_EQ(peer->received(), strings());
-}
-
-std::string hooked; // how a hook was called
-int hook_result;
-
-int note(const std::string &call, const xmlNode *data = nullptr)
-{
-    hooked += call + (data == &some_data ? "*" : "");
-    return hook_result;
-}
-
-int on_read(bool_t old_flag, const char *path, xmlNode **result)
-{
-    *result = &some_data;
-    return note(std::to_string(old_flag) + path);
-}
-
-TEST_F(RequestTest, HooksAreCalledInPlaceOfTheDaemon)
-{
-    confd_plugin_callback_t hooks{
-        on_read,
-        on_read,
-        [](const char *path, xmlNode *data) { return note(path, data); },
-        [](const char *path, int oper, xmlNode *data) {
-            return note(path + std::to_string(oper), data);
-        },
-        [] { return note("save"); },
-        [](int override_flag) { return note("copy" + std::to_string(override_flag)); },
-        [](int code, const char *text) { note(std::to_string(code) + text); },
-        nullptr};
-    get_plugin_from_hash()->confd_hooks = &hooks;
-    for (const int result : {-7, 0}) {
-        hook_result = result;
-        for (const auto &c : all_calls) {
-            hooked.clear();
-            EXPECT_EQ(c.call(), c.hook == "error" ? -1 : result) << c.hook;
-            EXPECT_EQ(hooked, c.hooked);
-        }
-    }
-    EXPECT_EQ(take_errors(), "");
-
-    hooks = {};
-    for (const auto &c : all_calls) {
-        EXPECT_EQ(c.call(), -1);
-        EXPECT_EQ(take_errors(), "Confd doesn't inject conf_plugin_" + c.hook + " function.");
-    }
 }
 
 } // namespace

@@ -1,0 +1,217 @@
+// Stories of a plugin: registration, the event loop, requests, the older interface.
+#include "lane.h"
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace fault {
+
+namespace {
+
+char path[] = "/demo";
+char state[] = "/state";
+char reset[] = "reset";
+char event[] = "event";
+char text[] = "text";
+char never[] = "never";
+
+// The paths "/refuse" are refused.
+bool is_refused(const char *which)
+{
+    return std::strcmp(which, "/refuse") == 0;
+}
+
+int changed(const char *which)
+{
+    return is_refused(which) ? econf_plugin_error(5, "no"), 22 : 0;
+}
+
+int asked(const char *which, xmlNode **status)
+{
+    *status = is_refused(which) ? nullptr : made_outside("<up>1</up>");
+    return is_refused(which) ? 23 : 0;
+}
+
+int operated(xmlNode *input, xmlNode **output, const char *result)
+{
+    *output = input == nullptr ? nullptr : made_outside(result);
+    return 0;
+}
+
+int initialise()
+{
+    static econf_config_cb_info_t configs[] = {
+        {path, 10, [](int, int, int, int, const char *at) { return changed(at); }}, {}};
+    static econf_status_cb_info_t states[] = {
+        {state, [](int, const char *at, const char *, xmlNode **out) { return asked(at, out); }},
+        {}};
+    static econf_operate_cb_info_t operations[] = {
+        {reset,
+         [](int, xmlNode *in, xmlNode **out) { return operated(in, out, "<done>2</done>"); }},
+        {}};
+    static econf_plugin_subpub_info_t callbacks = {configs, states, operations, [] {}};
+    return econf_plugin_init("demo", &callbacks);
+}
+
+conf_context_t *initialise_by_older_interface()
+{
+    static config_callback_t configs[] = {
+        {path, 10, [](int, int, int, char *at) { return changed(at); }}, {}};
+    static status_callback_t states[] = {
+        {state, [](char *at, char *, xmlNode **out) { return asked(at, out); }}, {}};
+    static rpc_callback_t operations[] = {
+        {reset, [](xmlNode *in,
+                   xmlNode **out) { return operated(in, out, "<output><done>2</done></output>"); }},
+        {}};
+    static conf_plugin_info_t callbacks = {configs, states, operations, [] {}, nullptr};
+    return conf_plugin_init(path + 1, &callbacks);
+}
+
+// What the plugin is left with.
+void note_state()
+{
+    const conf_plugin_context_t *context = get_plugin_context();
+    if (context == nullptr) {
+        note("active", "no context");
+        return;
+    }
+    note("active", static_cast<int>(context->bit_activate));
+    note("queued", std::to_string(conf_buffer_length(context->send_buf)) + ' ' +
+                       std::to_string(context->send_pos) + ' ' +
+                       std::to_string(conf_buffer_length(context->recv_buf)));
+}
+
+// Registers and activates without a fault.
+void start()
+{
+    (void)initialise();
+    (void)econf_plugin_activate(ACTIVATE_WITH_NONE);
+    forget_logs();
+}
+
+void serve(const std::vector<std::pair<const char *, std::string>> &requests)
+{
+    start();
+    for (const auto &[name, body] : requests) {
+        ask(body);
+        step(name, econf_plugin_run);
+        note("reply", take_replies());
+    }
+    note_state();
+}
+
+void read_value(const std::string &name, int (*call)(conf_context_t *, char *, conf_val_t *))
+{
+    conf_val_t value{};
+    step(name, [&] { return call(nullptr, path, &value); });
+    note("value", value.data);
+    xmlFreeNode(value.data);
+}
+
+} // namespace
+
+const story registration("registration", about::plugin, [] {
+    step("record", get_plugin_from_hash);
+    note("table", g_plugin_hash);
+    if (step("init", [] { return initialise() < 0 ? -1 : 0; }) == 0) {
+        step("activate", [] { return econf_plugin_activate(ACTIVATE_WITH_CFGR); });
+        step("deactivate", econf_plugin_deactivate);
+        note_state();
+        step("close", econf_plugin_close);
+    }
+    note_state();
+    if (get_plugin_context() == nullptr) {
+        step("delete record", del_plugin_from_hash);
+    }
+    note("hooks", get_plugin_hooks());
+});
+
+const story changes("changes", about::plugin, [] {
+    serve({{"config", test::config("/demo[name=\"a\"]")},
+           {"config refused", test::config("/refuse")},
+           {"kick-off", test::kick_off},
+           {"unknown", test::rpc("unknown", "<params/>", "17")}});
+});
+
+const story status_and_operations("status_and_operations", about::plugin, [] {
+    serve({{"status", test::subscribe("<path>/state</path>")},
+           {"status refused", test::subscribe("<path>/refuse</path>")},
+           {"operation", test::operate("<in>1</in>")},
+           {"operation without input", test::operate("")}});
+});
+
+const story reading("reading", about::plugin, [] {
+    start();
+    for (const bool old : {true, false}) {
+        xmlNode *list = nullptr;
+        step(old ? "pull old" : "locate",
+             [&] { return (old ? econf_plugin_pull : econf_plugin_locate)(old, path, &list); });
+        note("list", list);
+        xmlFreeNodeList(list);
+    }
+    note_state();
+});
+
+const story writing("writing", about::plugin, [] {
+    const node_ptr data(test::parse("<name>a</name>"));
+    start();
+    write_all(data.get());
+    note_state();
+});
+
+const story older_interface("older_interface", about::plugin, [] {
+    conf_context_t *handle = initialise_by_older_interface();
+    (void)conf_start_session(handle, 0);
+    forget_logs();
+    step("descriptor", [=] { return conf_plg_get_hconf(handle) < 0 ? -1 : 0; });
+    ask(test::config(path));
+    step("run", [=] { return conf_run(handle, 0); });
+    ask(test::subscribe("<path>/state</path>"));
+    ask(test::operate("<in>1</in>"));
+    waits_left = 2;
+    step("run until the end", [=] { return conf_run(handle, 1); });
+    note("replies", take_replies());
+    note("recovery", text_of(conf_recovery_status()) + text_of(g_rdb_recovery_status));
+    step("close", [=] { return conf_plugin_close(handle); });
+    note_state();
+});
+
+const story older_requests("older_requests", about::plugin, [] {
+    const node_ptr data(test::parse("<name>a</name>"));
+    conf_val_t value = {data.get()};
+    start();
+    step("set", [&] { return conf_set_config(path, data.get()); });
+    xmlFreeNodeList(step("get", [] { return conf_get_config(path); }));
+    read_value("value", conf_plg_get_value);
+    // The same once more, each by another name.
+    xmlFreeNodeList(conf_get_old_config(path));
+    (void)conf_plg_get_old_value(nullptr, path, &value);
+    xmlFreeNode(value.data);
+    value.data = data.get();
+    (void)conf_plg_set_value(nullptr, 0, path, &value);
+    forget_logs();
+    step("error", [] { return conf_set_error(5, "no"); });
+    note("text", get_plugin_context()->err_msg);
+    step("error again", [] { return conf_plg_set_error(nullptr, 6, never); });
+    note("text", get_plugin_context()->err_msg);
+    step("reply", [&] { return conf_send_reply(1, data.get(), data.get()); });
+    note_state();
+});
+
+const story notifications("notifications", about::documents, [] {
+    const node_ptr data(test::parse("<event>1</event>"));
+    std::snprintf(g_conf_notifier_socket, sizeof g_conf_notifier_socket, "/var/tmp/notifier");
+    const int notifier = conf_plugin_notifier_enable();
+    step("element", [&] { return econf_notify(event, data.get()); });
+    step("text", [&] { return conf_notify(event, text); });
+    step("text at once", [&] { return conf_notify_nonblock(event, text); });
+    std::string received;
+    char datagram[256]{};
+    for (ssize_t count; (count = read(notifier, datagram, sizeof datagram - 1)) > 0;) {
+        received += std::string(datagram, strnlen(datagram, static_cast<std::size_t>(count))) + '.';
+    }
+    note("received", received);
+    conf_plugin_notifier_disable(notifier);
+});
+
+} // namespace fault
