@@ -34,7 +34,7 @@ constexpr long debug_file_limit = 0x200000; // a file of 2 MiB stays, a longer o
 constexpr std::size_t debug_text_room = 256;
 constexpr std::size_t debug_line_room = debug_text_room + 64; // time, tag, separators, line end
 constexpr std::size_t system_text_room = 0x10000;
-constexpr std::size_t pcre2_depth = 32768; // of the stack, where it compiles or runs a pattern
+constexpr std::size_t print_depth = 32768; // of the stack, where the C library formats and sends
 
 using stream_owner = std::unique_ptr<std::FILE, support::released_by<std::fclose>>;
 
@@ -132,7 +132,7 @@ void safety_syslog(int priority, const char *format, ...)
     }
     syslog(priority, "%s", text.get());
     support::wipe(text.get(), written); // a zero character (%c) may have left more than was sent
-    support::wipe_stack<pcre2_depth>();
+    support::wipe_stack<print_depth>();
 }
 
 int econf_plugin_config_debug(int level, int enable)

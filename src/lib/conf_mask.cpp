@@ -4,8 +4,8 @@
 // though: on a line full of keywords or quotes its backtracking takes minutes, or gives up and
 // leaves the value readable. As each pattern is a row of literals with ".*" between them, and a
 // greedy ".*" puts each literal as far to the right as those behind it allow, one search from the
-// end of the line for one literal after the other finds the same match. PCRE2 runs only a pattern
-// that a program has put into the table in place of ours.
+// end of the line for one literal after the other finds the same match, once a scan of the text has
+// found the line. PCRE2 runs only a pattern that a program has put into the table itself.
 #include "conf_mask.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 constexpr std::size_t pattern_count = 21;
 
@@ -30,27 +31,40 @@ constexpr std::size_t npos = std::string_view::npos;
 
 struct sensitive_item {
     std::string_view keyword;
+    std::size_t landmark;                 // its byte that is rarest in other texts
     std::array<const char *, 3> patterns; // element, value pair, quoted name
 };
 
-#define ITEM(KEYWORD)                                                                              \
+#define ITEM(KEYWORD, LANDMARK)                                                                    \
     {                                                                                              \
-        KEYWORD,                                                                                   \
+        KEYWORD, std::string_view(KEYWORD).find(LANDMARK),                                         \
         {                                                                                          \
             ".*" KEYWORD ".*>(.*)</.*" KEYWORD, ".*" KEYWORD ".*oldval=(.*),newval=(.*)",          \
                 ".*\".*" KEYWORD ".*\".*: (.*)"                                                    \
         }                                                                                          \
     }
 constexpr std::array<sensitive_item, 7> items = {{
-    ITEM("password"),
-    ITEM("cipher"),
-    ITEM("psk"),
-    ITEM("authentication-text"),
-    ITEM("key"),
-    ITEM("text-name"),
-    ITEM("secret"),
+    ITEM("password", 'w'),
+    ITEM("cipher", 'h'),
+    ITEM("psk", 'k'),
+    ITEM("authentication-text", 'x'),
+    ITEM("key", 'k'),
+    ITEM("text-name", 'x'),
+    ITEM("secret", 'c'),
 }};
 #undef ITEM
+
+constexpr auto is_landmark = [] {
+    std::array<bool, 256> table{};
+    for (const sensitive_item &item : items) {
+        table[static_cast<unsigned char>(item.keyword[item.landmark])] = true;
+    }
+    return table;
+}();
+
+// Patterns as sets: those of one form, those of one keyword.
+constexpr std::uint32_t every_item = 0b001'001'001'001'001'001'001;
+constexpr std::uint32_t every_form = 0b111;
 
 // The patterns that this file compiled, each also in the exported table unless replaced there.
 std::array<pcre2_code_8 *, pattern_count> own_patterns;
@@ -68,21 +82,68 @@ std::string_view before(std::string_view text, std::size_t position)
     return {text.data(), position == npos ? 0 : position};
 }
 
-// The position of the last `literal`, or npos. memrchr takes many bytes at a time, unlike rfind().
+bool stands_at(std::string_view text, std::size_t position, std::string_view literal)
+{
+    return text.size() - position >= literal.size() &&
+           std::memcmp(text.data() + position, literal.data(), literal.size()) == 0;
+}
+
+// How far in front of a byte `read` the literal may begin at the earliest, if not with that byte.
+std::size_t step_before(std::string_view literal, char read)
+{
+    std::size_t step = 1;
+    while (step < literal.size() && literal[step] != read) {
+        ++step;
+    }
+    return step;
+}
+
+// The position of the last `literal`, or npos.
 std::size_t find_last(std::string_view text, std::string_view literal)
 {
-    std::size_t candidates = text.size() < literal.size() ? 0 : text.size() - literal.size() + 1;
-    while (candidates > 0) {
-        const void *found = memrchr(text.data(), literal.front(), candidates);
-        if (found == nullptr) {
-            break;
+    if (literal.size() == 1) {
+        return text.rfind(literal.front());
+    }
+    if (text.size() < literal.size()) {
+        return npos;
+    }
+    std::size_t position = text.size() - literal.size();
+    for (;;) {
+        const char read = text[position];
+        if (read == literal.front() && stands_at(text, position, literal)) {
+            return position;
         }
-        candidates = static_cast<std::size_t>(static_cast<const char *>(found) - text.data());
-        if (std::memcmp(found, literal.data(), literal.size()) == 0) {
-            return candidates;
+        const std::size_t step = step_before(literal, read);
+        if (step > position) {
+            return npos;
+        }
+        position -= step;
+    }
+}
+
+// A byte that one keyword or more have in common at their landmarks.
+struct occurrence {
+    std::size_t position;   // npos for none
+    std::uint32_t patterns; // of those keywords
+};
+
+occurrence find_keyword(std::string_view text, std::size_t from)
+{
+    for (std::size_t position = from; position < text.size(); ++position) {
+        std::uint32_t patterns = 0;
+        const bool is_one = is_landmark[static_cast<unsigned char>(text[position])];
+        for (std::size_t i = 0; is_one && i < items.size(); ++i) {
+            const auto &[keyword, landmark, sources] = items[i];
+            if (text[position] == keyword[landmark] && position >= landmark &&
+                stands_at(text, position - landmark, keyword)) {
+                patterns |= every_form << (i * sources.size());
+            }
+        }
+        if (patterns != 0) {
+            return {position, patterns};
         }
     }
-    return npos;
+    return {npos, 0};
 }
 
 void mask(std::span<char> text, std::size_t begin, std::size_t end)
@@ -127,6 +188,32 @@ void mask_quoted(std::span<char> line, std::string_view keyword)
     const std::size_t name = find_last(before(text, closing_quote), keyword);
     if (find_last(before(text, name), "\"") != npos) {
         mask(line, value + colon.size(), line.size());
+    }
+}
+
+constexpr std::array forms = {mask_element, mask_value_pair, mask_quoted};
+
+// What a line must hold for one of its forms to match: most lines are done with that.
+constexpr std::array<std::string_view, forms.size()> marks = {"</", ",newval=", ": "};
+
+// `first` is the first occurrence in the line.
+void mask_line(std::span<char> line, occurrence first, std::uint32_t patterns)
+{
+    for (std::size_t form = 0; form < forms.size(); ++form) {
+        if (find_last(view(line), marks[form]) == npos) {
+            patterns &= ~(every_item << form);
+        }
+    }
+    std::uint32_t present = 0;
+    for (occurrence next = first; next.position != npos && (patterns & ~present) != 0;
+         next = find_keyword(view(line), next.position + 1)) {
+        present |= next.patterns;
+    }
+    patterns &= present;
+    for (std::size_t pattern = 0; patterns >> pattern != 0; ++pattern) {
+        if ((patterns >> pattern & 1) != 0) {
+            forms[pattern % forms.size()](line, items[pattern / forms.size()].keyword);
+        }
     }
 }
 
@@ -323,17 +410,16 @@ int REG_RemarkInfo(pcre2_code_8 *re, char *buf, int dataLen)
     }
 }
 
-void _conf_mask_values(std::span<char> text, std::size_t pattern, std::uint32_t newline)
+void _conf_mask_values(std::span<char> text, std::uint32_t patterns, std::uint32_t newline)
 {
-    constexpr std::array forms = {mask_element, mask_value_pair, mask_quoted};
-    const std::string_view keyword = items[pattern / 3].keyword;
     const std::string_view searched = view(text);
     const line_end end = line_end_of(newline);
     std::size_t from = 0;
-    for (std::size_t found; (found = searched.find(keyword, from)) != npos;) {
-        const std::size_t begin = line_begin(searched, end, from, found);
-        from = line_finish(searched, end, found);
-        forms[pattern % 3](text.subspan(begin, from - begin), keyword);
+    for (occurrence found; (found = find_keyword(searched, from)).position != npos;) {
+        const std::size_t begin = line_begin(searched, end, from, found.position);
+        from = line_finish(searched, end, found.position);
+        mask_line(text.subspan(begin, from - begin), {found.position - begin, found.patterns},
+                  patterns);
     }
 }
 
@@ -347,15 +433,17 @@ void REG_RemarkKeyInfo(char *buf, int dataLen)
     }
     std::uint32_t newline = PCRE2_NEWLINE_LF;
     (void)pcre2_config_8(PCRE2_CONFIG_NEWLINE, &newline);
+    const std::span text(buf, static_cast<std::size_t>(dataLen));
+    std::uint32_t own =
+        0; // not applied yet: a replaced pattern sees what those before it have left
     for (std::size_t pattern = 0; pattern < pattern_count; ++pattern) {
         pcre2_code_8 *re = table_entry(pattern).load();
-        if (re == nullptr) {
+        if (re == own_patterns[pattern]) {
+            own |= re == nullptr ? 0 : 1U << pattern;
             continue;
         }
-        if (re == own_patterns[pattern]) {
-            _conf_mask_values(std::span(buf, static_cast<std::size_t>(dataLen)), pattern, newline);
-        } else {
-            (void)REG_RemarkInfo(re, buf, dataLen);
-        }
+        _conf_mask_values(text, std::exchange(own, 0), newline);
+        (void)(re != nullptr && REG_RemarkInfo(re, buf, dataLen) != 0);
     }
+    _conf_mask_values(text, own, newline);
 }

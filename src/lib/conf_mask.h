@@ -17,9 +17,9 @@
 // search are reported on the standard output.
 int REG_RemarkInfo(pcre2_real_code_8 *re, char *buf, int dataLen);
 
-// Leaves in `text` what REG_RemarkInfo() leaves with pattern number `pattern` (0 to 20) of the
-// table, in time linear in the text. `newline` is the line end that the pattern was compiled with,
-// one of PCRE2_NEWLINE_*.
-void _conf_mask_values(std::span<char> text, std::size_t pattern, std::uint32_t newline);
+// Leaves in `text` what REG_RemarkInfo() leaves with one after the other of some patterns of the
+// table, in time linear in the text. Bit n of `patterns` stands for pattern n (0 to 20); `newline`
+// is the line end that they were compiled with, one of PCRE2_NEWLINE_*.
+void _conf_mask_values(std::span<char> text, std::uint32_t patterns, std::uint32_t newline);
 
 #endif

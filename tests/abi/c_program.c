@@ -34,6 +34,7 @@ static void use_containers(void)
     conf_dlq_init(&list);
     CHECK(conf_dlq_append(&list, &node) == 0 && conf_dlq_head(&list) == &node && list.num == 1);
     conf_buffer_destroy(buffer);
+    conf_hash_del(table, text);
     conf_hash_destroy(table);
     conf_vector_destroy(vector, NULL);
 }

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <libxml/parserInternals.h>
+#include <poll.h>
 #include <pthread.h>
 #include <pwd.h>
 #include <sys/epoll.h>
@@ -128,6 +129,24 @@ using namespace fault;
 #define UNFAILING(names)
 #include "calls.def"
 
+// A wait that nothing can end ends as if its time were over.
+template <typename poller>
+int wait_at_most(int limit, const char *name, poller look)
+{
+    const unsigned what = next(name, always | interrupted | timeout);
+    if (what == none) {
+        take_turn();
+    }
+    int count = what == none ? look() : what == timeout ? 0 : -1;
+    if (count == 0) {
+        waits.push_back("waited " + std::to_string(limit) + " ms");
+        count = limit < 0 ? -1 : 0;
+        hangs = hangs || (limit < 0 && what == none);
+    }
+    errno = count >= 0 ? errno : what == interrupted ? EINTR : EBADF;
+    return count;
+}
+
 extern "C" {
 
 int __wrap_snprintf(char *to, std::size_t room, const char *format, ...)
@@ -139,21 +158,14 @@ int __wrap_snprintf(char *to, std::size_t room, const char *format, ...)
     return length;
 }
 
-// A wait that nothing can end ends as if its time were over.
 int __wrap_epoll_wait(int epoll, epoll_event *events, int room, int limit)
 {
-    const unsigned what = next("epoll_wait", always | interrupted | timeout);
-    if (what == none) {
-        take_turn();
-    }
-    int count = what == none ? epoll_wait(epoll, events, room, 0) : what == timeout ? 0 : -1;
-    if (count == 0) {
-        waits.push_back("waited " + std::to_string(limit) + " ms");
-        count = limit < 0 ? -1 : 0;
-        hangs = hangs || (limit < 0 && what == none);
-    }
-    errno = count >= 0 ? errno : what == interrupted ? EINTR : EBADF;
-    return count;
+    return wait_at_most(limit, "epoll_wait", [&] { return epoll_wait(epoll, events, room, 0); });
+}
+
+int __wrap_poll(pollfd *states, nfds_t count, int limit)
+{
+    return wait_at_most(limit, "poll", [&] { return poll(states, count, 0); });
 }
 
 unsigned __wrap_sleep(unsigned seconds)

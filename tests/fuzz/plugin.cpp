@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <map>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -219,14 +220,11 @@ void start()
     (void)econf_plugin_activate(static_cast<int>(peer->in.below(3)));
 }
 
-} // namespace
-
-extern "C" int __real_epoll_wait(int epoll, epoll_event *events, int most, int limit);
-
-extern "C" int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int /*limit*/)
+template <typename poller>
+int wait_for(poller look)
 {
     for (;;) {
-        const int count = __real_epoll_wait(epoll, events, most, 0);
+        const int count = look();
         if (count != 0) {
             return count;
         }
@@ -236,6 +234,23 @@ extern "C" int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int /
         }
         peer->turn();
     }
+}
+
+} // namespace
+
+extern "C" {
+int __real_epoll_wait(int epoll, epoll_event *events, int most, int limit);
+int __real_poll(pollfd *states, nfds_t count, int limit);
+
+int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int /*limit*/)
+{
+    return wait_for([&] { return __real_epoll_wait(epoll, events, most, 0); });
+}
+
+int __wrap_poll(pollfd *states, nfds_t count, int /*limit*/)
+{
+    return wait_for([&] { return __real_poll(states, count, 0); });
+}
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -55,7 +55,7 @@ TEST_F(MaskTest, Forms)
     };
     for (const auto &[convention, end, other] : ends) {
         text = "key" + end + "key oldval=a,newval=b" + other + end + "c";
-        _conf_mask_values(text, 13, convention);
+        _conf_mask_values(text, 1U << 13, convention);
         EXPECT_EQ(text, "key" + end + "key oldval=*,newval=**" + end + "c") << convention;
     }
 }

@@ -102,6 +102,7 @@ TEST_F(ExchangeTest, BrokenConnectionEndsEitherExchange)
         },
     };
     for (const FakeDaemon::Script &script : breaks) {
+        leave_over("rest");
         daemon->play(script);
         EXPECT_EQ(exchange(), "");
         expect_idle();

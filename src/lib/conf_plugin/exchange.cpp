@@ -2,9 +2,10 @@
 // reply alone, and the recorded error that the next reply carries.
 // Relies on frame.cpp for the bytes and on envelope.cpp for the documents.
 //
-// A wait goes through an epoll instance that lives for one exchange. Before the first wait the
-// message is written at once: a Unix socket reports no room while more than a quarter of its buffer
-// is unread, although a write would still succeed.
+// Before the first wait the message is written at once: a Unix socket reports no room while more
+// than a quarter of its buffer is unread, although a write would still succeed. Where something is
+// left to write, the waits go through an epoll instance that lives for one exchange, whose events
+// tell of new room only. A wait for the reply alone needs none.
 #include "plugin_internal.h"
 #include "support/log.h"
 #include "wire.h"
@@ -14,6 +15,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <sys/epoll.h>
 
 char def_err_msg[] = "Service process failed.";
@@ -34,22 +36,50 @@ take amount_to_take()
 
 // Waits for one event, at most `limit` milliseconds since the last event or interruption. Returns
 // its bits; 0 means that the exchange has failed, with the cause logged.
-u32_t wait_for_event(const support::unique_fd &epoll, int limit)
+template <typename wait>
+u32_t wait_for_event(wait wait_once)
 {
-    epoll_event event{};
+    u32_t events = 0;
     int count;
     do {
-        count = epoll_wait(epoll.get(), &event, 1, limit);
+        count = wait_once(events);
     } while (count < 0 && errno == EINTR);
     if (count <= 0) {
         LOG_FILE_ERROR("Epoll wait failed(%s).", count == 0 ? "timeout" : std::strerror(errno));
         return 0;
     }
-    if ((event.events & failure_events) != 0) {
-        LOG_FILE_ERROR("An error epoll event occur(0x%x).", event.events);
+    if ((events & failure_events) != 0) {
+        LOG_FILE_ERROR("An error epoll event occur(0x%x).", events);
         return 0;
     }
-    return event.events;
+    return events;
+}
+
+u32_t wait_for_room(const support::unique_fd &epoll, int limit)
+{
+    return wait_for_event([&](u32_t &events) {
+        epoll_event event{};
+        const int count = epoll_wait(epoll.get(), &event, 1, limit);
+        events = event.events;
+        return count;
+    });
+}
+
+// The bits of poll() are those of epoll. Room is asked for only where the events are reported: it
+// is there most of the time.
+u32_t wait_for_bytes(int sock)
+{
+    return wait_for_event([&](u32_t &events) {
+        pollfd state = {sock, EPOLLIN | EPOLLRDHUP, 0};
+        const int count = poll(&state, 1, wire::request_wait);
+        events = static_cast<u32_t>(state.revents);
+        if ((events & failure_events) != 0) {
+            state.events |= EPOLLOUT;
+            (void)poll(&state, 1, 0);
+            events |= static_cast<u32_t>(state.revents);
+        }
+        return count;
+    });
 }
 
 void note_received(u32_t msg_id, int result)
@@ -81,12 +111,14 @@ int receive_reply(conf_plugin_data *plugin, u32_t msg_id, xmlNode **reply)
     return 0;
 }
 
-// Sends what is left of the request and receives until the reply is there.
+// Sends what is left of the request and receives until the reply is there. Without an epoll
+// instance nothing is left.
 int converse(conf_plugin_data *plugin, const support::unique_fd &epoll, u32_t msg_id,
              xmlNode **reply)
 {
     while (*reply == nullptr) {
-        const u32_t events = wait_for_event(epoll, wire::request_wait);
+        const u32_t events = epoll ? wait_for_room(epoll, wire::request_wait)
+                                   : wait_for_bytes(plugin->plugin_ctxt->sock);
         if (events == 0) {
             return -1;
         }
@@ -109,7 +141,7 @@ int converse(conf_plugin_data *plugin, const support::unique_fd &epoll, u32_t ms
 int write_out(conf_plugin_data *plugin, const support::unique_fd &epoll)
 {
     while (conf_buffer_length(plugin->plugin_ctxt->send_buf) > 0) {
-        const u32_t events = wait_for_event(epoll, wire::reply_wait);
+        const u32_t events = wait_for_room(epoll, wire::reply_wait);
         if (events == 0 || ((events & EPOLLOUT) != 0 && _send_message(plugin) != 0)) {
             return -1;
         }
@@ -152,13 +184,12 @@ int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
     if (_cache_message(plugin, rpc) != 0) {
         return -1;
     }
-    const u32_t msg_id = plugin->plugin_ctxt->rpc_id; // advances once the request is written
-    const support::unique_fd epoll = watch_socket(plugin->plugin_ctxt->sock, request_events);
-    if (epoll) {
-        (void)send_message_at_once(plugin); // what it leaves, the conversation sends or reports
-        if (converse(plugin, epoll, msg_id, reply) == 0) {
-            return 0;
-        }
+    const u32_t msg_id = plugin->plugin_ctxt->rpc_id;  // advances once the request is written
+    const bool is_sent = send_message_at_once(plugin); // else the conversation sends or reports it
+    const support::unique_fd epoll =
+        is_sent ? support::unique_fd() : watch_socket(plugin->plugin_ctxt->sock, request_events);
+    if ((is_sent || epoll) && converse(plugin, epoll, msg_id, reply) == 0) {
+        return 0;
     }
     drop_unsent(plugin);
     drop_received(plugin);
