@@ -13,4 +13,4 @@ ctest --test-dir "$build" --output-on-failure --no-tests=error --parallel "$2" \
     { cat "$build/fault.log"; exit 1; }
 gcovr --gcov-executable 'llvm-cov-14 gcov' --root . --filter src/lib/ --json "$build/coverage.json" \
     "$build"
-python3 scripts/coverage.py "$build/coverage.json" tests/uncovered.txt
+python3 scripts/coverage.py "$build/coverage.json"
