@@ -154,7 +154,7 @@ int main(int count, char **arguments)
     bench::enter_sandbox();
     for (const auto &path : paths) {
         if (count == 3 && path.name == arguments[1]) {
-            return path.take(std::atoi(arguments[2])) ? 0 : 1;
+            return path.take(static_cast<int>(std::strtol(arguments[2], nullptr, 10))) ? 0 : 1;
         }
     }
     std::fprintf(stderr, "usage: instructions PATH COUNT | versions\n");
