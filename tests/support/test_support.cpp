@@ -130,7 +130,7 @@ std::string print(xmlNode *node)
 {
     xmlBuffer *buffer = xmlBufferCreate();
     xmlNodeDump(buffer, nullptr, node, 0, 0);
-    const std::string text(reinterpret_cast<const char *>(xmlBufferContent(buffer)));
+    std::string text(reinterpret_cast<const char *>(xmlBufferContent(buffer)));
     xmlBufferFree(buffer);
     return text;
 }
