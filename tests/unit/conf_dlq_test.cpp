@@ -27,7 +27,7 @@ TEST_F(ListTest, RefusesForeignNodesAndIsEmptyAfterInitAndFree)
     conf_dlq_list_t other{};
     conf_dlq_node_t *const in = &nodes[0], *const out = &nodes[3], *const free = &nodes[2];
     EXPECT_EQ(conf_dlq_append(&other, out), 0);
-    EXPECT_EQ(conf_dlq_append(&list, in) + conf_dlq_insert(&list, nullptr, &nodes[1]), 0);
+    EXPECT_TRUE(!conf_dlq_append(&list, in) && !conf_dlq_insert(&list, nullptr, &nodes[1]));
     refused((conf_dlq_init(nullptr), 0), 0, ".");
     refused((conf_dlq_free(&list, nullptr), 0), 0, "(list=%, free_func=(nil)).", {&list});
     refused(conf_dlq_append(nullptr, free), -1, "(list=(nil), node=%).", {free});

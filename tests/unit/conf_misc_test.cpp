@@ -71,10 +71,11 @@ TEST_F(MiscTest, Descriptors)
         {0, 0, "80002018 0"},   {1, 7, "80002019 7"},          {2, 255, "8000201c ff"},
         {3, 42, "8000201d 2a"}, {~3, -1, "80002018 ffffffff"}, {-1, INT_MIN, "8000201d 80000000"},
     };
-    for (const auto &[events, para, registered] : rows) {
-        refused(conf_event_add(ep, fd, events, para), 0, "");
+    for (const auto &[mask, para, registered] : rows) {
+        refused(conf_event_add(ep, fd, mask, para), 0, "");
         EXPECT_EQ(registration(ep), registered);
-        EXPECT_EQ(conf_event_reset(ep, fd, ~events, 0) + conf_event_reset(ep, fd, events, para), 0);
+        EXPECT_EQ(conf_event_reset(ep, fd, ~mask, 0), 0);
+        EXPECT_EQ(conf_event_reset(ep, fd, mask, para), 0);
         EXPECT_EQ(registration(ep), registered);
         EXPECT_EQ(epoll_ctl(ep, EPOLL_CTL_DEL, fd, nullptr), 0);
     }
