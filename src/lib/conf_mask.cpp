@@ -101,9 +101,6 @@ std::size_t step_before(std::string_view literal, char read)
 // The position of the last `literal`, or npos.
 std::size_t find_last(std::string_view text, std::string_view literal)
 {
-    if (literal.size() == 1) {
-        return text.rfind(literal.front());
-    }
     if (text.size() < literal.size()) {
         return npos;
     }
@@ -434,16 +431,19 @@ void REG_RemarkKeyInfo(char *buf, int dataLen)
     std::uint32_t newline = PCRE2_NEWLINE_LF;
     (void)pcre2_config_8(PCRE2_CONFIG_NEWLINE, &newline);
     const std::span text(buf, static_cast<std::size_t>(dataLen));
-    std::uint32_t own =
-        0; // not applied yet: a replaced pattern sees what those before it have left
+    // Those not applied yet: a replaced pattern sees what the ones before it have left.
+    std::uint32_t own = 0;
     for (std::size_t pattern = 0; pattern < pattern_count; ++pattern) {
         pcre2_code_8 *re = table_entry(pattern).load();
-        if (re == own_patterns[pattern]) {
-            own |= re == nullptr ? 0 : 1U << pattern;
+        if (re == nullptr) {
             continue;
         }
-        _conf_mask_values(text, std::exchange(own, 0), newline);
-        (void)(re != nullptr && REG_RemarkInfo(re, buf, dataLen) != 0);
+        if (re == own_patterns[pattern]) {
+            own |= 1U << pattern;
+        } else {
+            _conf_mask_values(text, std::exchange(own, 0), newline);
+            (void)REG_RemarkInfo(re, buf, dataLen);
+        }
     }
     _conf_mask_values(text, own, newline);
 }

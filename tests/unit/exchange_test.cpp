@@ -3,8 +3,10 @@
 #include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 
+#include <csignal>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace test;
 
@@ -114,6 +116,17 @@ TEST_F(ExchangeTest, BrokenConnectionEndsEitherExchange)
         end();
         start();
     }
+}
+
+TEST_F(ExchangeTest, DescriptorClosedByTheProcessEndsTheWait)
+{
+    static int sock;
+    sock = context->sock;
+    std::signal(SIGALRM, [](int) { close(sock); });
+    (void)ualarm(100'000, 0); // while nobody answers
+    EXPECT_EQ(exchange(), "");
+    EXPECT_EQ(take_errors(), "Epoll wait failed(Bad file descriptor).");
+    context->sock = -1;
 }
 
 } // namespace

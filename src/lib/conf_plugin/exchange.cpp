@@ -34,8 +34,8 @@ take amount_to_take()
     return g_loop_generation == context_generation() ? take::everything : take::one_message;
 }
 
-// Waits for one event, at most `limit` milliseconds since the last event or interruption. Returns
-// its bits; 0 means that the exchange has failed, with the cause logged.
+// Waits for one event, with the whole limit again after an interruption. Returns its bits; 0 means
+// that the exchange has failed, with the cause logged.
 template <typename wait>
 u32_t wait_for_event(wait wait_once)
 {
@@ -72,6 +72,10 @@ u32_t wait_for_bytes(int sock)
     return wait_for_event([&](u32_t &events) {
         pollfd state = {sock, EPOLLIN | EPOLLRDHUP, 0};
         const int count = poll(&state, 1, wire::request_wait);
+        if ((state.revents & POLLNVAL) != 0) { // closed by somebody else, which ends no wait
+            errno = EBADF;
+            return -1;
+        }
         events = static_cast<u32_t>(state.revents);
         if ((events & failure_events) != 0) {
             state.events |= EPOLLOUT;
@@ -184,8 +188,10 @@ int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
     if (_cache_message(plugin, rpc) != 0) {
         return -1;
     }
-    const u32_t msg_id = plugin->plugin_ctxt->rpc_id;  // advances once the request is written
-    const bool is_sent = send_message_at_once(plugin); // else the conversation sends or reports it
+    const u32_t msg_id = plugin->plugin_ctxt->rpc_id; // advances once the request is written
+    const bool is_sent =
+        send_message_at_once(plugin) && conf_buffer_length(plugin->plugin_ctxt->send_buf) == 0;
+    // What is left, the conversation sends or reports.
     const support::unique_fd epoll =
         is_sent ? support::unique_fd() : watch_socket(plugin->plugin_ctxt->sock, request_events);
     if ((is_sent || epoll) && converse(plugin, epoll, msg_id, reply) == 0) {
