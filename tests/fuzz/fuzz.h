@@ -188,7 +188,7 @@ private:
     std::string word()
     {
         std::string made = text(40);
-        const auto is_special = [](char c) { return c == '<' || c == '&' || c < 0; };
+        const auto is_special = [](char c) { return c == '<' || c == '&' || (c & 0x80) != 0; };
         std::replace_if(made.begin(), made.end(), is_special, '_');
         return made;
     }

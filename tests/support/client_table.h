@@ -56,13 +56,20 @@ struct Words : std::unique_ptr<u32_t[], int (*)(const void *)> {
     Words() : unique_ptr(static_cast<u32_t *>(shmat(segment(), nullptr, 0)), shmdt) {}
 };
 
-inline int in_another_process(const std::function<int()> &body)
+// A process that does `body` and ends with what it returns, or with this one.
+inline pid_t start_process(const std::function<int()> &body)
 {
     const pid_t child = fork();
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         _exit(body());
     }
+    return child;
+}
+
+inline int in_another_process(const std::function<int()> &body)
+{
+    const pid_t child = start_process(body);
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     return status;

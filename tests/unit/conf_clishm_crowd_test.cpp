@@ -2,8 +2,8 @@
 // begin again.
 #include "client_table.h"
 
-#include <atomic>
 #include <cstdlib>
+#include <map>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <thread>
@@ -12,24 +12,19 @@ using namespace test;
 
 namespace {
 
-void in_threads(int count, const std::function<void(int number)> &body)
-{
-    std::vector<std::jthread> threads;
-    for (int number = 1; number <= count; ++number) {
-        threads.emplace_back(body, number);
-    }
-}
-
 TEST_F(ClientTable, SeveralThreadsMayCall)
 {
     both_ways(8, [] {
-        in_threads(8, [](int number) {
-            for (int round = 0; round < 300; ++round) {
-                EXPECT_EQ(save(record(number, static_cast<u32_t>(round))), 0);
-                EXPECT_EQ(look_up(number), round);
-                conf_free_client_info(number);
-            }
-        });
+        std::vector<std::jthread> threads;
+        for (int number = 1; number <= 8; ++number) {
+            threads.emplace_back([number] {
+                for (int round = 0; round < 300; ++round) {
+                    EXPECT_EQ(save(record(number, static_cast<u32_t>(round))), 0);
+                    EXPECT_EQ(look_up(number), round);
+                    conf_free_client_info(number);
+                }
+            });
+        }
     });
 }
 
@@ -64,15 +59,25 @@ TEST_F(ClientTable, LosesAndDoublesNothingWhenProcessesAreKilled)
         for (int other = 1; other <= others; ++other) {
             EXPECT_EQ(save(record(-other)), 0);
         }
-        std::atomic<unsigned> lives = 0;
-        in_threads(workers, [&](int worker) {
-            int status = SIGALRM;
-            while (status == SIGALRM) { // is how the timer ends a process
-                const unsigned life = ++lives;
-                status = in_another_process([&] { return live(done[worker], worker, life); });
+        unsigned lives = 0;
+        std::map<pid_t, int> alive;
+        const auto begin = [&](int worker) {
+            ++lives;
+            alive[start_process([&] { return live(done[worker], worker, lives); })] = worker;
+        };
+        for (int worker = 1; worker <= workers; ++worker) {
+            begin(worker);
+        }
+        while (!alive.empty()) {
+            int status = -1;
+            const auto ended = alive.extract(wait(&status));
+            ASSERT_FALSE(ended.empty());
+            if (status == SIGALRM) { // is how the timer ends a process
+                begin(ended.mapped());
+            } else {
+                EXPECT_EQ(status, 0) << "an operation gave a wrong result";
             }
-            EXPECT_EQ(status, 0) << "an operation gave a wrong result";
-        });
+        }
         EXPECT_GT(lives, static_cast<unsigned>(workers));
         for (int pid = -others; pid <= workers; ++pid) {
             EXPECT_TRUE(pid == 0 || look_up(pid) >= 0) << "lost or pushed out by a double";
