@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <numeric>
 #include <sanitizer/allocator_interface.h>
 #include <sanitizer/lsan_interface.h>
 #include <sstream>
@@ -99,6 +100,19 @@ std::string difference(const std::vector<std::string> &normal,
     return text.empty() ? same : text;
 }
 
+using lengths = std::vector<std::size_t>;
+
+// The lengths to which a transfer is cut.
+lengths parts(std::size_t size, bool every)
+{
+    if (size < 2 || !every) {
+        return size < 2 ? lengths{} : lengths{1, size / 2, size - 1};
+    }
+    lengths all(size - 1);
+    std::iota(all.begin(), all.end(), 1);
+    return all;
+}
+
 std::string damage()
 {
     return stage->damage[0] == '\0' ? "" : damage_mark + stage->damage.data() + '\n';
@@ -115,6 +129,8 @@ std::vector<result> play_all(const story &played, bool quick)
         played.subject == about::documents || played.subject == about::plugin;
     const std::size_t allocations = has_documents && !quick ? stage->counted[1] : 0;
     const std::size_t growth = stage->growth;
+    // A cut line of a log is another text at each length.
+    const bool every_length = !quick && played.subject != about::logs;
     std::vector<result> results = {{"none", "story", stage->first.data() + damage()}};
     const auto add = [&](const std::string &kind, const std::string &name, const point &where) {
         play(played, where, growth);
@@ -133,22 +149,16 @@ std::vector<result> play_all(const story &played, bool quick)
         const struct {
             unsigned kind;
             const char *name;
-            std::size_t size = 0;
-        } faults[] = {{once, "once"},
-                      {ever, "ever"},
-                      {interrupted, "EINTR"},
-                      {again, "EAGAIN"},
-                      {timeout, "timeout"},
-                      {broken, "broken"},
-                      {stuck, "stuck"},
-                      {cut, "cut to 1", 1},
-                      {cut, "cut to half", size / 2},
-                      {cut, "cut by 1", size - 1}};
+        } faults[] = {{once, "once"},    {ever, "ever"},       {interrupted, "EINTR"},
+                      {again, "EAGAIN"}, {timeout, "timeout"}, {broken, "broken"},
+                      {stuck, "stuck"}};
         for (const auto &fault : faults) {
-            if ((kinds & fault.kind) != 0 && !(quick && fault.kind == ever) &&
-                (fault.kind != cut || size > 1)) {
-                add(fault.name, name + ('#' + number), {fault.kind, at, fault.size});
+            if ((kinds & fault.kind) != 0 && !(quick && fault.kind == ever)) {
+                add(fault.name, name + ('#' + number), {fault.kind, at});
             }
+        }
+        for (const std::size_t part : (kinds & cut) == 0 ? lengths{} : parts(size, every_length)) {
+            add("cut", name + ('#' + number), {cut, at, part});
         }
     }
     for (std::size_t number = 1; number <= allocations; ++number) {

@@ -2,6 +2,7 @@
 #include "lane.h"
 
 #include <cstdio>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace fault {
@@ -108,6 +109,14 @@ void read_value(const std::string &name, int (*call)(conf_context_t *, char *, c
     xmlFreeNode(value.data);
 }
 
+conf_buffer_t *filled(int length)
+{
+    std::string filling(static_cast<std::size_t>(length), 'x');
+    conf_buffer_t *buffer = conf_buffer_create(1000);
+    (void)conf_buffer_append(&buffer, filling.data(), length);
+    return buffer;
+}
+
 } // namespace
 
 const story registration("registration", about::plugin, [] {
@@ -124,6 +133,46 @@ const story registration("registration", about::plugin, [] {
         step("delete record", del_plugin_from_hash);
     }
     note("hooks", get_plugin_hooks());
+});
+
+// Whose memory is short from the first call on.
+const story no_record("no_record", about::calls, [] {
+    const node_ptr data(test::parse("<name>a</name>"));
+    step("activate", [] { return econf_plugin_activate(ACTIVATE_WITH_NONE); });
+    step("deactivate", econf_plugin_deactivate);
+    write_all(data.get());
+    step("error", [] { econf_plugin_error(5, "no"); });
+    step("run", [] { return conf_run(nullptr, 0); });
+    step("reply", [&] { return conf_send_reply(1, data.get(), data.get()); });
+    step("hooks", get_plugin_hooks);
+});
+
+// Messages that make the buffers grow.
+const story full_buffers("full_buffers", about::calls, [] {
+    const node_ptr rpc(test::parse(test::kick_off));
+    conf_plugin_context_t context{};
+    conf_plugin_data plugin{};
+    plugin.plugin_ctxt = &context;
+    for (const int room : {5, 30}) { // for no head, or no body
+        context.send_buf = filled(4087 - room);
+        step("queue", [&] { return _cache_message(&plugin, rpc.get()); });
+        note("queued", conf_buffer_length(context.send_buf));
+        conf_buffer_destroy(context.send_buf);
+    }
+    int ends[2] = {-1, -1};
+    (void)socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends);
+    const std::string bytes = test::framed(std::string(4100, ' '));
+    context.sock = ends[0];
+    context.recv_buf = filled(0);
+    (void)conf_buffer_append(&context.recv_buf, const_cast<char *>(bytes.data()), 4080);
+    (void)!write(ends[1], bytes.data() + 4080, bytes.size() - 4080);
+    bool_t ready = 0;
+    step("receive", [&] { return _recv_message(&plugin, &ready); });
+    note("ready", static_cast<int>(ready));
+    note("received", conf_buffer_length(context.recv_buf));
+    conf_buffer_destroy(context.recv_buf);
+    close(ends[0]);
+    close(ends[1]);
 });
 
 const story changes("changes", about::plugin, [] {

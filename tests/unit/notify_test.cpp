@@ -56,11 +56,15 @@ TEST_F(Notify, RefusesNullArguments)
     EXPECT_EQ(econf_notify(nullptr, &node), -1);
     EXPECT_EQ(econf_notify(event, nullptr), -1);
     EXPECT_EQ(conf_notify(nullptr, text), -1);
+    EXPECT_EQ(conf_notify(event, nullptr), -1);
     EXPECT_EQ(conf_notify_nonblock(event, nullptr), -1);
+    EXPECT_EQ(conf_notify_nonblock(nullptr, text), -1);
     const std::string wrong = "Error input parameter(", no_data = place(event) + ", node=(nil)).";
+    const std::string no_list = wrong + "list=(nil), node=" + place(text) + ").";
     EXPECT_EQ(take_errors(), wrong + "name=(nil), node=" + place(&node) + ").\n" + wrong + "name=" +
-                                 no_data + "\n" + wrong + "list=(nil), node=" + place(text) + ").");
-    EXPECT_EQ(take_system_texts(), strings{"<11>[ERROR] " + wrong + "list=" + no_data});
+                                 no_data + "\n" + no_list + "\n" + wrong + "list=" + no_data);
+    EXPECT_EQ(take_system_texts(),
+              (strings{"<11>[ERROR] " + wrong + "list=" + no_data, "<11>[ERROR] " + no_list}));
 }
 
 } // namespace

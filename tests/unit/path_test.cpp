@@ -33,6 +33,7 @@ TEST_F(Path, Examples)
         {plugin_path_std2db, "/m-a:top/item/m-b:ext/leaf", "/m-a/top/item/m-b:ext/leaf"},
         {plugin_path_std2db, "/m-a/top/item[name='x']/leaf", "/m-a/top/item[name='x']/leaf"},
         {plugin_path_std2db, "/m-a", "/m-a"},
+        {plugin_path_std2db, ":top", "/top"},
         {plugin_path_std2db, "", ""},
         {rm_quotes, R"(/x[k1="p/1=",k2=""]/y[k="2"])", "/x[k1=p/1=,k2=]/y[k=2]"},
         {rm_quotes, R"(/x[k="a,b"]/y[k="v")", R"(/x[k="a,b"]/y[k="v")"},

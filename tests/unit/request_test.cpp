@@ -196,11 +196,14 @@ TEST_F(RequestTest, NothingIsSentUnlessActiveOrWithNullArguments)
     EXPECT_EQ(list, nullptr);
     EXPECT_EQ(econf_plugin_locate(0, path, nullptr), -1);
     EXPECT_EQ(econf_plugin_push(path, nullptr), -1);
+    EXPECT_EQ(econf_plugin_push(nullptr, data), -1);
+    EXPECT_EQ(econf_plugin_config_deployment(path, 0, nullptr), -1);
     EXPECT_EQ(econf_plugin_config_deployment(nullptr, 0, data), -1);
     const std::string no_path = "Input parameters error(path=(nil), result=";
     const std::string no_data = "Input parameters error(path=" + place(path) + ", result=(nil)).\n";
-    EXPECT_EQ(take_errors(),
-              no_path + place(&list) + ").\n" + no_data + no_data + no_path + place(data) + ").");
+    const std::string with_data = no_path + place(data) + ").";
+    EXPECT_EQ(take_errors(), no_path + place(&list) + ").\n" + no_data + no_data + with_data +
+                                 "\n" + no_data + with_data);
     EXPECT_EQ(peer->received(), strings());
 }
 
