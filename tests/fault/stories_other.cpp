@@ -171,11 +171,21 @@ const story table_of_another_process("client_table_of_another_process", about::c
 
 const story messages("messages", about::documents, [] {
     const std::string body = "<reply>" + test::error("5", "no") + "</reply>";
+    // Comes to the parser in pieces.
+    const std::string long_text =
+        "<a>" + std::string(600, 'x') + "&amp;" + std::string(2000, 'x') + "</a>";
     std::string stream = test::framed(body);
     conf_buffer_t *buffer = conf_buffer_create(1000);
     (void)conf_buffer_append(&buffer, stream.data(), static_cast<int>(stream.size()));
     xmlNode *message = step("parse", [&] { return plugin_parse_message(&buffer); });
     note_size(buffer, "buffer");
+    stream = test::framed(long_text);
+    (void)conf_buffer_append(&buffer, stream.data(), static_cast<int>(stream.size()));
+    step("parse long", [&] {
+        const wiped_node whole(plugin_parse_message(&buffer));
+        const char *content = whole ? conf_get_node_content(whole.get()) : nullptr;
+        return content == nullptr ? -1 : static_cast<int>(std::strlen(content));
+    });
     conf_buffer_destroy(buffer);
 
     xmlNode *result = nullptr;

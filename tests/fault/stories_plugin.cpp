@@ -101,6 +101,18 @@ void serve(const std::vector<std::pair<const char *, std::string>> &requests)
     note_state();
 }
 
+// With whole messages, so that the daemon does not mind.
+void fill_socket()
+{
+    if (const conf_plugin_context_t *context = get_plugin_context()) {
+        const int least = 1;
+        (void)setsockopt(context->sock, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
+        const std::string filling = test::framed("<filling/>");
+        while (send(context->sock, filling.data(), filling.size(), MSG_NOSIGNAL) > 0) {
+        }
+    }
+}
+
 void read_value(const std::string &name, int (*call)(conf_context_t *, char *, conf_val_t *))
 {
     conf_val_t value{};
@@ -161,7 +173,7 @@ const story full_buffers("full_buffers", about::calls, [] {
     }
     int ends[2] = {-1, -1};
     (void)socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends);
-    const std::string bytes = test::framed(std::string(4100, ' '));
+    const std::string bytes = test::framed("<a>" + std::string(4100, 'x') + "</a>");
     context.sock = ends[0];
     context.recv_buf = filled(0);
     (void)conf_buffer_append(&context.recv_buf, const_cast<char *>(bytes.data()), 4080);
@@ -170,6 +182,9 @@ const story full_buffers("full_buffers", about::calls, [] {
     step("receive", [&] { return _recv_message(&plugin, &ready); });
     note("ready", static_cast<int>(ready));
     note("received", conf_buffer_length(context.recv_buf));
+    step("parse",
+         [&] { return wiped_node(plugin_parse_message(&plugin.plugin_ctxt->recv_buf)) ? 0 : -1; });
+    note("size", context.recv_buf->total);
     conf_buffer_destroy(context.recv_buf);
     close(ends[0]);
     close(ends[1]);
@@ -205,6 +220,17 @@ const story writing("writing", about::plugin, [] {
     const node_ptr data(test::parse("<name>a</name>"));
     start();
     write_all(data.get());
+    note_state();
+});
+
+// A request and a reply for which the socket has no room at first.
+const story no_room("no_room", about::plugin, [] {
+    start();
+    fill_socket();
+    step("save", econf_plugin_save_deployment);
+    ask(test::kick_off);
+    fill_socket();
+    step("kick-off", econf_plugin_run);
     note_state();
 });
 

@@ -77,15 +77,12 @@ TEST_F(ExchangeTest, WaitsForRoomOnlyWhereThereIsNone)
 {
     const int room = 4096;
     ASSERT_EQ(setsockopt(context->sock, SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
-    std::signal(SIGALRM, [](int) {});
-    (void)ualarm(1000, 1000); // interrupts the waits
     EXPECT_EQ(request_of([this] { exchange(large); }), rpc("pull", large, "3"));
     std::string body;
     daemon->play([&](Peer &p) { body = p.receive(); });
     EXPECT_EQ(send_reply(large), 0);
     EXPECT_EQ(daemon->finish().head().seq, 3);
     EXPECT_EQ(body, reply(large, "8"));
-    (void)ualarm(0, 0);
 
     // About a quarter of the buffer suffices for epoll to report no room: a wait would be in vain.
     pollfd sock{context->sock, POLLOUT, 0};

@@ -168,6 +168,8 @@ TEST_F(RequestTest, InsideTheDaemon)
     }
     econf_plugin_error(4, "text");
     EXPECT_EQ(take_errors(), "Confd doesn't inject conf_plugin_error function.");
+    EXPECT_EQ(conf_send_reply(4, data, data), -1);
+    EXPECT_EQ(take_errors(), "WARN: conf_send_reply is obsolete.");
     get_plugin_from_hash()->confd_hooks = &hooks;
     econf_plugin_error(4, "text");
     EXPECT_EQ(asked, "4text");

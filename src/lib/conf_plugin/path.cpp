@@ -161,7 +161,7 @@ char *plugin_path_std2db(const char *data_path)
     if (path == nullptr || path[0] == '\0') {
         return path;
     }
-    char *colon = path[0] == ':' ? path : std::strchr(path + 1, ':');
+    char *colon = std::strchr(path, ':'); // never the first character
     if (colon != nullptr) {
         *colon = '/';
     }
