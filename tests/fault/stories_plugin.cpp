@@ -29,7 +29,10 @@ int changed(const char *which)
 
 int asked(const char *which, xmlNode **status)
 {
-    *status = is_refused(which) ? nullptr : made_outside("<up>1</up>");
+    static xmlNode *const own = made_outside("<own><up>1</up></own>");
+    *status = is_refused(which)                 ? nullptr
+              : std::strcmp(which, "/own") == 0 ? own->children
+                                                : made_outside("<up>1</up>");
     return is_refused(which) ? 23 : 0;
 }
 
@@ -199,6 +202,7 @@ const story changes("changes", about::plugin, [] {
 
 const story status_and_operations("status_and_operations", about::plugin, [] {
     serve({{"status", test::subscribe("<path>/state</path>")},
+           {"status of the plugin's own", test::subscribe("<path>/own</path>")},
            {"status refused", test::subscribe("<path>/refuse</path>")},
            {"operation", test::operate("<in>1</in>")},
            {"operation without input", test::operate("")}});

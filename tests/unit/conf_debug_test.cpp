@@ -108,6 +108,9 @@ TEST_F(Logs, SystemLog)
         EXPECT_EQ(errno, ENOTTY);
         EXPECT_TRUE(test::take_system_log() == strings{expected}) << expected.substr(0, 80);
     }
+    const char *const nothing = nullptr;
+    safety_syslog(syslog_error, nothing);
+    EXPECT_EQ(test::take_system_log(), strings());
     const std::string place = "conf_debug_test.cpp:" + std::to_string(__LINE__ + 1);
     LOG_SYSTEM_DEBUG("d %s", "e"), LOG_SYSTEM_INFO("c");
     EXPECT_EQ(test::take_system_log(),

@@ -159,6 +159,13 @@ TEST_F(Frame, CutsOutAndParsesTheFirstMessage)
         EXPECT_TRUE(idles(context->recv_buf));
         conf_buffer_flush(context->recv_buf);
     }
+    conf_buffer_t *none = nullptr;
+    EXPECT_EQ(plugin_parse_message(nullptr), nullptr);
+    EXPECT_EQ(plugin_parse_message(&none), nullptr);
+    leave_over(next.substr(0, next.size() - 1));
+    EXPECT_EQ(plugin_parse_message(&context->recv_buf), nullptr);
+    EXPECT_EQ(contents(context->recv_buf), next.substr(0, next.size() - 1));
+    conf_buffer_flush(context->recv_buf);
 }
 
 } // namespace

@@ -60,6 +60,8 @@ TEST_F(LoopTest, RefusesWhatHasNoCallback)
         {publish("Config", ""), "", failed("-1", "Unknown publish type.")},
         {rpc("publish", "<params><type>config</type></params>", "17"), "",
          failed("-1", "Error publish rpc message.")},
+        {rpc("publish", "<params><info/></params>", "17"), "",
+         failed("-1", "Error publish rpc message.")},
         {rpc("no&lt;", "<params/>", "17"), "", unknown},
         {rpc("no", "<params/>", "0"), "", "", {}, "[WARN] - Receive an unknown rpc method no."},
         {"<rpc><method>kickoff</method><id>17</id></rpc>",
@@ -98,11 +100,13 @@ TEST_F(LoopTest, ConfigurationChanges)
         {config("/a/b[name=\"x\"]/c"), "config 3 1 0 10 /a/b[name=x]/c", ok},
         {rpc("publish", "<params><info/><callback>1</callback><type>config</type></params>", "17"),
          none, ok},
-        // The last of repeated elements counts; text behind a comment does not.
+        // The last of repeated elements counts, unknown ones do not; nor does text behind a
+        // comment.
         {publish("operate",
-                 "<oper-type>1</oper-type><oper-type>2</oper-type><more-flag>5</more-flag>"
+                 "<oper-type>1</oper-type><oper-type>2</oper-type><more-flag>5</more-flag><x/>"
                  "<more-flag/><priority><!--9-->9</priority><path>/a</path><path>/b</path>",
-                 "<type>config</type><session-id>8</session-id>" + callback("4") + callback("1")),
+                 "<x/><type>config</type><session-id>8</session-id>" + callback("4") +
+                     callback("1")),
          "config 8 2 5 0 /b", ok},
         {publish("config", "<path>/a</path><path/>"), "config 3 0 0 0 null", ok},
         {publish("config",
@@ -164,7 +168,7 @@ TEST_F(LoopTest, Operations)
         {asks, status, result(path + "<data><s>1</s><t/></data>"), gives(nodes_of("<s>1</s><t/>"))},
         {asks, status, result(path + "<data><x/></data>"),
          gives([=](xmlNode *) { return own->children; })},
-        {rpc("subscribe", "<params><filter/><callback>2</callback></params>", "17"),
+        {rpc("subscribe", "<params><filter/><x/><callback>2</callback></params>", "17"),
          "status -1 null null", result("<path/><data/>")},
         {asks, status, result(path + "<data/>"), records(0, 9, "stale")},
         {asks, status, failed("5"), {5, {}, nodes_of("<s/>")}},

@@ -72,6 +72,11 @@ TEST_F(Xml, NothingOfAMalformedBodyIsPrintedAndTheHostKeepsItsHandler)
 TEST_F(Xml, WipesTextsAndNothingElse)
 {
     clean_xml_content(nullptr);
+    wipe_and_free(nullptr);
+    const node_ptr fragment(xmlNewDocFragment(nullptr)); // of a plugin's
+    xmlAddChildList(fragment.get(), parse("<a>secret</a>"));
+    clean_xml_content(fragment.get());
+    EXPECT_EQ(list_of(fragment->children), "<a></a>");
     const node_ptr root(
         parse("<a><b>secret</b>x<c k=\"k\">x</c><![CDATA[k]]>y<!--k--><?k k?>z</a>"));
     clean_xml_content(root.get());

@@ -145,8 +145,7 @@ int converse(conf_plugin_data *plugin, const support::unique_fd &epoll, u32_t ms
 int write_out(conf_plugin_data *plugin, const support::unique_fd &epoll)
 {
     while (conf_buffer_length(plugin->plugin_ctxt->send_buf) > 0) {
-        const u32_t events = wait_for_room(epoll, wire::reply_wait);
-        if (events == 0 || ((events & EPOLLOUT) != 0 && _send_message(plugin) != 0)) {
+        if (wait_for_room(epoll, wire::reply_wait) == 0 || _send_message(plugin) != 0) {
             return -1;
         }
     }
