@@ -54,15 +54,47 @@ benchmark::internal::Benchmark *add(const std::string &name, function body)
 
 // One operation in each iteration, for as long as Google Benchmark wants.
 template <typename function>
-void repeat(benchmark::State &state, function operate, int batch = 1)
+void repeat(benchmark::State &state, function operate)
 {
-    while (state.KeepRunningBatch(batch)) {
+    while (state.KeepRunning()) {
         if (!operate()) {
             state.SkipWithError("failed");
             return;
         }
     }
 }
+
+// How far the handling of operations has come that a peer pushes in bursts. The peer may run as
+// soon as a burst is answered, so that whoever handles it finds the next one and goes on without
+// end: each operation is counted where it is handled, and there the measuring ends.
+class progress {
+public:
+    progress(benchmark::State &state, int burst)
+        : state_(state), burst_(burst), going_(state.KeepRunningBatch(burst))
+    {
+    }
+    [[nodiscard]] bool going() const { return going_; }
+    void one_handled(bool good)
+    {
+        if (!good) {
+            fail();
+        } else if (++handled_ == burst_) {
+            handled_ = 0;
+            going_ = state_.KeepRunningBatch(burst_);
+        }
+    }
+    void fail()
+    {
+        state_.SkipWithError("failed");
+        going_ = false;
+    }
+
+private:
+    benchmark::State &state_;
+    int burst_;
+    int handled_ = 0;
+    bool going_;
+};
 
 // A process with the other end of a stream; `body` gets that end.
 template <typename function>
