@@ -92,7 +92,7 @@ void growth(benchmark::State &state, std::size_t size, bool kept)
     const plugin active(bench::serve);
     const std::string path = '/' + std::to_string(size);
     bool good = pull(path);
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         state.PauseTiming();
         if (kept) {
             void *volatile block = std::malloc(4096); // makes the C library merge what is free

@@ -302,7 +302,9 @@ constexpr std::pair<level, const char *> rows[] = {{level::raw, "raw"},
 int main(int count, char **arguments)
 {
     bench::prepare();
-    for (const auto &[what, name] : rows) {
+    for (const auto &row : rows) {
+        const level what = row.first;
+        const char *const name = row.second;
         for (const std::size_t size : bench::pull_sizes) {
             bench::add(bench::name_of("pull", name, size),
                        [=](benchmark::State &state) { ask(state, what, size); });
