@@ -7,11 +7,14 @@
 
 namespace {
 
-int handled = 0;
+bench::progress *operations = nullptr;
 
 int on_operation(int /*session*/, xmlNode * /*input*/, xmlNode ** /*output*/)
 {
-    ++handled;
+    operations->one_handled(true);
+    if (!operations->going()) {
+        econf_plugin_close();
+    }
     return 0;
 }
 
@@ -30,8 +33,8 @@ public:
         });
         (void)close(listener);
         char path[] = "/demo:reset";
-        econf_operate_cb_info_t operations[] = {{path, on_operation}, {nullptr, nullptr}};
-        econf_plugin_subpub_info_t callbacks{nullptr, nullptr, operations, nullptr};
+        econf_operate_cb_info_t callback[] = {{path, on_operation}, {nullptr, nullptr}};
+        econf_plugin_subpub_info_t callbacks{nullptr, nullptr, callback, nullptr};
         if (econf_plugin_init("bench", &callbacks) < 0 ||
             econf_plugin_activate(ACTIVATE_WITH_NONE) != 0) {
             bench::give_up("plugin");
@@ -53,17 +56,14 @@ void pushed(benchmark::State &state, int depth)
 {
     const plugin active([=](int sock) { bench::push(sock, depth); });
     pollfd socket{conf_plg_get_hconf(nullptr), POLLIN, 0};
-    int wanted = handled = 0;
-    bench::repeat(
-        state,
-        [&] {
-            // One call may also handle what the daemon sends next.
-            for (wanted += depth; handled < wanted && poll(&socket, 1, -1) == 1;) {
-                econf_plugin_run();
-            }
-            return handled >= wanted;
-        },
-        depth);
+    bench::progress handled(state, depth);
+    operations = &handled;
+    while (handled.going()) {
+        if (poll(&socket, 1, -1) != 1 || socket.revents != POLLIN) {
+            handled.fail();
+        }
+        econf_plugin_run();
+    }
 }
 
 bool pull(const std::string &path)
@@ -92,7 +92,7 @@ void growth(benchmark::State &state, std::size_t size, bool kept)
     const plugin active(bench::serve);
     const std::string path = '/' + std::to_string(size);
     bool good = pull(path);
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         state.PauseTiming();
         if (kept) {
             void *volatile block = std::malloc(4096); // makes the C library merge what is free

@@ -1,18 +1,16 @@
 // The floor of the message path, in four rows. Each sends and receives the same bytes over a Unix
-// stream socket, to the same daemon as the library.
+// stream socket, to the same daemon as the library:
 //
-//     raw              one system call to send and one to receive, nothing else
-//     raw+calls        the system calls of a plain implementation, and the copies that go with
-//     them,
-//                      but constant text instead of documents
-//     raw+calls+parse  for pulls: and one parse of the reply, which is read where it is, wiped,
-//     freed raw+calls+xml    and what a plain implementation asks of libxml2. To send: it builds
-//     the
-//                      document (elements, text children, ids as text), dumps it into an
-//                      xmlBuffer and frees both. To receive: it parses a filtered copy of the
-//                      bytes, copies the root out of the document, wipes and frees the document,
-//                      walks the copy for its parts, wipes and frees it. A pull also copies the
-//                      list below <data>, which it then frees for the caller.
+// - raw: one system call to send and one to receive, nothing else.
+// - raw+calls: the system calls of a plain implementation, and the copies that go with them, but
+//   constant text instead of documents.
+// - raw+calls+parse, for pulls: and one parse of the reply, which is read where it is, wiped and
+//   freed.
+// - raw+calls+xml: and what a plain implementation asks of libxml2. To send: it builds the document
+//   (elements, text children, ids as text), dumps it into an xmlBuffer and frees both. To receive:
+//   it parses a filtered copy of the bytes, copies the root out of the document, wipes and frees
+//   the document, walks the copy for its parts, wipes and frees it. A pull also copies the list
+//   below <data>, which it then frees for the caller.
 //
 // A plain implementation waits before it writes and before it reads, with an epoll instance for
 // each exchange; reads 1024 bytes at a time; queues what it sends; and re-maps its buffer
@@ -33,8 +31,7 @@ struct free_document {
 using document = std::unique_ptr<xmlDoc, free_document>;
 using tree = std::unique_ptr<xmlNode, free_document>;
 
-// ---- documents
-// -----------------------------------------------------------------------------------
+// ---- documents ----------------------------------------------------------------------------------
 
 const xmlChar *chars(const char *text)
 {
@@ -93,8 +90,7 @@ tree reply_to(long id)
     return reply;
 }
 
-// ---- the plain implementation
-// --------------------------------------------------------------------
+// ---- the plain implementation -------------------------------------------------------------------
 
 class client {
 public:
@@ -202,8 +198,7 @@ private:
     bench::plain_buffer out_;
 };
 
-// ---- the works
-// -----------------------------------------------------------------------------------
+// ---- the works ----------------------------------------------------------------------------------
 
 // A request and its reply of `size` bytes, the small one when that is 0.
 void ask(benchmark::State &state, level what, std::size_t size)
@@ -262,8 +257,7 @@ void pushed(benchmark::State &state, level what, int depth)
     const std::string reply = bench::framed(std::string(bench::operation_reply));
     std::string bytes(bench::framed(std::string(bench::operation)).size(), 0);
     client plain(sock, what);
-    int handled = 0;
-    int wanted = 0;
+    bench::progress operations(state, depth);
 
     const auto answer = [&] {
         if (what == level::calls) {
@@ -281,32 +275,19 @@ void pushed(benchmark::State &state, level what, int depth)
         wipe(rpc.get());
         return good && plain.exchange(false);
     };
-    const auto loop = [&] {
-        pollfd events{sock, POLLIN, 0};
-        for (wanted += depth; handled < wanted;) {
-            if (poll(&events, 1, -1) != 1) {
-                return false;
-            }
-            for (; plain.receive(); ++handled) {
-                if (!answer()) {
-                    return false;
-                }
-            }
-        }
-        return true;
-    };
     const auto raw = [&] {
-        bool good = true;
-        for (int i = 0; i < depth; ++i) {
-            good = good && recv(sock, bytes.data(), bytes.size(), MSG_WAITALL) > 0 &&
-                   bench::send_all(sock, reply);
-        }
-        return good;
+        return recv(sock, bytes.data(), bytes.size(), MSG_WAITALL) > 0 &&
+               bench::send_all(sock, reply);
     };
-    if (what == level::raw) {
-        bench::repeat(state, raw, depth);
-    } else {
-        bench::repeat(state, loop, depth);
+    pollfd events{sock, POLLIN, 0};
+    while (operations.going()) {
+        if (what == level::raw) {
+            operations.one_handled(raw());
+        } else if (plain.receive()) {
+            operations.one_handled(answer());
+        } else if (poll(&events, 1, -1) != 1 || events.revents != POLLIN) {
+            operations.fail();
+        }
     }
     (void)close(sock);
 }
@@ -321,7 +302,9 @@ constexpr std::pair<level, const char *> rows[] = {{level::raw, "raw"},
 int main(int count, char **arguments)
 {
     bench::prepare();
-    for (const auto &[what, name] : rows) {
+    for (const auto &row : rows) {
+        const level what = row.first;
+        const char *const name = row.second;
         for (const std::size_t size : bench::pull_sizes) {
             bench::add(bench::name_of("pull", name, size),
                        [=](benchmark::State &state) { ask(state, what, size); });

@@ -52,17 +52,52 @@ benchmark::internal::Benchmark *add(const std::string &name, function body)
         ->Unit(benchmark::kMicrosecond);
 }
 
-// One operation in each iteration, for as long as Google Benchmark wants.
+// One operation in each iteration, for as long as Google Benchmark wants, after one that does not
+// count: that one connects what connects late, and lets the peer build its reply.
 template <typename function>
-void repeat(benchmark::State &state, function operate, int batch = 1)
+void repeat(benchmark::State &state, function operate)
 {
-    while (state.KeepRunningBatch(batch)) {
-        if (!operate()) {
+    bool good = operate();
+    while (state.KeepRunning()) {
+        if (!good) {
             state.SkipWithError("failed");
             return;
         }
+        good = operate();
     }
 }
+
+// How far the handling of operations has come that a peer pushes in bursts. The peer may run as
+// soon as a burst is answered, so that whoever handles it finds the next one and goes on without
+// end: each operation is counted where it is handled, and there the measuring ends.
+class progress {
+public:
+    progress(benchmark::State &state, int burst)
+        : state_(state), burst_(burst), going_(state.KeepRunningBatch(burst))
+    {
+    }
+    [[nodiscard]] bool going() const { return going_; }
+    void one_handled(bool good)
+    {
+        if (!good) {
+            fail();
+        } else if (++handled_ == burst_) {
+            handled_ = 0;
+            going_ = state_.KeepRunningBatch(burst_);
+        }
+    }
+    void fail()
+    {
+        state_.SkipWithError("failed");
+        going_ = false;
+    }
+
+private:
+    benchmark::State &state_;
+    int burst_;
+    int handled_ = 0;
+    bool going_;
+};
 
 // A process with the other end of a stream; `body` gets that end.
 template <typename function>

@@ -40,6 +40,19 @@ def facts(build):
     }
 
 
+def parts_of(name):
+    return [part for part in name.split("/")
+            if part not in IGNORED and ":" not in part.replace("::", "")]
+
+
+def selected_of(program, wanted):
+    """The expression by which the program selects each WORK/CONTENDER[/SIZE] that is wanted."""
+    names = [name for name in output_of(program, "--benchmark_list_tests").splitlines()
+             if re.search(wanted, "/".join(parts_of(name)))]
+    literal = (re.sub("[.+]", r"[\g<0>]", name) for name in names)
+    return f"^({'|'.join(literal)})$" if names else ""
+
+
 def run_once(program, selected, seconds, samples):
     """Adds to samples[(work, size)][contender] what one run of the program measures."""
     done = subprocess.run(
@@ -50,8 +63,7 @@ def run_once(program, selected, seconds, samples):
     for line in json.loads(done.stdout)["benchmarks"]:
         if line.get("error_occurred"):
             raise SystemExit(f"{program.name}: {line['name']}: {line['error_message']}")
-        parts = [part for part in line["name"].split("/") if part not in IGNORED and ":" not in
-                 part.replace("::", "")]
+        parts = parts_of(line["name"])
         work, contender, size = parts[0], parts[1], "/".join(parts[2:])
         unit = MICROSECONDS[line["time_unit"]]
         samples.setdefault((work, size), {}).setdefault(contender, []).append(
@@ -113,10 +125,12 @@ def ticks(most):
 
 
 def panel(work, x, y):
-    """One work: a bar for each contender, with its quartiles."""
+    """One work: a bar for each contender, with its quartiles. What is far slower is cut off."""
     rows = work["contenders"]
     floor = next(row["us"] for row in rows if row["contender"] == work["floor"])
-    most = max(row["high"] for row in rows) / floor
+    own = max((row["high"] for row in rows if row["contender"].startswith(OWN)), default=0)
+    enough = max(1.5 * own, 4 * statistics.median(row["us"] for row in rows))
+    most = min(max(row["high"] for row in rows), enough) / floor
     scale = (PANEL - LEFT - 70) / most
     bottom = y + TOP + BAR * len(rows)
     parts = [f'<text class="title" x="{x + 8}" y="{y + 20}">{escape(title(work))}</text>',
@@ -131,16 +145,20 @@ def panel(work, x, y):
                  f'time as a multiple of {escape(work["floor"])}</text>')
     for i, row in enumerate(rows):
         top = y + TOP + BAR * i
-        low, high = (x + LEFT + row[key] / floor * scale for key in ("low", "high"))
+        low, at, high = (x + LEFT + min(row[key] / floor, most) * scale
+                         for key in ("low", "us", "high"))
         own = row["contender"].startswith(OWN)
         parts.append(
             f'<text class="name{" own" if own else ""}" x="{x + LEFT - 6}" y="{top + 13}">'
             f'{escape(row["contender"])}</text>'
             f'<rect fill="{"#1668a8" if own else "#a9b4bf"}" x="{x + LEFT}" y="{top + 2}" '
-            f'width="{row["ratio"] * scale:.1f}" height="{BAR - 4}"/>'
+            f'width="{at - x - LEFT:.1f}" height="{BAR - 4}"/>'
             f'<line class="spread" x1="{low:.1f}" y1="{top + 9}" x2="{high:.1f}" y2="{top + 9}"/>'
             f'<text class="value{" own" if own else ""}" x="{high + 5:.1f}" y="{top + 13}">'
             f'{row["ratio"]:.2f}</text>')
+        if row["ratio"] > most:
+            parts.append(f'<path class="cut" d="M{at - 14:.1f} {top + BAR} l5 {-BAR} m4 0 '
+                         f'l-5 {BAR}"/>')
     return parts, TOP + BAR * len(rows) + BOTTOM
 
 
@@ -155,7 +173,8 @@ def chart(works, facts_line):
     style = ("text{font:12px sans-serif;fill:#222}.title{font-weight:bold;font-size:14px}"
              ".note,.tick{fill:#666;font-size:11px}.tick{text-anchor:middle}"
              ".name{text-anchor:end}.own{font-weight:bold;fill:#1668a8}"
-             ".grid{stroke:#e3e6e9}.spread{stroke:#333;stroke-width:1.5}")
+             ".grid{stroke:#e3e6e9}.spread{stroke:#333;stroke-width:1.5}"
+             ".cut{stroke:#fff;stroke-width:2;fill:none}")
     size = f"{2 * PANEL} {max(heights) + 10}"
     return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {size}" '
             f'width="{2 * PANEL}" height="{max(heights) + 10}"><style>{style}</style>'
@@ -167,7 +186,8 @@ def chart(works, facts_line):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("build", type=pathlib.Path, help="build directory")
-    parser.add_argument("filter", nargs="?", default=".", help="regular expression of names")
+    parser.add_argument("filter", nargs="?", default=".",
+                        help="regular expression of WORK/CONTENDER[/SIZE]")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=0.05,
                         help="least time for each benchmark in each round")
@@ -176,8 +196,8 @@ def main():
     output = options.output or options.build
     programs = [path for path in sorted(options.build.glob("bench/bench_*"))
                 if path.is_file() and os.access(path, os.X_OK)]
-    programs = [path for path in programs
-                if output_of(path, "--benchmark_list_tests", f"--benchmark_filter={options.filter}")]
+    selected = {path: selected_of(path, options.filter) for path in programs}
+    programs = [path for path in programs if selected[path]]
     if not programs:
         raise SystemExit("nothing to measure")
     machine = facts(options.build)
@@ -188,7 +208,7 @@ def main():
         for program in programs[:: -1 if number % 2 else 1]:
             print(f"\rround {number + 1} of {options.rounds}: {program.name:24}", end="",
                   file=sys.stderr, flush=True)
-            run_once(program, options.filter, options.seconds, samples)
+            run_once(program, selected[program], options.seconds, samples)
     print(file=sys.stderr)
     works = digest(samples)
     print_table(works)
