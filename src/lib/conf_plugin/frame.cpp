@@ -104,6 +104,13 @@ int read_room(const conf_buffer_t *buffer, take amount)
     return std::min(wire::read_size, message_size(head) - buffer->used);
 }
 
+// Inlined into the pass over a body, as the exported form cannot be.
+bool is_valid(char p)
+{
+    const auto byte = static_cast<unsigned char>(p);
+    return byte >= 32 || byte == '\t' || byte == '\n' || byte == '\r';
+}
+
 enum class got { bytes, nothing, failed };
 
 got read_into(int fd, conf_buffer_t **buffer, int room)
@@ -219,8 +226,9 @@ xmlNode *plugin_parse_message(conf_buffer_t **buf)
     const std::span<char> body((*buf)->buf + wire::head_size, head.length);
 
     // The message leaves the buffer in any case, so its bytes can be changed where they stand.
-    std::replace_if(
-        body.begin(), body.end(), [](char byte) { return !is_valid_xmlchr(byte); }, ' ');
+    for (char &byte : body) {
+        byte = is_valid(byte) ? byte : ' ';
+    }
     const parse_result parsed = parse_body(body);
     if (parsed.root == nullptr) {
         LOG_FILE_ERROR("%s", parsed.failed_copy ? "Copy node failed when parse plugin message."
@@ -232,6 +240,5 @@ xmlNode *plugin_parse_message(conf_buffer_t **buf)
 
 bool_t is_valid_xmlchr(const char p)
 {
-    const auto byte = static_cast<unsigned char>(p);
-    return byte >= 32 || byte == '\t' || byte == '\n' || byte == '\r';
+    return is_valid(p);
 }
