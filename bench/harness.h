@@ -42,14 +42,17 @@ inline std::string name_of(const char *work, const char *contender, std::size_t 
     return std::string(work) + '/' + contender + (size == 0 ? "" : '/' + std::to_string(size));
 }
 
-// Real time is that of both processes, processor time that of all threads of this one.
+// Real time is that of both processes, processor time that of all threads of this one. Google
+// Benchmark chooses how often, unless the environment does: to count instructions.
 template <typename function>
 benchmark::internal::Benchmark *add(const std::string &name, function body)
 {
-    return benchmark::RegisterBenchmark(name.c_str(), body)
-        ->UseRealTime()
-        ->MeasureProcessCPUTime()
-        ->Unit(benchmark::kMicrosecond);
+    auto *made = benchmark::RegisterBenchmark(name.c_str(), body)
+                     ->UseRealTime()
+                     ->MeasureProcessCPUTime()
+                     ->Unit(benchmark::kMicrosecond);
+    const char *iterations = std::getenv("CONFSVC_BENCH_ITERATIONS");
+    return iterations == nullptr ? made : made->Iterations(std::atoi(iterations));
 }
 
 // One operation in each iteration, for as long as Google Benchmark wants, after one that does not

@@ -46,11 +46,18 @@ def parts_of(name):
 
 
 def selected_of(program, wanted):
-    """The expression by which the program selects each WORK/CONTENDER[/SIZE] that is wanted."""
-    names = [name for name in output_of(program, "--benchmark_list_tests").splitlines()
-             if re.search(wanted, "/".join(parts_of(name)))]
-    literal = (re.sub("[.+]", r"[\g<0>]", name) for name in names)
-    return f"^({'|'.join(literal)})$" if names else ""
+    """The program's names for each WORK/CONTENDER[/SIZE] that is wanted."""
+    return [name for name in output_of(program, "--benchmark_list_tests").splitlines()
+            if re.search(wanted, "/".join(parts_of(name)))]
+
+
+def literal(name):
+    return re.sub("[.+]", r"[\g<0>]", name)
+
+
+def expression(names):
+    """By which a program selects them."""
+    return f"^({'|'.join(map(literal, names))})$"
 
 
 def run_once(program, selected, seconds, samples):
@@ -68,6 +75,35 @@ def run_once(program, selected, seconds, samples):
         unit = MICROSECONDS[line["time_unit"]]
         samples.setdefault((work, size), {}).setdefault(contender, []).append(
             (line["real_time"] * unit, line["cpu_time"] * unit))
+
+
+def instructions_of(program, name, us):
+    """What one operation takes in the program's own process, by callgrind: the difference between
+    runs of n and 2n operations."""
+    count = 128 if us < 1000 else 2
+    taken = []
+    for iterations in (count, 2 * count):
+        done = subprocess.run(
+            ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--vgdb=no",
+             "--child-silent-after-fork=yes", program,
+             f"--benchmark_filter=^{literal(name)}/iterations:"],
+            capture_output=True, text=True, check=True,
+            env=os.environ | {"CONFSVC_BENCH_ITERATIONS": str(iterations)})
+        taken.append(int(re.search(r"Collected : (\d+)", done.stderr)[1]))
+    return (taken[1] - taken[0]) / count
+
+
+def count_instructions(programs, selected, works):
+    """Adds them to the rows, but where valgrind would take minutes."""
+    rows = {"/".join(filter(None, (work["work"], row["contender"], work["size"]))): row
+            for work in works for row in work["contenders"]}
+    for program in programs:
+        for name in selected[program]:
+            short = "/".join(parts_of(name))
+            if rows[short]["us"] < 100_000:
+                print(f"\rcounting {short:60}", end="", file=sys.stderr, flush=True)
+                rows[short]["instructions"] = instructions_of(program, short, rows[short]["us"])
+    print(file=sys.stderr)
 
 
 def digest(samples):
@@ -105,12 +141,14 @@ def title(work):
 def print_table(works):
     for work in works:
         print(f"\n{title(work):28} {'µs':>11} {'quartiles':>25} {'CPU µs':>11} "
-              f"{'x ' + work['floor'] if work['floor'] else '':>10}")
+              f"{'x ' + work['floor'] if work['floor'] else '':>10}"
+              f"{'instructions' if 'instructions' in work['contenders'][0] else '':>14}")
         for row in work["contenders"]:
             spread = f"{row['low']:.2f} .. {row['high']:.2f}"
+            count = f"{row['instructions']:.0f}" if "instructions" in row else ""
             ratio = "" if row["ratio"] is None else f"{row['ratio']:.2f}"
             print(f"  {row['contender']:26} {row['us']:11.2f} {spread:>25} {row['cpu_us']:11.2f} "
-                  f"{ratio:>10}")
+                  f"{ratio:>10}{count:>14}")
 
 
 # ---- the chart -----------------------------------------------------------------------------------
@@ -191,8 +229,10 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=0.05,
                         help="least time for each benchmark in each round")
+    parser.add_argument("--instructions", action="store_true",
+                        help="count those of one operation, too, which takes minutes")
     parser.add_argument("--output", type=pathlib.Path, help="directory (the build directory)")
-    options = parser.parse_args()
+    options = parser.parse_intermixed_args()
     output = options.output or options.build
     programs = [path for path in sorted(options.build.glob("bench/bench_*"))
                 if path.is_file() and os.access(path, os.X_OK)]
@@ -208,9 +248,11 @@ def main():
         for program in programs[:: -1 if number % 2 else 1]:
             print(f"\rround {number + 1} of {options.rounds}: {program.name:24}", end="",
                   file=sys.stderr, flush=True)
-            run_once(program, selected[program], options.seconds, samples)
+            run_once(program, expression(selected[program]), options.seconds, samples)
     print(file=sys.stderr)
     works = digest(samples)
+    if options.instructions:
+        count_instructions(programs, selected, works)
     print_table(works)
     output.mkdir(parents=True, exist_ok=True)
     (output / "bench.json").write_text(
