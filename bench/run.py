@@ -16,7 +16,7 @@ import subprocess
 import sys
 from html import escape
 
-FLOORS = ("raw", "syslog", "std::string")  # what others are compared with, where it does the work
+FLOORS = ("raw", "syslog", "std::string", "stdio")  # what others are compared with, where it does the work
 MICROSECONDS = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
 IGNORED = {"process_time", "real_time", "manual_time"}  # parts of names that say what is measured
 OWN = "confsvc"
@@ -95,9 +95,9 @@ def print_table(works):
         print(f"\n{title(work):28} {'µs':>11} {'quartiles':>25} {'CPU µs':>11} "
               f"{'x ' + work['floor'] if work['floor'] else '':>10}")
         for row in work["contenders"]:
-            spread = f"{row['low']:.2f} .. {row['high']:.2f}"
+            spread = f"{row['low']:.3f} .. {row['high']:.3f}"
             ratio = "" if row["ratio"] is None else f"{row['ratio']:.2f}"
-            print(f"  {row['contender']:26} {row['us']:11.2f} {spread:>25} {row['cpu_us']:11.2f} "
+            print(f"  {row['contender']:26} {row['us']:11.3f} {spread:>25} {row['cpu_us']:11.3f} "
                   f"{ratio:>10}")
 
 
