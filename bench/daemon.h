@@ -40,12 +40,16 @@ inline void enter_sandbox()
 template <typename function>
 void in_background(function body)
 {
+    const pid_t self = getpid();
     const pid_t child = fork();
     if (child < 0) {
         give_up("fork");
     }
     if (child == 0) {
         (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != self) { // which has ended already
+            _exit(0);
+        }
         (void)dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
         body();
         _exit(0);

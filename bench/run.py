@@ -16,7 +16,7 @@ import subprocess
 import sys
 from html import escape
 
-FLOORS = ("raw", "syslog", "std::string")  # what others are compared with, where it does the work
+FLOORS = ("raw", "syslog", "std::string", "stdio")  # what others are compared with, where it does the work
 MICROSECONDS = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
 IGNORED = {"process_time", "real_time", "manual_time"}  # parts of names that say what is measured
 OWN = "confsvc"
@@ -144,10 +144,10 @@ def print_table(works):
               f"{'x ' + work['floor'] if work['floor'] else '':>10}"
               f"{'instructions' if 'instructions' in work['contenders'][0] else '':>14}")
         for row in work["contenders"]:
-            spread = f"{row['low']:.2f} .. {row['high']:.2f}"
+            spread = f"{row['low']:.3f} .. {row['high']:.3f}"
             count = f"{row['instructions']:.0f}" if "instructions" in row else ""
             ratio = "" if row["ratio"] is None else f"{row['ratio']:.2f}"
-            print(f"  {row['contender']:26} {row['us']:11.2f} {spread:>25} {row['cpu_us']:11.2f} "
+            print(f"  {row['contender']:26} {row['us']:11.3f} {spread:>25} {row['cpu_us']:11.3f} "
                   f"{ratio:>10}{count:>14}")
 
 

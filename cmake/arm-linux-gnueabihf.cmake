@@ -17,10 +17,6 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CONFSVC_ARM_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${CONFSVC_ARM_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig)
 set(ENV{PKG_CONFIG_ALLOW_SYSTEM_CFLAGS} 1)
 
-# Thumb addresses of functions are odd, which the check of alignment takes for a fault.
-set(CMAKE_C_FLAGS_INIT -marm)
-set(CMAKE_CXX_FLAGS_INIT -marm)
-
 # Where the linker finds the libraries that ours need in their turn.
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     -Wl,-rpath-link,${CONFSVC_ARM_SYSROOT}/usr/lib/arm-linux-gnueabihf)
