@@ -30,14 +30,14 @@ std::string filled(const std::string &piece, std::size_t size)
     return text.substr(0, size);
 }
 
-// One long line with every keyword at its end and every mark at its begin: each search for a mark
-// crosses all of it, in the smallest steps.
+// The worst that a search for slow texts has found: one long line in which every byte could belong
+// to a keyword, with keywords and marks behind it in an order that sends some searches back to its
+// begin, in vain.
 std::string hostile(std::size_t size)
 {
-    const std::string marks = R"("</": ,newval=oldval=>password)";
-    const std::string keywords = "psk secret cipher key text-name authentication-text password";
-    const std::size_t both = marks.size() + keywords.size();
-    return marks + std::string(size > both ? size - both : 0, ' ') + keywords;
+    const std::string end = "key\" oldval=<secret password>psk ,newval=</authentication-text "
+                            "text-name \": x";
+    return std::string(size > end.size() ? size - end.size() : 0, 'k') + end;
 }
 
 struct message {

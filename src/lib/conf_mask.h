@@ -1,12 +1,42 @@
-// The parts of the masking that REG_RemarkKeyInfo() is made of (see conf_debug.h for that one).
+// The parts of the masking that REG_RemarkKeyInfo() is made of (see conf_debug.h for that one):
+// conf_mask.cpp has the table of patterns and the search by PCRE2, conf_mask_scan.cpp the other
+// one.
 #ifndef CONF_MASK_H
 #define CONF_MASK_H
 
 #include "conf_debug.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
+
+// The patterns: seven keywords in three forms each.
+struct sensitive_item {
+    std::string_view keyword;
+    std::size_t landmark;                 // its byte that is rarest in other texts
+    std::array<const char *, 3> patterns; // element, value pair, quoted name
+};
+
+#define ITEM(KEYWORD, LANDMARK)                                                                    \
+    {                                                                                              \
+        KEYWORD, std::string_view(KEYWORD).find(LANDMARK),                                         \
+        {                                                                                          \
+            ".*" KEYWORD ".*>(.*)</.*" KEYWORD, ".*" KEYWORD ".*oldval=(.*),newval=(.*)",          \
+                ".*\".*" KEYWORD ".*\".*: (.*)"                                                    \
+        }                                                                                          \
+    }
+inline constexpr std::array<sensitive_item, 7> sensitive_items = {{
+    ITEM("password", 'w'),
+    ITEM("cipher", 'h'),
+    ITEM("psk", 'k'),
+    ITEM("authentication-text", 'x'),
+    ITEM("key", 'k'),
+    ITEM("text-name", 'x'),
+    ITEM("secret", 'c'),
+}};
+#undef ITEM
 
 // Compiles one pattern with the defaults of the PCRE2 build; null when that fails.
 [[nodiscard]] pcre2_real_code_8 *REG_CreateOxelKeyRe(const char *pattern);

@@ -70,6 +70,7 @@ TEST_F(MaskTest, HostileTextsAreMaskedInLinearTime)
         {repeat("key>", 15000), "hidden" + repeat("</key", 12000), "</key"},
         {repeat("psk oldval=", 5500), "hidden", ",newval="},
         {all + repeat("\n", 62000), "", ""},
+        {"oldval=<cipher secret password key>psk \": ,newval=</" + repeat("k", 62000), "", ""},
         {repeat(all + "\n", 1000), "", ""},
     };
     for (const auto &[before, value, after] : rows) {
