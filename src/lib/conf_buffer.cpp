@@ -177,7 +177,8 @@ void conf_buffer_destroy(conf_buffer_t *buf)
     if (buf == nullptr) {
         return;
     }
-    support::wipe(buf->buf, static_cast<std::size_t>(buf->total));
+    // Behind the data everything is zero; pages there may never have been touched.
+    support::wipe(buf->buf, static_cast<std::size_t>(buf->used));
     (void)munmap(buf, static_cast<std::size_t>(mapping_size(buf)));
 }
 
