@@ -89,7 +89,7 @@ number exchanges_before_answer(number change)
 // ---- the daemon --------------------------------------------------------------------------------
 
 FakeDaemon *sockets = nullptr;
-std::mt19937_64 luck;
+std::mt19937_64 luck{std::random_device{}()}; // until main() seeds it
 
 number below(number limit)
 {
@@ -307,8 +307,9 @@ int main(int count, char **arguments)
     GTEST_FLAG_SET(break_on_failure, true);
     std::string error;
     EXPECT_TRUE(count >= 2 && sandbox::enter({}, error)) << "soak CHANGES [SEED] " << error;
-    changes = std::stoull(arguments[1]);
-    const number seed = count > 2 ? std::stoull(arguments[2]) : std::random_device{}();
+    changes = std::strtoull(arguments[1], nullptr, 10);
+    const number seed =
+        count > 2 ? std::strtoull(arguments[2], nullptr, 10) : std::random_device{}();
     std::cout << "soak: seed " << seed << std::endl;
     luck.seed(seed);
     told = static_cast<news *>(
