@@ -139,7 +139,11 @@ auto step(const std::string &name, callable call)
 inline const std::string damage_mark = "DAMAGE:"; // in an outcome that no fault may bring about
 
 struct result {
-    std::string kind, call, outcome; // "once", "malloc#3", the lines that differ
+    std::string kind, name; // "once", "malloc"
+    std::size_t number;     // among the calls of that name; 0 for none
+    std::string outcome;    // the lines that differ
+
+    auto operator<=>(const result &) const = default;
 };
 
 // What comes of the story without a fault, and with each that its calls can have.

@@ -100,15 +100,16 @@ std::string difference(const std::vector<std::string> &normal,
     return text.empty() ? same : text;
 }
 
-using lengths = std::vector<std::size_t>;
-
 // The lengths to which a transfer is cut.
-lengths parts(std::size_t size, bool every)
+std::vector<std::size_t> parts(std::size_t size, bool every)
 {
-    if (size < 2 || !every) {
-        return size < 2 ? lengths{} : lengths{1, size / 2, size - 1};
+    if (size < 2) {
+        return {};
     }
-    lengths all(size - 1);
+    if (!every) {
+        return {1, size / 2, size - 1};
+    }
+    std::vector<std::size_t> all(size - 1);
     std::iota(all.begin(), all.end(), 1);
     return all;
 }
@@ -131,39 +132,37 @@ std::vector<result> play_all(const story &played, bool quick)
     const std::size_t growth = stage->growth;
     // A cut line of a log is another text at each length.
     const bool every_length = !quick && played.subject != about::logs;
-    std::vector<result> results = {{"none", "story", stage->first.data() + damage()}};
-    const auto add = [&](const std::string &kind, const std::string &name, const point &where) {
+    std::vector<result> results = {{"none", "story", 0, stage->first.data() + damage()}};
+    const auto add = [&](const char *kind, const char *name, std::size_t number,
+                         const point &where) {
         play(played, where, growth);
         const std::string outcome = difference(normal, lines_of(stage->first));
         const std::string after = difference(normal, lines_of(stage->again));
         const std::string all = outcome + (after == same ? "" : "again: " + after) + damage();
-        results.push_back({kind, name, all});
+        results.push_back({kind, name, number, all});
     };
     std::map<std::string, std::size_t> numbers;
     for (std::size_t at = 1; at <= calls.size(); ++at) {
         const auto &[name, kinds, size] = calls[at - 1];
-        const std::string number = std::to_string(++numbers[name]);
-        if (number != "1" && std::strcmp(name, "snprintf") == 0) {
+        const std::size_t number = ++numbers[name];
+        if (number != 1 && std::strcmp(name, "snprintf") == 0) {
             continue; // the key of the process's record, printed in the same way at each look-up
         }
-        const struct {
-            unsigned kind;
-            const char *name;
-        } faults[] = {{once, "once"},    {ever, "ever"},       {interrupted, "EINTR"},
-                      {again, "EAGAIN"}, {timeout, "timeout"}, {broken, "broken"},
-                      {stuck, "stuck"}};
-        for (const auto &fault : faults) {
-            if ((kinds & fault.kind) != 0 && !(quick && fault.kind == ever)) {
-                add(fault.name, name + ('#' + number), {fault.kind, at});
+        const std::pair<unsigned, const char *> faults[] = {
+            {once, "once"},       {ever, "ever"},     {interrupted, "EINTR"}, {again, "EAGAIN"},
+            {timeout, "timeout"}, {broken, "broken"}, {stuck, "stuck"}};
+        for (const auto &[kind, title] : faults) {
+            if ((kinds & kind) != 0 && !(quick && kind == ever)) {
+                add(title, name, number, {kind, at});
             }
         }
-        for (const std::size_t part : (kinds & cut) == 0 ? lengths{} : parts(size, every_length)) {
-            add("cut", name + ('#' + number), {cut, at, part});
+        for (const std::size_t part : parts((kinds & cut) == 0 ? 0 : size, every_length)) {
+            add("cut", name, number, {cut, at, part});
         }
     }
     for (std::size_t number = 1; number <= allocations; ++number) {
-        add("libxml2 once", "allocation", {once, number, 0, true});
-        add("libxml2 ever", "allocation", {ever, number, 0, true});
+        add("libxml2 once", "allocation", 0, {once, number, 0, true});
+        add("libxml2 ever", "allocation", 0, {ever, number, 0, true});
     }
     return results;
 }

@@ -5,7 +5,7 @@
 
 namespace {
 
-std::string content(conf_buffer_t *buffer)
+std::string_view content(conf_buffer_t *buffer)
 {
     return {conf_buffer_data(buffer), static_cast<std::size_t>(conf_buffer_length(buffer))};
 }
@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 conf_agent_build_session, conf_agent_build_capability, conf_agent_build_notify_rpc};
             conf_buffer_t *own = conf_buffer_create(0);
             EXPECT_EQ(build[kind](&own, sequence) + build[kind](&buffer, sequence), 0);
-            const std::string body = content(own).substr(sizeof(msg_head_t));
+            const std::string body(content(own).substr(sizeof(msg_head_t)));
             EXPECT_EQ(kind < 2, body.find("message-id=\"" + std::to_string(sequence) + '"') < 200);
             expected += test::framed(body, static_cast<u16_t>(sequence));
             conf_buffer_destroy(own);

@@ -183,7 +183,7 @@ int wait_for(poller look)
 
 } // namespace
 
-int test::called(const char *path, xmlNode *input, xmlNode **output)
+int test::handle_call(const char *path, xmlNode *input, xmlNode **output)
 {
     fuzz::input &in = peer->in;
     ++depth;
