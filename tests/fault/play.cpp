@@ -55,9 +55,8 @@ std::string logged()
         }
     }
     test::clear_debug_file();
-    for (const std::string &message : test::take_system_texts()) {
-        lines.push_back(message);
-    }
+    const std::vector<std::string> messages = test::take_system_texts();
+    lines.insert(lines.end(), messages.begin(), messages.end());
     std::string text;
     for (const std::string &line : lines) {
         text += (text.empty() ? "" : " | ") + settled(line);

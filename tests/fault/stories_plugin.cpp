@@ -79,14 +79,6 @@ void fill_socket()
     }
 }
 
-void read_value(const std::string &name, int (*call)(conf_context_t *, char *, conf_val_t *))
-{
-    conf_val_t value{};
-    step(name, [&] { return call(nullptr, path, &value); });
-    note("value", value.data);
-    xmlFreeNode(value.data);
-}
-
 conf_buffer_t *filled(int length)
 {
     std::string filling(static_cast<std::size_t>(length), 'x');
@@ -220,11 +212,13 @@ const story older_interface("older_interface", about::plugin, [] {
 
 const story older_requests("older_requests", about::plugin, [] {
     const node_ptr data(test::parse("<name>a</name>"));
-    conf_val_t value = {data.get()};
+    conf_val_t value{};
     start();
     step("set", [&] { return conf_set_config(path, data.get()); });
     xmlFreeNodeList(step("get", [] { return conf_get_config(path); }));
-    read_value("value", conf_plg_get_value);
+    step("value", [&] { return conf_plg_get_value(nullptr, path, &value); });
+    note("value", value.data);
+    xmlFreeNode(value.data);
     // The same once more, each by another name.
     xmlFreeNodeList(conf_get_old_config(path));
     (void)conf_plg_get_old_value(nullptr, path, &value);

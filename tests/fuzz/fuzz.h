@@ -136,7 +136,15 @@ public:
     {
         std::string body = filled(all[below(all.size())], id);
         while (rarely(6)) {
-            damage(body);
+            const std::size_t at = below(body.size() + 1);
+            const std::size_t count = below(16);
+            const std::size_t how = below(3);
+            if (how == 0) {
+                body.erase(at, count);
+            } else {
+                body.insert(at, how == 1 ? ConsumeRandomLengthString(16)
+                                         : body.substr(below(body.size() + 1), 4 * count));
+            }
         }
         std::string made = test::framed(body);
         if (rarely(16)) {
@@ -162,18 +170,6 @@ private:
         const auto is_special = [](char c) { return c == '<' || c == '&' || (c & 0x80) != 0; };
         std::replace_if(made.begin(), made.end(), is_special, '_');
         return made;
-    }
-    void damage(std::string &body)
-    {
-        const std::size_t at = below(body.size() + 1);
-        const std::size_t count = below(16);
-        const std::size_t how = below(3);
-        if (how == 0) {
-            body.erase(at, count);
-        } else {
-            body.insert(at, how == 1 ? ConsumeRandomLengthString(16)
-                                     : body.substr(below(body.size() + 1), 4 * count));
-        }
     }
 };
 
