@@ -138,7 +138,7 @@ struct result {
     std::size_t number;     // among the calls of that name; 0 for none
     std::string outcome;    // the lines that differ
 
-    auto operator<=>(const result &) const = default;
+    auto operator<=>(const result &) const = default; // NOLINT(modernize-use-nullptr): has none
 };
 
 // What comes of the story without a fault, and with each that its calls can have.
