@@ -61,7 +61,7 @@ inline std::vector<std::string> waits; // what the library did instead: "waited 
 // Replaces libxml2's allocator; to be called before libxml2 is used.
 void watch_libxml2();
 
-// ---- story.cpp ---------------------------------------------------------------------------------
+// ---- play.cpp ----------------------------------------------------------------------------------
 
 // Documents: the memory of libxml2 fails, too. A plugin has those, and a daemon that answers
 // whenever the library waits. The calls of the logs count where they are what the story is about.
@@ -78,9 +78,6 @@ struct story {
     const story *next;
     static inline const story *all = nullptr;
 };
-
-// Plays a story, cleans up behind it and returns its outcome, a line for each step and note.
-std::string outcome_of(const story &played);
 
 void add_line(const std::string &name, const std::string &result, bool with_logs);
 void forget_logs();
@@ -134,12 +131,14 @@ auto step(const std::string &name, callable call)
     }
 }
 
-// ---- play.cpp ----------------------------------------------------------------------------------
-
 inline const std::string damage_mark = "DAMAGE:"; // in an outcome that no fault may bring about
 
 struct result {
-    std::string kind, call, outcome; // "once", "malloc#3", the lines that differ
+    std::string kind, name; // "once", "malloc"
+    std::size_t number;     // among the calls of that name; 0 for none
+    std::string outcome;    // the lines that differ
+
+    auto operator<=>(const result &) const = default; // NOLINT(modernize-use-nullptr): has none
 };
 
 // What comes of the story without a fault, and with each that its calls can have.

@@ -1,11 +1,15 @@
-// Plays a story once for each fault, each time in a process of its own; see lane.h. Relies on
-// AddressSanitizer for the size of the heap and for leaks.
+// Plays a story once for each fault, each time in a process of its own, and gives stories what they
+// are written in; see lane.h. Relies on AddressSanitizer for the size of the heap and for leaks,
+// and on the sandbox: logs, profile and sockets are the process's own.
 #include "lane.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
+#include <memory>
 #include <numeric>
+#include <regex>
 #include <sanitizer/allocator_interface.h>
 #include <sanitizer/lsan_interface.h>
 #include <sstream>
@@ -25,6 +29,84 @@ constexpr unsigned guard = 20; // seconds after which a point that hangs is kill
 constexpr const char *known_leak = "copy child list failed";
 
 const std::string same = "no difference\n";
+
+// ---- one performance ----------------------------------------------------------------------------
+
+std::string so_far; // of the outcome
+std::unique_ptr<test::FakeDaemon> sockets;
+std::string replies;
+
+// Without what differs from run to run: pointers, event bits and times.
+std::string settled(const std::string &text)
+{
+    static const std::regex number("0x[0-9a-f]+|consumed:-?[0-9.]+|fd[(=][0-9]+|agent-ppid>[0-9]+");
+    return std::regex_replace(text, number, "?");
+}
+
+// What was logged since the last call: errors of the debug file as they are, other lines with
+// their level, and the messages of the system log with their priority.
+std::string logged()
+{
+    const std::string error = "[ERROR] - ";
+    std::vector<std::string> lines = std::exchange(waits, {});
+    for (const std::string &line : test::debug_lines()) {
+        if (!line.starts_with("[INFO]")) {
+            lines.push_back(line.starts_with(error) ? line.substr(error.size()) : line);
+        }
+    }
+    test::clear_debug_file();
+    const std::vector<std::string> messages = test::take_system_texts();
+    lines.insert(lines.end(), messages.begin(), messages.end());
+    std::string text;
+    for (const std::string &line : lines) {
+        text += (text.empty() ? "" : " | ") + settled(line);
+    }
+    return text.empty() ? "" : " {" + text + "}";
+}
+
+// Leaves the process as it was before its first call of the library.
+void clean_up()
+{
+    if (conf_plugin_data *plugin = get_plugin_from_hash()) {
+        std::free(plugin->confd_hooks);
+        plugin->confd_hooks = nullptr; // a packed member
+        if (plugin->plugin_ctxt != nullptr) {
+            econf_plugin_close();
+        }
+    }
+    del_plugin_from_hash();
+    conf_hash_destroy(std::exchange(g_plugin_hash, nullptr));
+    g_rdb_recovery_status = 0;
+    waits_left = 0;
+    replies.clear();
+    conf_clishm_destroy();
+}
+
+const char *content_for(const std::string &request)
+{
+    return request.find("<method>pull<") != std::string::npos
+               ? "<result><data xmlns:n=\"urn:n\"><n:name>a</n:name><name>b</name></data></result>"
+           : request.find("<method>locate<") != std::string::npos
+               ? "<result><prev>/list[name=\"a\"]</prev><next>/list[name=\"b\"]</next></result>"
+               : "<result/>";
+}
+
+// Plays a story, cleans up behind it and returns its outcome, a line for each step and note.
+std::string outcome_of(const story &played)
+{
+    clean_up();
+    logs_count = played.subject == about::logs;
+    so_far.clear();
+    econf_plugin_config_debug(DBG_ALL, 1);
+    forget_logs();
+    sockets.reset(played.subject == about::plugin ? new test::FakeDaemon : nullptr);
+    played.steps();
+    sockets.reset();
+    clean_up();
+    return std::exchange(so_far, {});
+}
+
+// ---- with one fault after the other -------------------------------------------------------------
 
 void keep(const std::string &text, std::array<char, 1 << 16> &kept)
 {
@@ -100,15 +182,16 @@ std::string difference(const std::vector<std::string> &normal,
     return text.empty() ? same : text;
 }
 
-using lengths = std::vector<std::size_t>;
-
 // The lengths to which a transfer is cut.
-lengths parts(std::size_t size, bool every)
+std::vector<std::size_t> parts(std::size_t size, bool every)
 {
-    if (size < 2 || !every) {
-        return size < 2 ? lengths{} : lengths{1, size / 2, size - 1};
+    if (size < 2) {
+        return {};
     }
-    lengths all(size - 1);
+    if (!every) {
+        return {1, size / 2, size - 1};
+    }
+    std::vector<std::size_t> all(size - 1);
     std::iota(all.begin(), all.end(), 1);
     return all;
 }
@@ -119,6 +202,53 @@ std::string damage()
 }
 
 } // namespace
+
+void forget_logs()
+{
+    (void)logged();
+}
+
+void add_line(const std::string &name, const std::string &result, bool with_logs)
+{
+    so_far += name + "=" + settled(result) + (with_logs ? logged() : "") + '\n';
+}
+
+xmlNode *made_outside(const char *text)
+{
+    const bool before = std::exchange(inside, false);
+    xmlNode *made = test::parse(text);
+    inside = before;
+    return made;
+}
+
+void ask(const std::string &request)
+{
+    sockets->connection().send(test::framed(request));
+}
+
+void take_turn()
+{
+    if (!sockets) {
+        return;
+    }
+    for (const std::string &body : sockets->connection().received()) {
+        if (body.starts_with("<rpc>")) {
+            const std::size_t id = body.rfind("<id>") + 4;
+            ask(test::reply(content_for(body), body.substr(id, body.find('<', id) - id)));
+        } else {
+            replies += body;
+        }
+    }
+    if (waits_left > 0 && --waits_left == 0) {
+        sockets->connection().close();
+    }
+}
+
+std::string take_replies()
+{
+    take_turn();
+    return std::exchange(replies, {});
+}
 
 std::vector<result> play_all(const story &played, bool quick)
 {
@@ -131,39 +261,37 @@ std::vector<result> play_all(const story &played, bool quick)
     const std::size_t growth = stage->growth;
     // A cut line of a log is another text at each length.
     const bool every_length = !quick && played.subject != about::logs;
-    std::vector<result> results = {{"none", "story", stage->first.data() + damage()}};
-    const auto add = [&](const std::string &kind, const std::string &name, const point &where) {
+    std::vector<result> results = {{"none", "story", 0, stage->first.data() + damage()}};
+    const auto add = [&](const char *kind, const char *name, std::size_t number,
+                         const point &where) {
         play(played, where, growth);
         const std::string outcome = difference(normal, lines_of(stage->first));
         const std::string after = difference(normal, lines_of(stage->again));
         const std::string all = outcome + (after == same ? "" : "again: " + after) + damage();
-        results.push_back({kind, name, all});
+        results.push_back({kind, name, number, all});
     };
     std::map<std::string, std::size_t> numbers;
     for (std::size_t at = 1; at <= calls.size(); ++at) {
         const auto &[name, kinds, size] = calls[at - 1];
-        const std::string number = std::to_string(++numbers[name]);
-        if (number != "1" && std::strcmp(name, "snprintf") == 0) {
+        const std::size_t number = ++numbers[name];
+        if (number != 1 && std::strcmp(name, "snprintf") == 0) {
             continue; // the key of the process's record, printed in the same way at each look-up
         }
-        const struct {
-            unsigned kind;
-            const char *name;
-        } faults[] = {{once, "once"},    {ever, "ever"},       {interrupted, "EINTR"},
-                      {again, "EAGAIN"}, {timeout, "timeout"}, {broken, "broken"},
-                      {stuck, "stuck"}};
-        for (const auto &fault : faults) {
-            if ((kinds & fault.kind) != 0 && !(quick && fault.kind == ever)) {
-                add(fault.name, name + ('#' + number), {fault.kind, at});
+        const std::pair<unsigned, const char *> faults[] = {
+            {once, "once"},       {ever, "ever"},     {interrupted, "EINTR"}, {again, "EAGAIN"},
+            {timeout, "timeout"}, {broken, "broken"}, {stuck, "stuck"}};
+        for (const auto &[kind, title] : faults) {
+            if ((kinds & kind) != 0 && !(quick && kind == ever)) {
+                add(title, name, number, {kind, at});
             }
         }
-        for (const std::size_t part : (kinds & cut) == 0 ? lengths{} : parts(size, every_length)) {
-            add("cut", name + ('#' + number), {cut, at, part});
+        for (const std::size_t part : parts((kinds & cut) == 0 ? 0 : size, every_length)) {
+            add("cut", name, number, {cut, at, part});
         }
     }
     for (std::size_t number = 1; number <= allocations; ++number) {
-        add("libxml2 once", "allocation", {once, number, 0, true});
-        add("libxml2 ever", "allocation", {ever, number, 0, true});
+        add("libxml2 once", "allocation", 0, {once, number, 0, true});
+        add("libxml2 ever", "allocation", 0, {ever, number, 0, true});
     }
     return results;
 }

@@ -1,5 +1,6 @@
 // Stories of everything that needs no plugin: the daemon's own calls, agents, the client table,
 // messages and paths, containers, and the logs.
+#include "client_table.h"
 #include "lane.h"
 
 #include "conf_dlq.h"
@@ -9,13 +10,8 @@
 #include <pcre2.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sys/epoll.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fault {
@@ -46,20 +42,11 @@ confd_plugin_callback_t hooks = {read_hook,
 
 // ---- the client table --------------------------------------------------------------------------
 
-const fs::path key_file = "/mnt/squash/local/etc/confd/confd.conf";
-
-void make_key_file()
-{
-    fs::create_directories(key_file.parent_path());
-    std::ofstream(key_file, std::ios::app).flush();
-}
-
 void note_objects()
 {
-    const key_t key = ftok(key_file.c_str(), 0);
-    const int semaphore = semget(key, 0, 0);
+    const int semaphore = test::semaphore();
     note("objects",
-         std::string(shmget(key, 0, 0) < 0 ? "no segment" : "segment") +
+         std::string(test::segment() < 0 ? "no segment" : "segment") +
              (semaphore < 0 ? "" : ", unlocked " + std::to_string(semctl(semaphore, 0, GETVAL))));
 }
 
@@ -86,12 +73,13 @@ void write_all(xmlNode *data)
 }
 
 const story services("services", about::calls, [] {
-    const struct {
+    struct service {
         const char *name;
         int (*enable)();
         void (*disable)(int);
         char *path;
-    } all[] = {
+    };
+    const service all[] = {
         {"plugin", conf_plugin_service_enable, conf_plugin_service_disable, g_conf_plugin_socket},
         {"agent", conf_agent_service_enable, conf_agent_service_disable, g_conf_agent_socket},
         {"notifier", conf_plugin_notifier_enable, conf_plugin_notifier_disable,
@@ -151,7 +139,7 @@ const story agent("agent", about::documents, [] {
 });
 
 const story client_table("client_table", about::calls, [] {
-    make_key_file();
+    test::make_key_file();
     step("create", [] { return conf_clishm_create(2); });
     note_objects();
     use_table();
@@ -160,12 +148,8 @@ const story client_table("client_table", about::calls, [] {
 });
 
 const story table_of_another_process("client_table_of_another_process", about::calls, [] {
-    make_key_file();
-    if (const pid_t creator = fork(); creator == 0) {
-        _exit(conf_clishm_create(2));
-    } else {
-        waitpid(creator, nullptr, 0);
-    }
+    test::make_key_file();
+    (void)test::create_elsewhere(2);
     use_table();
 });
 

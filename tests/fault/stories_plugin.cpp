@@ -1,94 +1,57 @@
 // Stories of a plugin: registration, the event loop, requests, the older interface.
+#include "both_interfaces.h"
 #include "lane.h"
 
 #include <cstdio>
 #include <sys/socket.h>
 #include <unistd.h>
 
+// The paths "/refuse" are refused, and "/own" has a status that the plugin keeps.
+int test::handle_call(const char *path, xmlNode *input, xmlNode **output)
+{
+    static xmlNode *const own = fault::made_outside("<own><up>1</up></own>");
+    const std::string where = path == nullptr ? "" : path;
+    if (output == nullptr) {
+        return where == "/refuse" ? econf_plugin_error(5, "no"), 22 : 0;
+    }
+    if (where == "/refuse") {
+        return 23;
+    }
+    const bool is_old = get_plugin_context()->version == 1;
+    const char *result = is_old ? "<output><done>2</done></output>" : "<done>2</done>";
+    *output = where == "/own"    ? own->children
+              : path != nullptr  ? fault::made_outside("<up>1</up>")
+              : input != nullptr ? fault::made_outside(result)
+                                 : nullptr;
+    return 0;
+}
+
 namespace fault {
 
 namespace {
 
-char path[] = "/demo";
-char state[] = "/state";
-char reset[] = "reset";
+char *const path = test::path_of_changes;
 char event[] = "event";
 char text[] = "text";
 char never[] = "never";
 
-// The paths "/refuse" are refused.
-bool is_refused(const char *which)
-{
-    return std::strcmp(which, "/refuse") == 0;
-}
-
-int changed(const char *which)
-{
-    return is_refused(which) ? econf_plugin_error(5, "no"), 22 : 0;
-}
-
-int asked(const char *which, xmlNode **status)
-{
-    static xmlNode *const own = made_outside("<own><up>1</up></own>");
-    *status = is_refused(which)                 ? nullptr
-              : std::strcmp(which, "/own") == 0 ? own->children
-                                                : made_outside("<up>1</up>");
-    return is_refused(which) ? 23 : 0;
-}
-
-int operated(xmlNode *input, xmlNode **output, const char *result)
-{
-    *output = input == nullptr ? nullptr : made_outside(result);
-    return 0;
-}
-
-int initialise()
-{
-    static econf_config_cb_info_t configs[] = {
-        {path, 10, [](int, int, int, int, const char *at) { return changed(at); }}, {}};
-    static econf_status_cb_info_t states[] = {
-        {state, [](int, const char *at, const char *, xmlNode **out) { return asked(at, out); }},
-        {}};
-    static econf_operate_cb_info_t operations[] = {
-        {reset,
-         [](int, xmlNode *in, xmlNode **out) { return operated(in, out, "<done>2</done>"); }},
-        {}};
-    static econf_plugin_subpub_info_t callbacks = {configs, states, operations, [] {}};
-    return econf_plugin_init("demo", &callbacks);
-}
-
-conf_context_t *initialise_by_older_interface()
-{
-    static config_callback_t configs[] = {
-        {path, 10, [](int, int, int, char *at) { return changed(at); }}, {}};
-    static status_callback_t states[] = {
-        {state, [](char *at, char *, xmlNode **out) { return asked(at, out); }}, {}};
-    static rpc_callback_t operations[] = {
-        {reset, [](xmlNode *in,
-                   xmlNode **out) { return operated(in, out, "<output><done>2</done></output>"); }},
-        {}};
-    static conf_plugin_info_t callbacks = {configs, states, operations, [] {}, nullptr};
-    return conf_plugin_init(path + 1, &callbacks);
-}
-
 // What the plugin is left with.
 void note_state()
 {
-    const conf_plugin_context_t *context = get_plugin_context();
-    if (context == nullptr) {
+    if (const conf_plugin_context_t *context = get_plugin_context()) {
+        note("active", static_cast<int>(context->bit_activate));
+        note("queued", std::to_string(conf_buffer_length(context->send_buf)) + ' ' +
+                           std::to_string(context->send_pos) + ' ' +
+                           std::to_string(conf_buffer_length(context->recv_buf)));
+    } else {
         note("active", "no context");
-        return;
     }
-    note("active", static_cast<int>(context->bit_activate));
-    note("queued", std::to_string(conf_buffer_length(context->send_buf)) + ' ' +
-                       std::to_string(context->send_pos) + ' ' +
-                       std::to_string(conf_buffer_length(context->recv_buf)));
 }
 
 // Registers and activates without a fault.
 void start()
 {
-    (void)initialise();
+    (void)test::initialise();
     (void)econf_plugin_activate(ACTIVATE_WITH_NONE);
     forget_logs();
 }
@@ -116,14 +79,6 @@ void fill_socket()
     }
 }
 
-void read_value(const std::string &name, int (*call)(conf_context_t *, char *, conf_val_t *))
-{
-    conf_val_t value{};
-    step(name, [&] { return call(nullptr, path, &value); });
-    note("value", value.data);
-    xmlFreeNode(value.data);
-}
-
 conf_buffer_t *filled(int length)
 {
     std::string filling(static_cast<std::size_t>(length), 'x');
@@ -137,7 +92,7 @@ conf_buffer_t *filled(int length)
 const story registration("registration", about::plugin, [] {
     step("record", get_plugin_from_hash);
     note("table", g_plugin_hash);
-    if (step("init", [] { return initialise() < 0 ? -1 : 0; }) == 0) {
+    if (step("init", [] { return test::initialise() < 0 ? -1 : 0; }) == 0) {
         step("activate", [] { return econf_plugin_activate(ACTIVATE_WITH_CFGR); });
         step("deactivate", econf_plugin_deactivate);
         note_state();
@@ -239,7 +194,7 @@ const story no_room("no_room", about::plugin, [] {
 });
 
 const story older_interface("older_interface", about::plugin, [] {
-    conf_context_t *handle = initialise_by_older_interface();
+    conf_context_t *handle = test::initialise_by_older_interface();
     (void)conf_start_session(handle, 0);
     forget_logs();
     step("descriptor", [=] { return conf_plg_get_hconf(handle) < 0 ? -1 : 0; });
@@ -257,11 +212,13 @@ const story older_interface("older_interface", about::plugin, [] {
 
 const story older_requests("older_requests", about::plugin, [] {
     const node_ptr data(test::parse("<name>a</name>"));
-    conf_val_t value = {data.get()};
+    conf_val_t value{};
     start();
     step("set", [&] { return conf_set_config(path, data.get()); });
     xmlFreeNodeList(step("get", [] { return conf_get_config(path); }));
-    read_value("value", conf_plg_get_value);
+    step("value", [&] { return conf_plg_get_value(nullptr, path, &value); });
+    note("value", value.data);
+    xmlFreeNode(value.data);
     // The same once more, each by another name.
     xmlFreeNodeList(conf_get_old_config(path));
     (void)conf_plg_get_old_value(nullptr, path, &value);

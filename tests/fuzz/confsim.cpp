@@ -2,8 +2,7 @@
 // "confsim_agent". Peers and operator take turns in the daemon's own loop; afterwards the daemon
 // must still serve, and what it would store must read back as what it holds.
 #include "commands.h"
-#include "conf_plugin.h"
-#include "failure.h"
+#include "conf_plugin/plugin_internal.h"
 #include "fuzz.h"
 
 #include <array>
@@ -47,9 +46,9 @@ const fuzz::forms plugin_forms = {
         "<status-publish><publisher><path>/a:s</path><callback>3</callback></publisher>"
         "</status-publish>"),
     rpc("activate", "<with-cfgr/>"),
-    fuzz::reply("<result/>", "%n"),
-    fuzz::reply("<result><data>%x</data></result>", "%n"),
-    fuzz::reply("<error><code>%n</code><message>%t</message></error>", "%n"),
+    test::reply("<result/>", "%n"),
+    test::reply("<result><data>%x</data></result>", "%n"),
+    test::reply("<error><code>%n</code><message>%t</message></error>", "%n"),
     rpc("pull", "<path>%p</path>"),
     rpc("locate", "<old/><path>%p</path>"),
     rpc("push", "<path>%p</path><data>%x</data>"),
@@ -67,39 +66,28 @@ const char *const commands =
     "set /a:b/c %n|set %p %n|delete %p|commit|show deployment|show %p|status /a:s %n|plugins|"
     "kickoff|notifications|diff|discard|call %p %n|show published|kickoff p%n";
 
-class hostile_peer {
-public:
-    explicit hostile_peer(fuzz::input &in) : in_(in) {}
-    ~hostile_peer() { close(socket_); }
-    hostile_peer(const hostile_peer &) = delete;
-    hostile_peer &operator=(const hostile_peer &) = delete;
-
-    void turn()
-    {
-        if (in_.ended() || in_.rarely(40)) {
-            close(std::exchange(socket_, -1));
-            return;
-        }
-        fuzz::forms all = is_agent ? agent_forms : plugin_forms;
-        if (socket_ < 0) {
-            socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            sockaddr_un address{AF_UNIX, {}};
-            std::strcpy(address.sun_path, is_agent ? g_conf_agent_socket : g_conf_plugin_socket);
-            (void)connect(socket_, reinterpret_cast<sockaddr *>(&address), sizeof address);
-            all.resize(1);
-        } else {
-            all.erase(all.begin());
-            static std::array<char, 65536> ignored;
-            (void)(in_.rarely(4) || recv(socket_, ignored.data(), ignored.size(), 0) != 0);
-        }
-        const std::string bytes = in_.message(all);
-        (void)send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+// A peer connects, sends or hangs up.
+void take_turn(fuzz::input &in, int &peer)
+{
+    if (in.ended() || in.rarely(40)) {
+        close(std::exchange(peer, -1));
+        return;
     }
-
-private:
-    fuzz::input &in_;
-    int socket_ = -1;
-};
+    fuzz::forms all = is_agent ? agent_forms : plugin_forms;
+    if (peer < 0) {
+        peer = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        const sockaddr_un address =
+            socket_address(is_agent ? g_conf_agent_socket : g_conf_plugin_socket);
+        (void)connect(peer, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        all.resize(1);
+    } else {
+        all.erase(all.begin());
+        static std::array<char, 65536> ignored;
+        (void)(in.rarely(4) || recv(peer, ignored.data(), ignored.size(), 0) != 0);
+    }
+    const std::string bytes = in.message(all);
+    (void)send(peer, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
 
 void notify(fuzz::input &in)
 {
@@ -121,15 +109,11 @@ void check_stored(configuration &config, const char *name)
 {
     const node *kept = config.named(name);
     const std::string text = xml::print(config.as_xml(*kept).get());
-    try {
-        const xml::doc_ptr doc = xml::parse_text(text, name);
-        module_table modules;
-        node read = from_xml(xmlDocGetRootElement(doc.get()), "", modules);
-        read.module = kept->module;
-        fuzz::require(is_equal(read, *kept), "reads back otherwise", text);
-    } catch (const failure &reason) {
-        fuzz::require(false, reason.what(), text);
-    }
+    const xml::doc_ptr doc = xml::parse_text(text, name); // or fails
+    module_table modules;
+    node read = from_xml(xmlDocGetRootElement(doc.get()), "", modules);
+    read.module = kept->module;
+    EXPECT_TRUE(is_equal(read, *kept)) << text;
 }
 
 } // namespace
@@ -138,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static const endpoints where("/var/tmp/confsim");
     fuzz::input in(data, size);
-    std::array<hostile_peer, 2> peers = {hostile_peer(in), hostile_peer(in)};
+    std::array<int, 2> peers = {-1, -1};
     console out;
     event_loop loop;
     tracer trace(out);
@@ -149,10 +133,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     const int always = eventfd(1, EFD_CLOEXEC);
     loop.watch(always, POLLIN, [&](short) {
-        peers[in.below(peers.size())].turn();
+        take_turn(in, peers[in.below(peers.size())]);
         if (in.ended()) {
-            peers[0].turn();
-            peers[1].turn(); // both are gone
+            take_turn(in, peers[0]);
+            take_turn(in, peers[1]); // both are gone
         }
     });
     while (!in.ended()) {
@@ -170,8 +154,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
     (void)loop.run_until([&service] { return service.plugins().empty(); }, after(seconds(60)));
-    fuzz::require(service.plugins().empty(), "a plugin that is gone is kept");
+    EXPECT_TRUE(service.plugins().empty());
     loop.forget(always);
-    close(always);
+    for (const int each : {always, peers[0], peers[1]}) {
+        close(each);
+    }
     return 0;
 }

@@ -9,8 +9,6 @@
 #include <list>
 #include <map>
 
-using fuzz::require;
-
 namespace {
 
 void check_buffer(fuzz::input &in)
@@ -24,33 +22,26 @@ void check_buffer(fuzz::input &in)
         std::string more = in.text(300);
         const int size = static_cast<int>(more.size());
         const int count = in.rarely(8) ? in.ConsumeIntegral<int>() : size;
-        switch (in.below(5)) {
-        case 0:
-            require(conf_buffer_append(&buffer, more.data(), size) == 0, "no append");
+        const std::size_t what = in.below(5);
+        if (what == 0) {
+            EXPECT_EQ(conf_buffer_append(&buffer, more.data(), size), 0);
             expected += more;
-            break;
-        case 1:
-            require((conf_buffer_insert(&buffer, at, more.data(), size) == 0) == is_inside,
-                    "insert");
+        } else if (what == 1) {
+            EXPECT_EQ(conf_buffer_insert(&buffer, at, more.data(), size) == 0, is_inside);
             expected.insert(std::min(place, expected.size()), is_inside ? more : "");
-            break;
-        case 2:
+        } else if (what == 2) {
             conf_buffer_remove(buffer, at, count);
             expected.erase(std::min(place, expected.size()),
                            static_cast<std::size_t>(is_inside ? std::max(count, 0) : 0));
-            break;
-        case 3:
+        } else if (what == 3) {
             conf_buffer_slim(&buffer);
-            break;
-        default:
+        } else {
             conf_buffer_flush(buffer);
             expected.clear();
         }
-        require(conf_buffer_length(buffer) == static_cast<int>(expected.size()) &&
-                    conf_buffer_length(buffer) < buffer->total,
-                "length");
-        require(std::memcmp(conf_buffer_data(buffer), expected.c_str(), expected.size() + 1) == 0,
-                "other content");
+        const auto length = static_cast<std::size_t>(conf_buffer_length(buffer));
+        EXPECT_LT(conf_buffer_length(buffer), buffer->total);
+        EXPECT_EQ(std::string(conf_buffer_data(buffer), length + 1), expected + '\0');
     }
     conf_buffer_destroy(buffer);
 }
@@ -69,17 +60,17 @@ void check_list(fuzz::input &in)
             expected.remove(node);
             conf_dlq_remove(&list, node);
             conf_dlq_remove(&list, node); // changes nothing
-        } else if (require((conf_dlq_insert(&list, other, node) == 0) == can, "insert"); can) {
-            expected.insert(position, node);
+        } else {
+            EXPECT_EQ(conf_dlq_insert(&list, other, node) == 0, can);
+            expected.insert(position, can ? 1 : 0, node);
         }
         conf_dlq_node_t *last = nullptr;
         for (conf_dlq_node_t *each : expected) {
-            require(each == (last == nullptr ? conf_dlq_head(&list) : conf_dlq_next(&list, last)) &&
-                        conf_dlq_prev(&list, each) == last,
-                    "order");
+            EXPECT_EQ(each, last == nullptr ? conf_dlq_head(&list) : conf_dlq_next(&list, last));
+            EXPECT_EQ(conf_dlq_prev(&list, each), last);
             last = each;
         }
-        require(list.num == expected.size() && conf_dlq_tail(&list) == last, "end");
+        EXPECT_TRUE(list.num == expected.size() && conf_dlq_tail(&list) == last);
     }
 }
 
@@ -95,15 +86,14 @@ void check_hash(fuzz::input &in)
             conf_hash_del(table, key.data());
             expected.erase(key);
         } else {
-            require(conf_hash_add(table, key.data(), value.data(), size) == 0, "no add");
+            EXPECT_EQ(conf_hash_add(table, key.data(), value.data(), size), 0);
             expected[key] = value;
         }
         key = in.ConsumeRandomLengthString(3).c_str();
-        require((conf_hash_get(table, key.data()) != nullptr) == expected.contains(key),
-                "presence");
+        EXPECT_EQ(conf_hash_get(table, key.data()) != nullptr, expected.contains(key));
         for (const auto &[name, text] : expected) {
-            const void *got = conf_hash_get(table, std::string(name).data());
-            require(got != nullptr && std::memcmp(got, text.data(), text.size()) == 0, "value");
+            const auto *got = static_cast<char *>(conf_hash_get(table, std::string(name).data()));
+            EXPECT_TRUE(got != nullptr && std::equal(text.begin(), text.end(), got)) << name;
         }
     }
     for (const auto &[name, text] : expected) {
@@ -119,20 +109,20 @@ void check_vector(fuzz::input &in)
     while (!in.ended()) {
         const auto index = in.ConsumeIntegralInRange<std::size_t>(0, expected.size() + 1);
         if (in.rarely(3)) {
-            const bool removed = conf_vector_remove(vector, static_cast<u32_t>(index)) == 0;
-            require(removed == (index < expected.size()), "remove");
-            expected[removed ? index : 0] = removed ? nullptr : expected[0];
+            const bool is_inside = index < expected.size();
+            EXPECT_EQ(conf_vector_remove(vector, static_cast<u32_t>(index)) == 0, is_inside);
+            expected[is_inside ? index : 0] = is_inside ? nullptr : expected[0];
         } else {
             const auto slot = std::find(expected.begin(), expected.end(), nullptr);
-            const std::ptrdiff_t place = slot - expected.begin();
+            const auto place = static_cast<std::size_t>(slot - expected.begin());
             expected.resize(expected.size() * (slot == expected.end() ? 2 : 1));
-            expected[static_cast<std::size_t>(place)] = &expected;
-            require(conf_vector_add(&vector, &expected) == place, "add");
+            expected[place] = &expected;
+            EXPECT_EQ(conf_vector_add(&vector, &expected), static_cast<int>(place));
         }
-        require(conf_vector_size(vector) == static_cast<int>(expected.size()), "size");
-        for (std::size_t i = 0; i <= expected.size(); ++i) {
-            const void *wanted = i < expected.size() ? expected[i] : nullptr;
-            require(conf_vector_get(vector, static_cast<u32_t>(i)) == wanted, "element");
+        EXPECT_EQ(conf_vector_size(vector), static_cast<int>(expected.size()));
+        EXPECT_EQ(conf_vector_get(vector, static_cast<u32_t>(expected.size())), nullptr);
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+            EXPECT_EQ(conf_vector_get(vector, static_cast<u32_t>(i)), expected[i]);
         }
     }
     conf_vector_destroy(vector, nullptr);

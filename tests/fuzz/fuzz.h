@@ -1,20 +1,17 @@
-// What the fuzz targets share: private namespaces, the complaint that ends a run, and texts, paths,
-// documents and messages that are made from the bytes of an input.
+// What the fuzz targets share: private namespaces, the end of a run with the first expectation that
+// fails, and texts, paths, documents and messages that are made from the bytes of an input.
 #ifndef CONFSVC_FUZZ_H
 #define CONFSVC_FUZZ_H
 
-#include "conf_debug.h"
-#include "conf_def.h"
+#include "fake_daemon.h"
 #include "sandbox.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
+#include <libxml/xmlerror.h>
 
 // Freed memory is kept from use for long enough, without touching fresh pages all the time.
 extern "C" const char *__asan_default_options()
@@ -26,48 +23,23 @@ extern "C" const char *__asan_default_options()
 // target includes this header once. Not inline: only libFuzzer refers to it.
 extern "C" int LLVMFuzzerInitialize(int *count, char ***arguments)
 {
+    GTEST_FLAG_SET(throw_on_failure, true);                        // which nobody catches
+    xmlSetStructuredErrorFunc(nullptr, [](void *, xmlError *) {}); // malformed texts are many
     sandbox::options options;
-    for (int i = 1; i < *count; ++i) {
-        if ((*arguments)[i][0] != '-') {
-            options.keep.emplace_back((*arguments)[i]);
-        }
-    }
+    options.keep.assign(*arguments + 1, *arguments + *count);
     std::string error;
-    if (!sandbox::enter(options, error)) {
-        std::fprintf(stderr, "no sandbox for the target: %s\n", error.c_str());
-        std::exit(1);
-    }
+    EXPECT_TRUE(sandbox::enter(options, error)) << error;
     return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;
 }
 
 namespace fuzz {
-
-inline void require(bool holds, const char *what, const std::string &detail = "")
-{
-    if (!holds) {
-        std::fprintf(stderr, "FAULT: %s\n%s\n", what, detail.c_str());
-        std::abort();
-    }
-}
-
-inline std::string framed(const std::string &body, std::size_t length, int sequence = 0)
-{
-    const msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(length), static_cast<u16_t>(sequence),
-                             0};
-    return std::string(reinterpret_cast<const char *>(&head), sizeof head) + body;
-}
 
 // Forms of messages, see input::filled().
 using forms = std::vector<std::string>;
 
 inline std::string rpc(const std::string &method, const std::string &params, const char *id = "%i")
 {
-    return "<rpc><method>" + method + "</method><params>" + params + "</params><id>" + id +
-           "</id></rpc>";
-}
-inline std::string reply(const std::string &content, const char *id = "%i")
-{
-    return "<reply>" + content + "<id>" + id + "</id></reply>";
+    return test::rpc(method, "<params>" + params + "</params>", id);
 }
 
 // An input that has come to its end gives zeros, so 0 is always the harmless choice.
@@ -85,8 +57,8 @@ public:
     // One of the texts between the bars.
     std::string pick(const std::string &texts)
     {
-        std::size_t at = 0;
         const auto bars = static_cast<std::size_t>(std::count(texts.begin(), texts.end(), '|'));
+        std::size_t at = 0;
         for (std::size_t left = below(bars + 1); left > 0; --left) {
             at = texts.find('|', at) + 1;
         }
@@ -125,22 +97,20 @@ public:
         for (std::size_t left = below(4); left > 0 && depth < 8; --left) {
             const std::string name = pick("b|c|name|id|p:d|data|path|next|error");
             const std::size_t kind = below(6);
-            if (kind == 0) {
-                made += pick("x| |&amp;|&#13;|<!--x-->|<![CDATA[<]]>|<?p x?>|&e;|\x01|\xc3\xa9|1");
-                continue;
+            std::string more =
+                kind == 0
+                    ? pick("x| |&amp;|&#13;|<!--x-->|<![CDATA[<]]>|<?p x?>|&e;|\x01|\xc3\xa9|1")
+                : kind == 1 ? ConsumeRandomLengthString(12)
+                            : document(depth + 1);
+            if (kind > 1) {
+                const std::string attribute =
+                    pick("|| xmlns='urn:a'| xmlns:p='urn:q'| k='v'| xml:lang='x'"
+                         "| xmlns='http://x/y z'| xmlns='u:'");
+                for (int times = rarely(32) ? 300 : 1; times > 0; --times) {
+                    more = "<" + name + attribute + ">" + more + "</" + name + ">";
+                }
             }
-            if (kind == 1) {
-                made += ConsumeRandomLengthString(12);
-                continue;
-            }
-            std::string inner = document(depth + 1);
-            const std::string attribute =
-                pick("|| xmlns='urn:a'| xmlns:p='urn:q'| k='v'| xml:lang='x'"
-                     "| xmlns='http://x/y z'| xmlns='u:'");
-            for (int times = rarely(32) ? 300 : 1; times > 0; --times) {
-                inner = "<" + name + attribute + ">" + inner + "</" + name + ">";
-            }
-            made += inner;
+            made += more;
         }
         return made;
     }
@@ -166,13 +136,22 @@ public:
     {
         std::string body = filled(all[below(all.size())], id);
         while (rarely(6)) {
-            damage(body);
+            const std::size_t at = below(body.size() + 1);
+            const std::size_t count = below(16);
+            const std::size_t how = below(3);
+            if (how == 0) {
+                body.erase(at, count);
+            } else {
+                body.insert(at, how == 1 ? ConsumeRandomLengthString(16)
+                                         : body.substr(below(body.size() + 1), 4 * count));
+            }
         }
-        std::size_t length = body.size();
+        std::string made = test::framed(body);
         if (rarely(16)) {
-            length = rarely(2) ? ConsumeIntegral<u32_t>() : length + 1;
+            const auto next = static_cast<u32_t>(body.size()) + 1;
+            const u32_t length = rarely(2) ? ConsumeIntegral<u32_t>() : next;
+            std::memcpy(made.data() + offsetof(msg_head_t, length), &length, sizeof length);
         }
-        std::string made = framed(body, length);
         if (rarely(12)) {
             made.insert(0, text(20));
         }
@@ -191,18 +170,6 @@ private:
         const auto is_special = [](char c) { return c == '<' || c == '&' || (c & 0x80) != 0; };
         std::replace_if(made.begin(), made.end(), is_special, '_');
         return made;
-    }
-    void damage(std::string &body)
-    {
-        const std::size_t at = below(body.size() + 1);
-        const std::size_t count = below(16);
-        const std::size_t how = below(3);
-        if (how == 0) {
-            body.erase(at, count);
-        } else {
-            body.insert(at, how == 1 ? ConsumeRandomLengthString(16)
-                                     : body.substr(below(body.size() + 1), 4 * count));
-        }
     }
 };
 

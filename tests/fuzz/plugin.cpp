@@ -3,17 +3,16 @@
 // any answer.
 //
 // The daemon has no thread: the library's waits are replaced at link time, and give it its turns.
+#include "both_interfaces.h"
 #include "conf_plugin/plugin_internal.h"
 #include "fuzz.h"
 
-#include <array>
 #include <cerrno>
 #include <map>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -23,8 +22,12 @@ constexpr bool is_sound_at_first = false;
 constexpr bool is_sound_at_first = true;
 #endif
 
-using fuzz::reply;
 using fuzz::rpc;
+
+std::string reply(const std::string &content)
+{
+    return test::reply(content, "%i");
+}
 
 const fuzz::forms answers = {
     reply("<result/>"),
@@ -56,23 +59,30 @@ struct hostile_daemon {
     fuzz::input &in;
     const int listener;
     bool is_sound = is_sound_at_first;
-    int connection = -1;
+    std::unique_ptr<test::Peer> connection = {};
     unsigned long last_id = first_id;
     std::string asked = {}; // the id that the plugin waits for
-    std::string received = {};
     std::map<unsigned long, int> replies = {};
 
+    [[nodiscard]] bool accept()
+    {
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        connection = fd < 0 ? nullptr : std::make_unique<test::Peer>(fd);
+        return connection != nullptr;
+    }
     void turn()
     {
-        if (connection < 0) {
-            connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (!connection) {
+            (void)accept();
             return;
         }
-        read();
+        for (const std::string &body : connection->received()) {
+            take(body);
+        }
         if (is_sound && !asked.empty()) {
             send(in.message({answers[0]}, asked)); // damaged now and then
         } else if (in.ended() || in.rarely(64)) {
-            close(std::exchange(connection, -1));
+            connection.reset();
         } else if (!asked.empty() && !in.rarely(4)) {
             send(in.message(answers, asked));
         } else {
@@ -83,141 +93,76 @@ struct hostile_daemon {
     {
         asked.clear();
         const std::size_t size = std::min<std::size_t>(bytes.size(), 100000);
-        (void)::send(connection, bytes.data(), size, MSG_NOSIGNAL);
-    }
-    void read()
-    {
-        static std::array<char, 300000> bytes;
-        const ssize_t count = recv(connection, bytes.data(), bytes.size(), 0);
-        received.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        msg_head_t head{};
-        while (received.size() >= sizeof head) {
-            received.copy(reinterpret_cast<char *>(&head), sizeof head);
-            fuzz::require(head.magic == MSG_MAGIC && head.format == 0, "no frame", received);
-            if (received.size() - sizeof head < head.length) {
-                break;
-            }
-            take(received.substr(sizeof head, head.length));
-            received.erase(0, sizeof head + head.length);
-        }
-        received.resize(count == 0 ? 0 : received.size());
+        (void)::send(connection->fd(), bytes.data(), size, MSG_NOSIGNAL);
     }
     void take(const std::string &body)
     {
         const std::size_t at = body.rfind("<id>");
-        fuzz::require(at != std::string::npos, "a message without id", body);
+        EXPECT_NE(at, std::string::npos) << body;
         const std::string id = body.substr(at + 4, body.find('<', at + 4) - at - 4);
         if (body.starts_with("<rpc>") && body.ends_with("</rpc>")) {
             asked = id;
             return;
         }
-        fuzz::require(body.starts_with("<reply>") && body.ends_with("</reply>"), "no reply", body);
+        EXPECT_TRUE(body.starts_with("<reply>") && body.ends_with("</reply>")) << body;
         const unsigned long number = std::strtoul(id.c_str(), nullptr, 10);
-        fuzz::require(number < first_id || number > last_id || ++replies[number] == 1,
-                      "a second reply", body);
+        EXPECT_TRUE(number < first_id || number > last_id || ++replies[number] == 1) << body;
     }
 };
 
 hostile_daemon *peer;
 int depth = 0; // of callbacks
 
-void start();
-
-struct call {
-    fuzz::input &in;
-    const char *path;
-    xmlNode *data;
-    xmlNode *list;
-};
-
-// What a plugin can do, inside of callbacks and outside. The first ones are exchanges.
-constexpr std::size_t exchanges = 8;
-int (*const calls[])(call &) = {
-    [](call &c) { return econf_plugin_pull(0, c.path, &c.list); },
-    [](call &c) { return econf_plugin_pull(1, c.path, &c.list); },
-    [](call &c) { return econf_plugin_locate(0, c.path, &c.list); },
-    [](call &c) { return econf_plugin_locate(1, c.path, &c.list); },
-    [](call &c) { return econf_plugin_push(c.path, c.data); },
-    [](call &c) { return econf_plugin_config_deployment(c.path, 1, c.data); },
-    [](call &) { return econf_plugin_save_deployment(); },
-    [](call &) { return econf_plugin_copy_running_to_deployment(1); },
-    [](call &c) { return econf_plugin_activate(static_cast<int>(c.in.below(3))); },
-    [](call &) { return econf_plugin_deactivate(), 0; },
-    [](call &c) { return econf_plugin_error(static_cast<int>(c.in.below(3)), "%s%n"), 0; },
-    [](call &) { return econf_plugin_error(7, nullptr), 0; },
-    [](call &) { return econf_plugin_run(), 0; },
-    [](call &) { return econf_plugin_close(), start(), 0; },
-    [](call &) { return econf_plugin_close(), 0; },
-};
-
-xmlNode *element(fuzz::input &in)
-{
-    xmlNode *made = xmlNewNode(nullptr, reinterpret_cast<const xmlChar *>("data"));
-    xmlNewTextChild(made, nullptr, reinterpret_cast<const xmlChar *>("x"),
-                    reinterpret_cast<const xmlChar *>(in.PickValueInArray({"", "a&b", "<c/>"})));
-    return made;
-}
-
-void act(fuzz::input &in)
-{
-    const std::string path = in.path();
-    call all = {in, path.c_str(), element(in), nullptr};
-    const std::size_t which = in.below(std::size(calls));
-    const int result = calls[which](all);
-    fuzz::require(result == 0 || (result == -1 && all.list == nullptr), "result");
-    xmlFreeNode(all.data);
-    xmlFreeNodeList(all.list);
-    const conf_plugin_context_t *context = get_plugin_context();
-    fuzz::require(depth > 0 || which >= exchanges || context == nullptr ||
-                      context->recv_buf->used + context->send_buf->used == 0,
-                  "an exchange leaves bytes behind, which nothing would wake the plugin for");
-}
-
-int called(const char *text, xmlNode *input = nullptr, xmlNode **output = nullptr)
-{
-    fuzz::input &in = peer->in;
-    ++depth;
-    while (depth < 4 && in.rarely(3)) {
-        act(in);
-    }
-    --depth;
-    if (output != nullptr) {
-        *output = in.PickValueInArray<xmlNode *>(
-            {nullptr, input, input == nullptr ? nullptr : input->children});
-        *output = *output == nullptr && in.ConsumeBool() ? element(in) : *output;
-    }
-    const bool is_long = text != nullptr && std::strlen(text) > 10000; // it must still be there
-    return is_long ? -1 : static_cast<int>(in.below(3)) - 1;
-}
-
 // Registers and activates, by one interface or the other.
 void start()
 {
-    static char name[] = "fuzz";
-    static econf_config_cb_info_t configs[] = {
-        {"/a:b", 1, [](int, int, int, int, const char *at) { return called(at); }}, {}};
-    static econf_status_cb_info_t states[] = {
-        {"/a:c",
-         [](int, const char *at, const char *, xmlNode **out) { return called(at, nullptr, out); }},
-        {}};
-    static econf_operate_cb_info_t operations[] = {
-        {name, [](int, xmlNode *in, xmlNode **out) { return called(nullptr, in, out); }}, {}};
-    static econf_plugin_subpub_info_t callbacks = {configs, states, operations,
-                                                   [] { (void)called(nullptr); }};
-    static config_callback_t old_configs[] = {
-        {name, 1, [](int, int, int, char *at) { return called(at); }}, {}};
-    static status_callback_t old_states[] = {
-        {name, [](char *at, char *, xmlNode **out) { return called(at, nullptr, out); }}, {}};
-    static rpc_callback_t old_operations[] = {
-        {name, [](xmlNode *in, xmlNode **out) { return called(nullptr, in, out); }}, {}};
-    static conf_plugin_info_t old_callbacks = {old_configs, old_states, old_operations,
-                                               callbacks.kick_off, nullptr};
     if (peer->in.rarely(4)) {
-        (void)conf_plugin_init(name, &old_callbacks);
+        (void)test::initialise_by_older_interface();
     } else {
-        (void)econf_plugin_init(name, &callbacks);
+        (void)test::initialise();
     }
     (void)econf_plugin_activate(static_cast<int>(peer->in.below(3)));
+}
+
+xmlNode *element(fuzz::input &in)
+{
+    return test::parse(in.PickValueInArray<const char *>(
+        {"<data><x/></data>", "<data><x>a&amp;b</x></data>", "<data><x>&lt;c/&gt;</x></data>"}));
+}
+
+// What a plugin can do, inside of callbacks and outside.
+void act(fuzz::input &in)
+{
+    const std::string text = in.path();
+    const char *path = text.c_str();
+    xmlNode *data = element(in);
+    xmlNode *list = nullptr;
+    const std::function<int()> calls[] = {
+        [&] { return econf_plugin_pull(0, path, &list); },
+        [&] { return econf_plugin_pull(1, path, &list); },
+        [&] { return econf_plugin_locate(0, path, &list); },
+        [&] { return econf_plugin_locate(1, path, &list); },
+        [&] { return econf_plugin_push(path, data); },
+        [&] { return econf_plugin_config_deployment(path, 1, data); },
+        econf_plugin_save_deployment,
+        [] { return econf_plugin_copy_running_to_deployment(1); },
+        [&] { return econf_plugin_activate(static_cast<int>(in.below(3))); },
+        [] { return econf_plugin_deactivate(), 0; },
+        [&] { return econf_plugin_error(static_cast<int>(in.below(3)), "%s%n"), 0; },
+        [] { return econf_plugin_error(7, nullptr), 0; },
+        [] { return econf_plugin_run(), 0; },
+        [] { return econf_plugin_close(), start(), 0; },
+        [] { return econf_plugin_close(), 0; },
+    };
+    const std::size_t which = in.below(std::size(calls));
+    const int result = calls[which]();
+    EXPECT_TRUE(result == 0 || (result == -1 && list == nullptr));
+    xmlFreeNode(data);
+    xmlFreeNodeList(list);
+    // The first eight are exchanges: bytes left behind by one would wake nobody.
+    const conf_plugin_context_t *context = get_plugin_context();
+    EXPECT_TRUE(depth > 0 || which >= 8 || context == nullptr ||
+                context->recv_buf->used + context->send_buf->used == 0);
 }
 
 template <typename poller>
@@ -237,6 +182,23 @@ int wait_for(poller look)
 }
 
 } // namespace
+
+int test::handle_call(const char *path, xmlNode *input, xmlNode **output)
+{
+    fuzz::input &in = peer->in;
+    ++depth;
+    while (depth < 4 && in.rarely(3)) {
+        act(in);
+    }
+    --depth;
+    if (output != nullptr) {
+        *output = in.PickValueInArray<xmlNode *>(
+            {nullptr, input, input == nullptr ? nullptr : input->children});
+        *output = *output == nullptr && in.ConsumeBool() ? element(in) : *output;
+    }
+    const bool is_long = path != nullptr && std::strlen(path) > 10000; // it must still be there
+    return is_long ? -1 : static_cast<int>(in.below(3)) - 1;
+}
 
 extern "C" {
 int __real_epoll_wait(int epoll, epoll_event *events, int most, int limit);
@@ -263,7 +225,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     start();
     daemon.is_sound = false;
     while (!in.ended() && get_plugin_context() != nullptr) {
-        if (daemon.connection < 0) {
+        if (!daemon.connection) {
             econf_plugin_close();
             start();
         } else if (is_sound_at_first) {
@@ -276,9 +238,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     econf_plugin_close();
     del_plugin_from_hash();
     econf_plugin_config_debug(0, 0);
-    do {
-        close(daemon.connection);
-        daemon.connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    } while (daemon.connection >= 0);
+    while (daemon.accept()) {
+    }
     return 0;
 }

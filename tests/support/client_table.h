@@ -109,14 +109,19 @@ inline int look_up(pid_t pid)
     return std::memcmp(&info, &expected, sizeof info) == 0 ? static_cast<int>(port) : -2;
 }
 
+inline void make_key_file()
+{
+    std::filesystem::create_directories(std::filesystem::path(key_file).parent_path());
+    std::ofstream(key_file, std::ios::app).flush();
+}
+
 class ClientTable : public test::Fixture {
 protected:
     void SetUp() override
     {
         Fixture::SetUp();
         alarm(250); // a test that hangs is killed
-        std::filesystem::create_directories(std::filesystem::path(key_file).parent_path());
-        std::ofstream(key_file, std::ios::app).flush();
+        make_key_file();
     }
     void TearDown() override
     {
