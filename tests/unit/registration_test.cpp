@@ -135,12 +135,12 @@ TEST_F(ActivationTest, ActivationOpensTheLoop)
 
         // Requests that come with the answer wait in the socket, where the plugin sees them.
         std::string request;
-        daemon->play([&](Peer &p) {
+        daemon.play([&](Peer &p) {
             request = p.receive();
             p.send(framed(reply("<result/>", "6")) + framed(kick_off) + framed(config("/a")));
         });
         EXPECT_EQ(econf_plugin_activate(mode), 0);
-        daemon->finish();
+        daemon.finish();
         EXPECT_EQ(request, rpc("activate", params, "6"));
         EXPECT_EQ(debug_texts(DBG_DEBUG), strings{"Activate plugin demo success."});
         pollfd sock{context->sock, POLLIN, 0};

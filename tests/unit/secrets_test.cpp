@@ -190,7 +190,7 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
     if (plugin == 0) {
         play_plugin(tokens[0], done[1]);
     }
-    daemon->play([&](Peer &connection) {
+    daemon.play([&](Peer &connection) {
         (void)connection.answer("<result/>");
         (void)connection.answer("<result/>");
         EXPECT_NE(search(plugin, "malformed message"), "") << "nothing is found";
@@ -219,13 +219,13 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
             EXPECT_EQ(search(plugin, secret), "") << each.name;
         }
     });
-    daemon->finish();
+    daemon.finish();
     kill(plugin, SIGKILL);
     EXPECT_EQ(waitpid(plugin, nullptr, 0), plugin);
     for (const int fd : {tokens[0], tokens[1], done[0], done[1]}) {
         close(fd);
     }
-    daemon->forget_connection();
+    daemon.forget_connection();
 }
 
 } // namespace
