@@ -72,7 +72,6 @@ TEST_F(Logs, DebugFileIsLimitedAndNotForEverybodyAndNotLedAstray)
     fs::resize_file(debug_path, 2097152);
     _conf_write_log(DBG_ERROR, "kept"); // time, tag, separator, text and line end: 35 bytes
     EXPECT_EQ(_conf_get_file_length(debug_path.c_str()), 2097152 + 35);
-    fs::resize_file(debug_path, 2097153);
     _conf_write_log(DBG_ERROR, "first");
     EXPECT_EQ(test::debug_lines(), strings{"[ERROR] - first"});
     EXPECT_TRUE(_conf_get_file_length(nullptr) == -1 && _conf_get_file_length("/none") == -1);

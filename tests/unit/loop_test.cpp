@@ -182,39 +182,32 @@ TEST_F(LoopTest, Operations)
     });
 }
 
-// ---- callbacks that change the plugin ----------------------------------------------------------
-
 TEST_F(LoopTest, CallbackMayEndThePlugin)
 {
     const std::pair<std::string, std::string> kinds[] = {
         {config("/a"), succeeded()},
-        {operate("<a/>"), succeeded("<result><o/></result>")},
-        {subscribe(""), succeeded("<result><path/><data><o/></data></result>")},
+        {operate("<a/>"), result("<o/>")},
+        {subscribe(""), result("<path/><data><o/></data>")},
         {kick_off, succeeded()},
     };
     for (const auto &[request, accepted] : kinds) {
-        for (const int result : {0, 5}) {
-            SCOPED_TRACE(request + std::to_string(result));
-            const auto callbacks = [=](const std::function<void()> &inside) {
-                const auto record_and = [=] {
-                    econf_plugin_error(6, "recorded");
-                    inside();
-                };
-                return behaviour{result, record_and, nodes_of("<o/>")};
+        for (const int code : {0, 5}) {
+            SCOPED_TRACE(request + std::to_string(code));
+            const auto records_and = [code](const std::function<void()> &inside) {
+                const auto both = [=] { econf_plugin_error(6, "recorded"), inside(); };
+                return behaviour{code, both, nodes_of("<o/>")};
             };
             // Deactivated: answered nevertheless.
-            act = callbacks(econf_plugin_deactivate);
+            act = records_and(econf_plugin_deactivate);
             peer->send(framed(request));
-            daemon.play([](Peer &p) { p.answer("<result/>"); });
-            econf_plugin_run();
-            const bool accepts = result == 0 || request == kick_off;
-            EXPECT_EQ(daemon.finish().received(),
-                      strings{accepts ? accepted : failed("6", "recorded")});
+            request_of(econf_plugin_run);
+            const bool accepts = code == 0 || request == kick_off;
+            EXPECT_EQ(peer->received(), strings{accepts ? accepted : failed("6", "recorded")});
             EXPECT_EQ(context->bit_activate, 0U);
             context->bit_activate = 1;
 
             // Closed: nothing more is handled or sent.
-            act = callbacks(econf_plugin_close);
+            act = records_and(econf_plugin_close);
             peer->send(framed(request));
             EXPECT_EQ(handle(kick_off), "");
             EXPECT_EQ(called.rfind("kick-off"), request == kick_off ? 0 : std::string::npos);
@@ -223,7 +216,7 @@ TEST_F(LoopTest, CallbackMayEndThePlugin)
 
             // Closed and begun anew: the new connection sees nothing of the request.
             start(subscriptions());
-            act = callbacks([this] {
+            act = records_and([this] {
                 end();
                 act = {};
                 start(subscriptions());

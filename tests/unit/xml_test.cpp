@@ -22,14 +22,9 @@ using Xml = Fixture;
 TEST_F(Xml, AParsedBodyBelongsToNoDocument)
 {
     const std::pair<const char *, const char *> cases[] = {
-        {"<a>\n <b> c </b> <d/>\n</a>", "<a><b> c </b><d/></a>"},
         {"\xef\xbb\xbf<?xml version='1.0' encoding='utf-16'?><!--x--><a>1</a><!--y-->", "<a>1</a>"},
-        {"<a xmlns='u:1' xmlns:p='u:2'><p:b p:k='v'>t</p:b></a>",
-         "<a xmlns=\"u:1\" xmlns:p=\"u:2\"><p:b p:k=\"v\">t</p:b></a>"},
-        {"<a xml:lang='en' xml:id='i'><b xml:space='preserve'> </b></a>",
-         "<a xml:lang=\"en\" xml:id=\"i\"><b xml:space=\"preserve\"> </b></a>"},
-        {"<a><![CDATA[<&]]>&lt;&#65;<!-- c --><?p i?></a>",
-         "<a><![CDATA[<&]]>&lt;A<!-- c --><?p i?></a>"},
+        {"<a xmlns:p='u:2'>\n <p:b p:k='v' xml:lang='en'> c </p:b> </a>",
+         "<a xmlns:p=\"u:2\"><p:b p:k=\"v\" xml:lang=\"en\"> c </p:b></a>"},
         {"<!DOCTYPE a [<!ENTITY e 'text'><!ATTLIST a k ID #IMPLIED>]><a k='v'>&e;</a>",
          "<a k=\"v\">&e;</a>"},
     };
@@ -49,12 +44,10 @@ TEST_F(Xml, NothingOfAMalformedBodyIsPrintedAndTheHostKeepsItsHandler)
     for (const xmlStructuredErrorFunc host : {xmlStructuredErrorFunc{handler}, {}}) {
         xmlSetStructuredErrorFunc(&reports, host);
         for (const char *body :
-             {"", " ", "<a><b>hunter2</a>", "hunter2", "<a>\xff\xfe</a>", "<a/><b/>",
-              "<a>&hunter2;</a>", "<?xml version='1.0' encoding='latin1'?><a>\xe4</a>",
-              "<a k='1' k='2'/>"}) {
+             {"", "<a><b>hunter2</a>", "hunter2", "<a>\xff\xfe</a>", "<a/><b/>", "<a>&hunter2;</a>",
+              "<?xml version='1.0' encoding='latin1'?><a>\xe4</a>", "<a k='1' k='2'/>"}) {
             const parse_result result = parsed(body);
-            EXPECT_EQ(result.root, nullptr) << body;
-            EXPECT_FALSE(result.failed_copy) << body;
+            EXPECT_TRUE(result.root == nullptr && !result.failed_copy) << body;
         }
         // Usable, though libxml2 has something to say: an undeclared prefix.
         const node_ptr odd(parsed("<hunter2:a/>").root);
