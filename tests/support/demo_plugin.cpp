@@ -15,9 +15,34 @@ int called_back(const std::string &call, xmlNode *input, xmlNode **output)
     return act.result;
 }
 
+namespace {
+
+int on_config(int session, int oper, int more, int priority, const char *path)
+{
+    return called_back("config " + numbers(session, oper, more, priority) + text_of(path));
+}
+
+int on_status(int session, const char *path, const char *filter, xmlNode **status)
+{
+    return called_back("status " + numbers(session) + text_of(path) + ' ' + text_of(filter),
+                       nullptr, status);
+}
+
+int on_operate(int session, xmlNode *input, xmlNode **output)
+{
+    return called_back("operate " + numbers(session) + list_of(input), input, output);
+}
+
+} // namespace
+
 behaviour records(int result, int code, const char *text)
 {
     return {result, [=] { econf_plugin_error(code, text); }, {}};
+}
+
+behaviour gives(std::function<xmlNode *(xmlNode *input)> produce)
+{
+    return {0, {}, std::move(produce)};
 }
 
 std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text)
@@ -82,26 +107,9 @@ DemoFixture::DemoFixture()
 econf_plugin_subpub_info_t DemoFixture::subscriptions()
 {
     static char reset[] = "reset", none[] = "none";
-    static econf_config_cb_info_t configs[] = {
-        {"/demo/settings", 10,
-         [](int session, int oper, int more, int priority, const char *path) {
-             return called_back("config " + numbers(session, oper, more, priority) + text_of(path));
-         }},
-        {}};
-    static econf_status_cb_info_t states[] = {
-        {"/demo/state",
-         [](int session, const char *path, const char *filter, xmlNode **status) {
-             const std::string of = text_of(path) + ' ' + text_of(filter);
-             return called_back("status " + numbers(session) + of, nullptr, status);
-         }},
-        {}};
-    static econf_operate_cb_info_t operations[] = {
-        {reset,
-         [](int session, xmlNode *input, xmlNode **output) {
-             return called_back("operate " + numbers(session) + list_of(input), input, output);
-         }},
-        {none, nullptr},
-        {}};
+    static econf_config_cb_info_t configs[] = {{"/demo/settings", 10, on_config}, {}};
+    static econf_status_cb_info_t states[] = {{"/demo/state", on_status}, {}};
+    static econf_operate_cb_info_t operations[] = {{reset, on_operate}, {none, nullptr}, {}};
     return {configs, states, operations, [] { called_back("kick-off"); }};
 }
 

@@ -16,8 +16,8 @@ struct behaviour {
 inline behaviour act;
 inline std::string called;
 
-// An error, then the result.
-behaviour records(int result, int code, const char *text);
+behaviour records(int result, int code, const char *text); // an error, then the result
+behaviour gives(std::function<xmlNode *(xmlNode *input)> produce);
 
 // Output that is the callback's to give away.
 std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text);

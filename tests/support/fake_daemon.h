@@ -7,7 +7,7 @@
 #define CONFSVC_TEST_FAKE_DAEMON_H
 
 #include "conf_plugin/plugin_internal.h"
-#include "support/owners.h"
+#include "conf_plugin/xml.h"
 #include "test_support.h"
 
 #include <functional>

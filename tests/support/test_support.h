@@ -7,6 +7,7 @@
 #define CONFSVC_TEST_SUPPORT_H
 
 #include "conf_debug.h"
+#include "support/owners.h"
 
 #include <gtest/gtest.h>
 #include <libxml/tree.h>

@@ -1,6 +1,5 @@
 // Agents: their connection, and requests that find no buffer.
 #include "conf_plugin.h"
-#include "support/owners.h"
 #include "test_support.h"
 
 #include <cstring>

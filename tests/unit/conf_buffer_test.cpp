@@ -1,7 +1,6 @@
 // The byte buffer: sizes, refusals, and wiping.
 #include "conf_buffer_internal.h"
 
-#include "support/owners.h"
 #include "test_support.h"
 
 #include <climits>

@@ -1,6 +1,5 @@
 // The small helpers: results from tables, and what the kernel was really told.
 #include "conf_misc.h"
-#include "support/owners.h"
 #include "test_support.h"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
 // The blocking exchange: which message ends it, what breaks it, and what is left behind.
-#include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 
 #include <csignal>

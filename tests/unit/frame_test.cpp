@@ -1,6 +1,5 @@
 // Framing over real sockets: how what is queued leaves in parts, and which messages a reader
 // finds in sound and damaged streams, however they are cut into reads.
-#include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 
 #include <algorithm>

@@ -1,6 +1,5 @@
 // The older plugin interface: what its calls send, give and report, and how it differs from the
 // newer one.
-#include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 
 using namespace test;
@@ -9,23 +8,24 @@ namespace {
 
 char name[] = "demo", settings[] = "/demo/settings", reset[] = "reset";
 
-config_callback_t configs[] = {{settings, 10,
-                                [](int oper, int more, int priority, char *path) {
-                                    return called_back("config " + numbers(oper, more, priority) +
-                                                       text_of(path));
-                                }},
-                               {}};
-status_callback_t states[] = {
-    {settings,
-     [](char *path, char *filter, xmlNode **status) {
-         return called_back("status " + text_of(path) + ' ' + text_of(filter), nullptr, status);
-     }},
-    {}};
-rpc_callback_t operations[] = {{reset,
-                                [](xmlNode *input, xmlNode **output) {
-                                    return called_back("operate " + list_of(input), input, output);
-                                }},
-                               {}};
+int on_config(int oper, int more, int priority, char *path)
+{
+    return called_back("config " + numbers(oper, more, priority) + text_of(path));
+}
+
+int on_status(char *path, char *filter, xmlNode **status)
+{
+    return called_back("status " + text_of(path) + ' ' + text_of(filter), nullptr, status);
+}
+
+int on_operate(xmlNode *input, xmlNode **output)
+{
+    return called_back("operate " + list_of(input), input, output);
+}
+
+config_callback_t configs[] = {{settings, 10, on_config}, {}};
+status_callback_t states[] = {{settings, on_status}, {}};
+rpc_callback_t operations[] = {{reset, on_operate}, {}};
 conf_plugin_info_t subscriptions = {configs, states, operations, [] { called_back("kick-off"); },
                                     [](char *) { called_back("uninstall"); }};
 
@@ -33,13 +33,13 @@ class LegacyTest : public PluginFixture {
 protected:
     std::string init()
     {
+        act = {};
+        called.clear();
         return request_of([this] { handle = conf_plugin_init(name, &subscriptions); });
     }
 
     void begin()
     {
-        act = {};
-        called.clear();
         init();
         ASSERT_NE(handle, nullptr);
         EXPECT_EQ(request_of([this] { EXPECT_EQ(conf_start_session(handle, 1), 0); }),
@@ -69,6 +69,8 @@ TEST_F(LegacyTest, CallsTheOlderCallbacks)
 {
     begin();
     const node_ptr own(parse("<own><w><z>1</z></w></own>"));
+    const auto set_error = [] { EXPECT_EQ(conf_set_error(7, "own"), 0); };
+    const auto plg_set_error = [] { EXPECT_EQ(conf_plg_set_error(nullptr, 8, nullptr), 0); };
     const std::string operation = operate("<a/>"), input = "operate <a/>";
     const struct {
         std::string request, call, answer;
@@ -76,32 +78,18 @@ TEST_F(LegacyTest, CallsTheOlderCallbacks)
     } rows[] = {
         {config("/a[k=\"1\"]"), "config 1 0 10 /a[k=1]", succeeded()},
         {config("/a", "16384"), "config 16384 0 10 /a", failed("4"), {4}},
-        {config("/a"),
-         "config 1 0 10 /a",
-         failed("7", "own"),
-         {4, [] { EXPECT_EQ(conf_set_error(7, "own"), 0); }}},
-        {config("/a"),
-         "config 1 0 10 /a",
-         failed("8"),
-         {4, [] { EXPECT_EQ(conf_plg_set_error(nullptr, 8, nullptr), 0); }}},
-        {subscribe("<path>/s</path><filter>f</filter>"),
-         "status /s f",
-         succeeded("<result><data><s/></data></result>"),
-         {.produce = nodes_of("<s/>")}},
+        {config("/a"), "config 1 0 10 /a", failed("7", "own"), {4, set_error, {}}},
+        {config("/a"), "config 1 0 10 /a", failed("8"), {4, plg_set_error, {}}},
+        {subscribe("<path>/s</path><filter>f</filter>"), "status /s f",
+         succeeded("<result><data><s/></data></result>"), gives(nodes_of("<s/>"))},
         {operation, input, succeeded("<result><ok/></result>")},
-        {operation,
-         input,
-         succeeded("<result><o>1</o><p/></result>"),
-         {.produce = nodes_of("<w><o>1</o><p/></w>")}},
-        {operation, input, succeeded(), {.produce = nodes_of("<w/>")}},
-        {operate("<a><b/></a>"),
-         "operate <a><b/></a>",
-         succeeded("<result><b/></result>"),
-         {.produce = [](xmlNode *given) { return given; }}},
-        {operation,
-         input,
-         succeeded("<result><z>1</z></result>"),
-         {.produce = [&](xmlNode *) { return own->children; }}},
+        {operation, input, succeeded("<result><o>1</o><p/></result>"),
+         gives(nodes_of("<w><o>1</o><p/></w>"))},
+        {operation, input, succeeded(), gives(nodes_of("<w/>"))},
+        {operate("<a><b/></a>"), "operate <a><b/></a>", succeeded("<result><b/></result>"),
+         gives([](xmlNode *given) { return given; })},
+        {operation, input, succeeded("<result><z>1</z></result>"),
+         gives([&](xmlNode *) { return own->children; })},
         {kick_off, "kick-off", succeeded()},
     };
     for (const auto &row : rows) {
@@ -121,12 +109,16 @@ TEST_F(LegacyTest, ReadsAndWritesConfiguration)
 {
     begin();
     const node_ptr data(parse("<a>1</a>"));
-    conf_val_t given = {data.get()}, got{};
+    conf_val_t given = {data.get()};
     std::string seen;
     const auto see = [&seen](xmlNode *list) { return seen = list_of(node_list(list).get()), 0; };
+    const auto get = [&](auto call) {
+        conf_val_t got{};
+        const int result = call(handle, settings, &got);
+        return result + see(got.data);
+    };
     const std::string path = "<path>/demo/settings</path>", old = "<old/>" + path;
     const std::string set = path + "<data><a>1</a></data>", list = "<p:a xmlns:p=\"u:1\"/>text";
-    const std::string value = "<data>" + list + "</data>";
     const struct {
         const char *method;
         std::function<int()> call;
@@ -134,10 +126,8 @@ TEST_F(LegacyTest, ReadsAndWritesConfiguration)
     } rows[] = {
         {"pull", [&] { return see(conf_get_config(settings)); }, path, list},
         {"pull", [&] { return see(conf_get_old_config(settings)); }, old, list},
-        {"pull", [&] { return conf_plg_get_value(handle, settings, &got) + see(got.data); }, path,
-         value},
-        {"pull", [&] { return conf_plg_get_old_value(handle, settings, &got) + see(got.data); },
-         old, value},
+        {"pull", [&] { return get(conf_plg_get_value); }, path, "<data>" + list + "</data>"},
+        {"pull", [&] { return get(conf_plg_get_old_value); }, old, "<data>" + list + "</data>"},
         {"push", [&] { return conf_set_config(settings, given.data); }, set},
         {"push", [&] { return conf_plg_set_value(handle, 7, settings, &given); }, set},
     };

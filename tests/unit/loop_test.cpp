@@ -1,6 +1,5 @@
 // The event loop: what each request calls and what is answered, byte for byte; and callbacks that
 // change the plugin.
-#include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 
 #include <libxml/parser.h>
@@ -52,12 +51,9 @@ TEST_F(LoopTest, RefusesWhatHasNoCallback)
     const std::string none = failed("-1", "Cann't find the callback function.");
     const std::string invalid = failed("-1", "Callback index is invalid.");
     const std::string invalid_publish = failed("-1", "Error publish rpc message.");
+    const char *const not_found = "Cann't find the callback for path:/a oper:0 priority:0\n";
     std::vector<row> rows = {
-        {publish("config", "<path>/a</path>", callback("5")),
-         "",
-         none,
-         {},
-         "[DEBUG] - Cann't find the callback for path:/a oper:0 priority:0\n"},
+        {publish("config", "<path>/a</path>", callback("5")), "", none, {}, not_found},
         {publish("Config", ""), "", failed("-1", "Unknown publish type.")},
         {rpc("publish", "<params><type>config</type></params>", "17"), "", invalid_publish},
         {rpc("publish", "<params><info/></params>", "17"), "", invalid_publish},
@@ -85,11 +81,7 @@ TEST_F(LoopTest, ConfigurationChanges)
     const std::string large = "2147483648", none = "config -1 0 0 0 null";
     const char *const unsent = "[ERROR] - Plugin demo send reply for publish rpc failed.\n";
     check({
-        {request,
-         call,
-         failed("22"),
-         {22},
-         "[DEBUG] - Service publish result: 22 for path:/a oper:1 priority:10 time consumed:0.0"},
+        {request, call, failed("22"), {22}, "result: 22 for path:/a oper:1 priority:10 time consu"},
         {request, call, failed("7", "a &lt; %d &amp; c"), records(1, 7, "a < %d & c")},
         {request, call, failed("7"), records(1, 7, nullptr)},
         {request, call, reply("<error><code>7</code><message/></error>", "17"), records(1, 7, "")},
@@ -146,14 +138,11 @@ TEST_F(LoopTest, Operations)
     };
     check({
         {request, call, result("<ok/>")},
-        {request, call, result("<o>2</o>text<p/>"), {.produce = nodes_of("<o>2</o>text<p/>")}},
-        {request, call, result(input), {.produce = give_input}},
-        {request,
-         call,
-         result("<c/><d/>"),
-         {.produce = [](xmlNode *in) { return in->next->children; }}},
-        {request, call, result("<y><z>1</z></y><w/>"), {.produce = part_of_own}},
-        {request, call, result("<shared>1</shared>"), {.produce = unlinked}},
+        {request, call, result("<o>2</o>text<p/>"), gives(nodes_of("<o>2</o>text<p/>"))},
+        {request, call, result(input), gives(give_input)},
+        {request, call, result("<c/><d/>"), gives([](xmlNode *in) { return in->next->children; })},
+        {request, call, result("<y><z>1</z></y><w/>"), gives(part_of_own)},
+        {request, call, result("<shared>1</shared>"), gives(unlinked)},
         {request, call, result("<ok/>"), records(0, 9, "stale")},
         {request, call, failed("5"), {5, {}, nodes_of("<o/><p/>")}},
         {request, call, failed("5"), {5, {}, give_input}},
@@ -166,14 +155,9 @@ TEST_F(LoopTest, Operations)
     const std::string asks = subscribe(path + "<filter>f</filter>");
     check({
         {asks, status, result(path + "<data/>")},
-        {asks,
-         status,
-         result(path + "<data><s>1</s><t/></data>"),
-         {.produce = nodes_of("<s>1</s><t/>")}},
-        {asks,
-         status,
-         result(path + "<data><x/></data>"),
-         {.produce = [&](xmlNode *) { return own->children; }}},
+        {asks, status, result(path + "<data><s>1</s><t/></data>"), gives(nodes_of("<s>1</s><t/>"))},
+        {asks, status, result(path + "<data><x/></data>"),
+         gives([&](xmlNode *) { return own->children; })},
         {rpc("subscribe", "<params><filter/><x/><callback>2</callback></params>", "17"),
          "status -1 null null", result("<path/><data/>")},
         {asks, status, result(path + "<data/>"), records(0, 9, "stale")},

@@ -2,7 +2,6 @@
 // errno instead.
 #include "conf_plugin/plugin_internal.h"
 #include "conf_plugin/xml.h"
-#include "support/owners.h"
 #include "test_support.h"
 
 #include <sys/socket.h>

@@ -1,6 +1,5 @@
 // Path forms and quote removal: a few examples, and the time they take.
 #include "conf_plugin/plugin_internal.h"
-#include "support/owners.h"
 #include "test_support.h"
 #include "timing.h"
 

@@ -1,7 +1,6 @@
 // Requests of the plugin, each made twice: by a process of its own over the wire, and inside the
 // daemon, which has injected its hooks. A plugin must see the same both times, and be asked the
 // same, but for what the table names.
-#include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 #include "timing.h"
 

@@ -6,7 +6,6 @@
 // plugin holds itself it wipes.
 #include "demo_plugin.h"
 
-#include "conf_plugin/xml.h"
 #include "support/bounded.h"
 #include "support/log.h"
 
