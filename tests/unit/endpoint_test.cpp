@@ -1,4 +1,5 @@
-// The daemon's profile: which socket paths come of it, and what no profile may do to them.
+// The daemon's profile: its limits, and what no profile may do to the socket paths. Which directory
+// counts, the fuzz target "profile" knows, too.
 #include "conf_plugin/plugin_internal.h"
 #include "conf_plugin/wire.h"
 #include "test_support.h"
@@ -20,16 +21,14 @@ TEST_F(Endpoint, IsWhereTheProfileSaysOrWhereItWas)
         page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     }
     const std::string profile = "/dev/shm/yang_modules/confd.conf";
-    const std::string first = R"({"working-dir": "/run/cfg"})", tall(300, 'd');
+    const std::string first = R"({"working-dir": "/run/cfg"})";
     const std::string invalid = "Confd's default-confd-profile is invalid.";
     // Profile, directory, complaint.
     const std::tuple<std::string, std::string, std::string> rows[] = {
         {first + std::string(4096 - first.size(), ' '), "/run/cfg", ""}, // fills its page
         {first + std::string(wire::max_profile - first.size(), ' '), "/run/cfg", ""},
         {first + std::string(wire::max_profile, ' '), "", invalid},
-        {R"({"a": {"working-dir": "/no"}, "working-dir": "/a", "b": [1]})", "/a", ""},
-        {R"({"working-dir": ")" + tall + "\"}", tall, ""},
-        {R"({"working-dir": "\/b\u002fw", "working-dir": 3, "Working-Dir": "/x"})", "/b/w", ""},
+        {R"({"a": {"working-dir": "/no"}, "working-dir": "/b", "working-dir": 3})", "/b", ""},
         {R"([{"working-dir": "/x"}, "/y"])", "", ""},
         {R"({"working-dir": x"/x"})", "", R"(Json parse error(x"/x"}).)"},
         {"", "", invalid},
