@@ -4,7 +4,6 @@
 #include "test_support.h"
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -80,9 +79,7 @@ conf_cli_info_t record(pid_t pid, u32_t port = 0)
     conf_cli_info_t info{};
     info.sshd_pid = pid;
     info.cli_port = port & 0xffffU;
-    const auto word = static_cast<u32_t>(pid);
-    const std::array<u32_t, 4> address = {word, ~word, port, word * 3};
-    std::memcpy(info.addr_buf, address.data(), sizeof info.addr_buf);
+    std::memset(info.addr_buf, pid + static_cast<int>(port), sizeof info.addr_buf);
     return info;
 }
 
