@@ -29,6 +29,7 @@ static void use_client_record(void)
 
 int main(void)
 {
+    char key[] = "key";
     char text[8] = "text";
     char secret[] = "<password>abc</password>";
     const char *method = NULL;
@@ -43,10 +44,15 @@ int main(void)
     REG_RemarkKeyInfo(secret, (int)sizeof secret - 1);
     CHECK(strcmp(secret, "<password>***</password>") == 0);
     CHECK(conf_buffer_append(&buffer, text, 4) == 0 && strcmp(buffer->buf, text) == 0);
-    CHECK(conf_hash_add(table, text, text, sizeof text) == 0);
-    CHECK(strcmp((char *)conf_hash_get(table, text), text) == 0);
+    CHECK(conf_hash_add(table, key, text, sizeof text) == 0);
+    CHECK(strcmp((char *)conf_hash_get(table, key), text) == 0);
     CHECK(conf_vector_add(&vector, text) == 0 && conf_vector_get(vector, 0) == text);
     CHECK(strcmp(conf_itoa(-42L, text, sizeof text), "-42") == 0);
     use_client_record();
+    xmlFreeNode(rpc);
+    conf_buffer_destroy(buffer);
+    conf_hash_del(table, key);
+    conf_hash_destroy(table);
+    conf_vector_destroy(vector, NULL);
     return failures != 0;
 }

@@ -204,7 +204,7 @@ TEST_F(ClientTable, IsCreatedEmptyAndReplacesWhatAnEarlierRunLeft)
         EXPECT_TRUE(status.shm_segsz == 4 + 3 * 24 && (status.shm_perm.mode & 0777U) == 0660U);
         EXPECT_TRUE(set.sem_nsems == 1 && (set.sem_perm.mode & 0777U) == 0660U);
         const Words words;
-        EXPECT_TRUE(words[0] == 3 && std::count(&words[1], &words[1 + 3 * 6], 0) == 3 * 6);
+        EXPECT_TRUE(words[0] == 3 && std::count(&words[1], &words[19], 0) == 3 * 6);
         conf_clishm_destroy();
     }
 }
@@ -244,7 +244,7 @@ TEST_F(ClientTable, SeveralThreadsMayCall)
 int live(volatile int &done, pid_t pid, unsigned seed)
 {
     const char *wanted = std::getenv("CONFSVC_TEST_OPERATIONS");
-    const int operations = wanted == nullptr ? 300 : std::atoi(wanted);
+    const long operations = wanted == nullptr ? 300 : std::strtol(wanted, nullptr, 10);
     const itimerval end = {{}, {0, 20 << seed % 12}};
     setitimer(ITIMER_REAL, &end, nullptr);
     do {
