@@ -37,7 +37,7 @@ strings debug_lines()
     std::ifstream file(debug_file, std::ios::binary);
     for (std::string line; std::getline(file, line);) {
         line.erase(line.find_last_not_of('\r') + 1);
-        lines.push_back(line.substr(std::min(stamp_length, line.size())));
+        lines.push_back(line.size() > stamp_length ? line.substr(stamp_length) : line);
     }
     return lines;
 }

@@ -163,8 +163,9 @@ std::string search(pid_t process, const std::string &text)
     std::ifstream maps(directory + "/maps");
     std::string found;
     for (std::string line; std::getline(maps, line);) {
-        unsigned long begin = 0, end = 0;
-        (void)std::sscanf(line.c_str(), "%lx-%lx", &begin, &end);
+        std::size_t dash = 0;
+        const unsigned long begin = std::stoul(line, &dash, 16);
+        const unsigned long end = std::stoul(line.substr(dash + 1), nullptr, 16);
         std::string bytes(end - begin, '\0');
         const ssize_t count = pread(memory.get(), bytes.data(), bytes.size(), off_t(begin));
         bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0))); // some cannot be read
