@@ -39,13 +39,6 @@ bool is_dropped(const Peer &daemon)
     return closed.fd < 0 || poll(&closed, 1, 10000) == 1;
 }
 
-// A header that announces that many bytes.
-std::string head(u32_t length)
-{
-    const msg_head_t fields = {MSG_MAGIC, length, 0, 0};
-    return {reinterpret_cast<const char *>(&fields), sizeof fields};
-}
-
 std::string call(const std::string &method, const std::string &params)
 {
     return framed(rpc(method, "<params>" + params + "</params>", "5"));

@@ -9,6 +9,8 @@
 #include "conf_api.h"
 #include "sandbox.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <iostream>
 #include <poll.h>

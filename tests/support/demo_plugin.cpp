@@ -3,17 +3,7 @@
 
 namespace test {
 
-behaviour act;
-std::string called;
-
-namespace {
-
-std::string text_of(const char *text)
-{
-    return text == nullptr ? "null" : text;
-}
-
-int called_back(const std::string &call, xmlNode *input = nullptr, xmlNode **output = nullptr)
+int called_back(const std::string &call, xmlNode *input, xmlNode **output)
 {
     called += call;
     if (output != nullptr && act.produce) {
@@ -25,11 +15,7 @@ int called_back(const std::string &call, xmlNode *input = nullptr, xmlNode **out
     return act.result;
 }
 
-template <typename... types>
-std::string numbers(types... values)
-{
-    return ((std::to_string(values) + ' ') + ...);
-}
+namespace {
 
 int on_config(int session, int oper, int more, int priority, const char *path)
 {
@@ -47,23 +33,7 @@ int on_operate(int session, xmlNode *input, xmlNode **output)
     return called_back("operate " + numbers(session) + list_of(input), input, output);
 }
 
-void on_kick_off()
-{
-    called_back("kick-off");
-}
-
-char reset[] = "reset";
-char none[] = "none";
-econf_config_cb_info_t configs[] = {{"/demo/settings", 10, on_config}, {nullptr, 0, nullptr}};
-econf_status_cb_info_t states[] = {{"/demo/state", on_status}, {nullptr, nullptr}};
-econf_operate_cb_info_t operations[] = {{reset, on_operate}, {none, nullptr}, {nullptr, nullptr}};
-
 } // namespace
-
-behaviour returns(int result)
-{
-    return {result, {}, {}};
-}
 
 behaviour records(int result, int code, const char *text)
 {
@@ -83,21 +53,6 @@ std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text)
         xmlFreeNode(wrapper);
         return list;
     };
-}
-
-int old_config(int oper, int more, int priority, char *path)
-{
-    return called_back("config " + numbers(oper, more, priority) + text_of(path));
-}
-
-int old_status(char *path, char *filter, xmlNode **status)
-{
-    return called_back("status " + text_of(path) + ' ' + text_of(filter), nullptr, status);
-}
-
-int old_operate(xmlNode *input, xmlNode **output)
-{
-    return called_back("operate " + list_of(input), input, output);
 }
 
 std::string publish(const std::string &type, const std::string &info, const std::string &index)
@@ -143,26 +98,25 @@ std::string failed(const std::string &code, const std::string &message)
     return reply(error(code, message), "17");
 }
 
-void DemoFixture::SetUp()
+DemoFixture::DemoFixture()
 {
-    PluginFixture::SetUp();
     act = {};
-    called.clear();
     start(subscriptions());
-    ASSERT_NE(context, nullptr);
 }
 
 econf_plugin_subpub_info_t DemoFixture::subscriptions()
 {
-    return {configs, states, operations, on_kick_off};
+    static char reset[] = "reset", none[] = "none";
+    static econf_config_cb_info_t configs[] = {{"/demo/settings", 10, on_config}, {}};
+    static econf_status_cb_info_t states[] = {{"/demo/state", on_status}, {}};
+    static econf_operate_cb_info_t operations[] = {{reset, on_operate}, {none, nullptr}, {}};
+    return {configs, states, operations, [] { called_back("kick-off"); }};
 }
 
 std::string DemoFixture::handle(const std::string &request)
 {
     called.clear();
-    if (!request.empty()) {
-        peer->send(framed(request));
-    }
+    peer->send(request.empty() ? "" : framed(request));
     econf_plugin_run();
     std::string replies;
     for (const std::string &body : peer->received()) {

@@ -5,9 +5,6 @@
 
 #include "fake_daemon.h"
 
-#include <functional>
-#include <string>
-
 namespace test {
 
 // What the callbacks do, and how they were called: "config 3 1 0 10 /path".
@@ -16,20 +13,28 @@ struct behaviour {
     std::function<void()> inside = {};                     // called before they return
     std::function<xmlNode *(xmlNode *input)> produce = {}; // their output
 };
-extern behaviour act;
-extern std::string called;
+inline behaviour act;
+inline std::string called;
 
-behaviour returns(int result);
-behaviour records(int result, int code, const char *text); // an error, then returns
+behaviour records(int result, int code, const char *text); // an error, then the result
 behaviour gives(std::function<xmlNode *(xmlNode *input)> produce);
 
 // Output that is the callback's to give away.
 std::function<xmlNode *(xmlNode *)> nodes_of(const std::string &text);
 
-// The callbacks with the older signatures.
-int old_config(int oper, int more, int priority, char *path);
-int old_status(char *path, char *filter, xmlNode **status);
-int old_operate(xmlNode *input, xmlNode **output);
+// What every callback does.
+int called_back(const std::string &call, xmlNode *input = nullptr, xmlNode **output = nullptr);
+
+template <typename... types>
+std::string numbers(types... values)
+{
+    return ((std::to_string(values) + ' ') + ...);
+}
+
+inline std::string text_of(const char *text)
+{
+    return text == nullptr ? "null" : text;
+}
 
 // Requests with the id 17. The demo plugin's callbacks are 1 configuration, 2 status, 3 operation;
 // 4 is an operation without a function.
@@ -47,7 +52,7 @@ std::string failed(const std::string &code, const std::string &message = default
 
 class DemoFixture : public PluginFixture {
 protected:
-    void SetUp() override;
+    DemoFixture();
 
     static econf_plugin_subpub_info_t subscriptions();
     // Sends a request, if any, runs the loop, and returns the replies.

@@ -5,32 +5,33 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 #include <utility>
 
 namespace test {
 
 namespace {
 
-constexpr int wait_limit = 60000; // milliseconds; only a failing test waits that long
-constexpr unsigned guard = 200;   // seconds after which a test that hangs is killed
+constexpr unsigned guard = 200; // seconds after which a test that hangs is killed
 constexpr sockaddr_un address{AF_UNIX, "/var/tmp/daemon/confd.plugin.socket"};
 
-bool readable(int fd)
+void limit_waits(int fd)
 {
-    pollfd events{fd, POLLIN, 0};
-    return poll(&events, 1, wait_limit) == 1;
+    const timeval limit{60, 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
 }
 
 } // namespace
 
+std::string head(u32_t length, u16_t seq)
+{
+    const msg_head_t fields{MSG_MAGIC, length, seq, 0};
+    return {reinterpret_cast<const char *>(&fields), sizeof fields};
+}
+
 std::string framed(const std::string &body, u16_t seq)
 {
-    const msg_head_t head{MSG_MAGIC, static_cast<u32_t>(body.size()), seq, 0};
-    return std::string(reinterpret_cast<const char *>(&head), sizeof head) + body;
+    return head(static_cast<u32_t>(body.size()), seq) + body;
 }
 
 std::string rpc(const std::string &method, const std::string &params, const std::string &id)
@@ -48,14 +49,15 @@ std::string error(const std::string &code, const std::string &message)
     return "<error><code>" + code + "</code><message>" + message + "</message></error>";
 }
 
-bool Peer::read_more(bool wait)
+Peer::Peer(int fd) : fd_(fd)
 {
-    if (wait && fd_ >= 0 && !readable(fd_)) {
-        ADD_FAILURE() << "the plugin sent nothing";
-        return false;
-    }
+    limit_waits(fd);
+}
+
+bool Peer::read_more(int flags)
+{
     char bytes[65536];
-    const ssize_t count = fd_ < 0 ? -1 : recv(fd_, bytes, sizeof bytes, MSG_DONTWAIT);
+    const ssize_t count = recv(fd(), bytes, sizeof bytes, flags);
     input_.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return count > 0;
 }
@@ -70,25 +72,25 @@ bool Peer::cut(std::string &body)
         ADD_FAILURE() << "not a message: " << std::exchange(input_, {}).substr(0, 100);
         return false;
     }
-    if (input_.size() - sizeof head_ < head_.length) {
-        return false;
+    const bool is_whole = input_.size() - sizeof head_ >= head_.length;
+    if (is_whole) {
+        body = input_.substr(sizeof head_, head_.length);
+        input_.erase(0, sizeof head_ + head_.length);
     }
-    body = input_.substr(sizeof head_, head_.length);
-    input_.erase(0, sizeof head_ + head_.length);
-    return true;
+    return is_whole;
 }
 
 std::string Peer::receive()
 {
     std::string body;
-    while (!cut(body) && read_more(true)) {
+    while (!cut(body) && read_more(0)) {
     }
     return body;
 }
 
 strings Peer::received()
 {
-    while (read_more(false)) {
+    while (read_more(MSG_DONTWAIT)) {
     }
     strings bodies;
     for (std::string body; cut(body);) {
@@ -109,19 +111,13 @@ std::string Peer::answer(const std::string &content)
 
 void Peer::send(const std::string &bytes)
 {
-    for (std::size_t sent = 0; sent < bytes.size() && fd_ >= 0;) {
-        const ssize_t step = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        sent += static_cast<std::size_t>(std::max<ssize_t>(step, 0));
+    for (std::size_t sent = 0; sent < bytes.size();) {
+        const ssize_t step = ::send(fd(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (step < 0) {
             close();
+            return;
         }
-    }
-}
-
-void Peer::close()
-{
-    if (fd_ >= 0) {
-        ::close(std::exchange(fd_, -1));
+        sent += static_cast<std::size_t>(step);
     }
 }
 
@@ -131,26 +127,17 @@ FakeDaemon::FakeDaemon() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC,
     std::filesystem::create_directories("/var/tmp/daemon");
     std::filesystem::remove(address.sun_path);
     std::ofstream("/dev/shm/yang_modules/confd.conf") << R"({"working-dir": "/var/tmp/daemon"})";
-    if (bind(listener_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        listen(listener_, 8) != 0) {
-        ADD_FAILURE() << "no socket for the fake daemon: " << std::strerror(errno);
-    }
-}
-
-FakeDaemon::~FakeDaemon()
-{
-    forget_connection();
-    ::close(listener_);
-    std::filesystem::remove(address.sun_path);
+    const auto *const generic = reinterpret_cast<const sockaddr *>(&address);
+    EXPECT_EQ(bind(listener_.get(), generic, sizeof address) | listen(listener_.get(), 8), 0)
+        << std::strerror(errno);
+    limit_waits(listener_.get());
 }
 
 Peer &FakeDaemon::connection()
 {
     if (!peer_) {
-        const int fd =
-            readable(listener_) ? accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-        EXPECT_GE(fd, 0) << "the plugin did not connect";
-        peer_ = std::make_unique<Peer>(fd);
+        peer_ = std::make_unique<Peer>(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        EXPECT_GE(peer_->fd(), 0) << "the plugin did not connect";
     }
     return *peer_;
 }
@@ -172,31 +159,27 @@ void FakeDaemon::forget_connection()
     peer_.reset();
 }
 
-void PluginFixture::SetUp()
+PluginFixture::PluginFixture()
 {
-    Fixture::SetUp();
     alarm(guard);
-    daemon = std::make_unique<FakeDaemon>();
 }
 
-void PluginFixture::TearDown()
+PluginFixture::~PluginFixture()
 {
     end();
     del_plugin_from_hash();
-    daemon.reset();
     alarm(0);
-    Fixture::TearDown();
 }
 
 void PluginFixture::start(econf_plugin_subpub_info_t info)
 {
-    daemon->play([](Peer &connection) {
+    daemon.play([](Peer &connection) {
         connection.answer("<result/>");
         connection.answer("<result/>");
     });
     ASSERT_GE(econf_plugin_init("demo", &info), 0);
     ASSERT_EQ(econf_plugin_activate(ACTIVATE_WITH_NONE), 0);
-    peer = &daemon->finish();
+    peer = &daemon.finish();
     context = get_plugin_context();
     clear_debug_file();
 }
@@ -206,17 +189,15 @@ void PluginFixture::end()
     if (get_plugin_context() != nullptr) {
         econf_plugin_close();
     }
-    if (daemon) {
-        daemon->forget_connection();
-    }
+    daemon.forget_connection();
 }
 
 std::string PluginFixture::request_of(const std::function<void()> &call, const std::string &content)
 {
     std::string request;
-    daemon->play([&](Peer &connection) { request = connection.answer(content); });
+    daemon.play([&](Peer &connection) { request = connection.answer(content); });
     call();
-    peer = &daemon->finish();
+    peer = &daemon.finish();
     return request;
 }
 

@@ -6,18 +6,17 @@
 #ifndef CONFSVC_TEST_FAKE_DAEMON_H
 #define CONFSVC_TEST_FAKE_DAEMON_H
 
-#include "conf_api.h"
-#include "conf_plugin.h"
+#include "conf_plugin/plugin_internal.h"
+#include "conf_plugin/xml.h"
 #include "test_support.h"
 
 #include <functional>
-#include <memory>
-#include <string>
 #include <thread>
 
 namespace test {
 
-// A message on the stream, and the two kinds of body.
+// The head of a message, a message, and the two kinds of body.
+std::string head(u32_t length, u16_t seq = 0);
 std::string framed(const std::string &body, u16_t seq = 0);
 std::string rpc(const std::string &method, const std::string &params, const std::string &id);
 std::string reply(const std::string &content, const std::string &id);
@@ -25,15 +24,13 @@ std::string error(const std::string &code, const std::string &message);
 
 inline const std::string default_error = "Service process failed.";
 
-// One connection. Waits are bounded: one that ends without input is a failure of the test.
+// One connection.
 class Peer {
 public:
-    explicit Peer(int fd) : fd_(fd) {}
-    ~Peer() { close(); }
-    Peer(const Peer &) = delete;
-    Peer &operator=(const Peer &) = delete;
+    explicit Peer(int fd);
 
-    // Waits for the next message and returns its body; empty at the end of the stream.
+    // Waits for the next message and returns its body; empty at the end of the stream, and after a
+    // minute.
     std::string receive();
     // The bodies of the messages that have arrived by now.
     strings received();
@@ -41,16 +38,16 @@ public:
     std::string answer(const std::string &content);
     void send(const std::string &bytes);
     // Without reading first, so bytes that have not been read reset the connection.
-    void close();
+    void close() { fd_.reset(); }
 
-    [[nodiscard]] int fd() const { return fd_; }
+    [[nodiscard]] int fd() const { return fd_.get(); }
     [[nodiscard]] const msg_head_t &head() const { return head_; } // of the last message received
 
 private:
-    bool read_more(bool wait);
+    bool read_more(int flags);
     bool cut(std::string &body);
 
-    int fd_;
+    support::unique_fd fd_;
     std::string input_;
     msg_head_t head_{};
 };
@@ -60,9 +57,6 @@ public:
     using Script = std::function<void(Peer &)>;
 
     FakeDaemon(); // listens where the profile says
-    ~FakeDaemon();
-    FakeDaemon(const FakeDaemon &) = delete;
-    FakeDaemon &operator=(const FakeDaemon &) = delete;
 
     // Begins the script with the present connection, or else with the next one.
     void play(Script script);
@@ -73,7 +67,7 @@ public:
     void forget_connection();
 
 private:
-    int listener_;
+    support::unique_fd listener_;
     std::unique_ptr<Peer> peer_;
     std::jthread thread_; // joined when it is replaced
 };
@@ -81,8 +75,8 @@ private:
 // Base of the tests of a plugin, named "demo", that talks to a fake daemon.
 class PluginFixture : public Fixture {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    PluginFixture();
+    ~PluginFixture() override;
 
     // Registers and activates, and leaves the debug file empty.
     void start(econf_plugin_subpub_info_t info = {});
@@ -96,7 +90,7 @@ protected:
     // Checks that nothing waits in the plugin's buffers.
     static void expect_idle();
 
-    std::unique_ptr<FakeDaemon> daemon;
+    FakeDaemon daemon;
     Peer *peer = nullptr;                     // after start(), as is the next
     conf_plugin_context_t *context = nullptr; // of the last start
 };

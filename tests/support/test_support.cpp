@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -35,9 +36,7 @@ strings debug_lines()
     strings lines;
     std::ifstream file(debug_file, std::ios::binary);
     for (std::string line; std::getline(file, line);) {
-        if (line.ends_with('\r')) {
-            line.pop_back();
-        }
+        line.erase(line.find_last_not_of('\r') + 1);
         lines.push_back(line.size() > stamp_length ? line.substr(stamp_length) : line);
     }
     return lines;
@@ -63,15 +62,11 @@ void clear_debug_file()
 std::string take_errors()
 {
     std::string all;
-    for (std::string &text : debug_texts(DBG_ERROR)) {
-        const std::size_t number = text.find("occur(0x");
-        if (number != std::string::npos) {
-            text.replace(number + 8, text.find(')') - number - 8, "?");
-        }
+    for (const std::string &text : debug_texts(DBG_ERROR)) {
         all += (all.empty() ? "" : "\n") + text;
     }
     clear_debug_file();
-    return all;
+    return std::regex_replace(all, std::regex("occur\\(0x[0-9a-f]+"), "occur(0x?");
 }
 
 strings take_system_log()
@@ -102,6 +97,28 @@ strings take_system_texts()
         }
     }
     return texts;
+}
+
+std::string take_reports()
+{
+    const std::string error = "<11>[ERROR] ";
+    std::string all;
+    for (const std::string &text : take_system_texts()) {
+        all += (text.starts_with(error) ? text.substr(error.size()) : text) + "\n";
+    }
+    return all;
+}
+
+void refused(long result, long expected, std::string report,
+             const std::vector<const void *> &pointers)
+{
+    for (const void *pointer : pointers) {
+        report.replace(report.find('%'), 1, place(pointer));
+    }
+    const bool is_usual = report.starts_with('(') || report.starts_with('.');
+    report = (is_usual ? "Error input parameter" : "") + report + (report.empty() ? "" : "\n");
+    EXPECT_EQ(result, expected) << report;
+    EXPECT_EQ(take_reports(), report);
 }
 
 int open_descriptors()
@@ -144,17 +161,16 @@ std::string list_of(const xmlNode *node)
     return text;
 }
 
-void Fixture::SetUp()
+Fixture::Fixture() : descriptors_before_(open_descriptors())
 {
     econf_plugin_config_debug(DBG_ALL, 1);
     clear_debug_file();
     (void)take_system_log();
-    descriptors_before = open_descriptors();
 }
 
-void Fixture::TearDown()
+Fixture::~Fixture()
 {
-    EXPECT_EQ(open_descriptors(), descriptors_before) << "descriptors left open, or closed";
+    EXPECT_EQ(open_descriptors(), descriptors_before_) << "descriptors left open, or closed";
 }
 
 } // namespace test

@@ -1,4 +1,5 @@
-// What the tests share: a look at both logs, at open descriptors and at XML text.
+// What the tests share: a look at both logs, at open descriptors and at XML text; and the check of
+// a wrong call.
 //
 // Every test program runs inside namespaces of its own (see main.cpp), so the fixed paths of the
 // library, its sockets and the system log are private to it and empty at the start.
@@ -6,6 +7,7 @@
 #define CONFSVC_TEST_SUPPORT_H
 
 #include "conf_debug.h"
+#include "support/owners.h"
 
 #include <gtest/gtest.h>
 #include <libxml/tree.h>
@@ -41,6 +43,15 @@ strings take_system_log();
 // The texts of take_system_log() without the position: "<11>[ERROR] text".
 strings take_system_texts();
 
+// The same as one text, with a line end behind each, and errors without what stands in front. At
+// most ten messages may come between two looks, then the log blocks.
+std::string take_reports();
+
+// Checks what a wrong call returned and reported to the system log. "(name=%)." stands for the
+// usual "Error input parameter(name=0x1234)." with the next of the pointers, "" for no report.
+void refused(long result, long expected, std::string report,
+             const std::vector<const void *> &pointers = {});
+
 // The number of open descriptors of this process.
 int open_descriptors();
 
@@ -57,10 +68,11 @@ std::string list_of(const xmlNode *node);
 // afterwards as many descriptors as before.
 class Fixture : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    Fixture();
+    ~Fixture() override;
 
-    int descriptors_before = 0;
+private:
+    int descriptors_before_;
 };
 
 } // namespace test

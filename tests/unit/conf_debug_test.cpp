@@ -1,9 +1,7 @@
 // The debug file and the system log: what is written, when, and in what form.
-#include "reports.h"
 #include "support/log.h"
+#include "test_support.h"
 
-#include <cerrno>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
@@ -56,14 +54,13 @@ TEST_F(Logs, LinesOfTheDebugFile)
     EXPECT_EQ(errno, ENOTTY);
     EXPECT_EQ(test::debug_lines(), (strings{"[INFO] - Inappropriate ioctl for device 1",
                                             "[ERROR] - " + fits, "[ERROR] - "}));
-    std::ifstream file(debug_path, std::ios::binary);
-    const std::string text((std::istreambuf_iterator<char>(file)), {});
-    EXPECT_TRUE(text.ends_with("\r\n"));
+    std::string line;
+    std::getline(std::ifstream(debug_path), line);
+    EXPECT_TRUE(line.ends_with("1\r"));
     std::tm stamp{};
-    ASSERT_EQ(strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &stamp), &text[19]);
+    ASSERT_EQ(strptime(line.c_str(), "%Y-%m-%d %H:%M:%S", &stamp), &line[19]);
     stamp.tm_isdst = -1;
-    const std::time_t written = std::mktime(&stamp);
-    EXPECT_TRUE(before <= written && written <= std::time(nullptr));
+    EXPECT_NEAR(static_cast<double>(std::mktime(&stamp)), static_cast<double>(before), 2);
 }
 
 TEST_F(Logs, DebugFileIsLimitedAndNotForEverybodyAndNotLedAstray)
@@ -75,7 +72,6 @@ TEST_F(Logs, DebugFileIsLimitedAndNotForEverybodyAndNotLedAstray)
     fs::resize_file(debug_path, 2097152);
     _conf_write_log(DBG_ERROR, "kept"); // time, tag, separator, text and line end: 35 bytes
     EXPECT_EQ(_conf_get_file_length(debug_path.c_str()), 2097152 + 35);
-    fs::resize_file(debug_path, 2097153);
     _conf_write_log(DBG_ERROR, "first");
     EXPECT_EQ(test::debug_lines(), strings{"[ERROR] - first"});
     EXPECT_TRUE(_conf_get_file_length(nullptr) == -1 && _conf_get_file_length("/none") == -1);

@@ -3,13 +3,18 @@
 #include "conf_plugin.h"
 #include "conf_plugin/xml.h"
 #include "test_support.h"
-#include "xml_memory.h"
+
+#include <cstring>
+#include <libxml/parser.h>
+#include <utility>
 
 using namespace test;
 
 namespace {
 
 using Envelope = Fixture;
+
+bool no_memory; // for the next allocation of libxml2
 
 TEST_F(Envelope, BuildsAndOwnsWhatItWasGiven)
 {
@@ -22,14 +27,21 @@ TEST_F(Envelope, BuildsAndOwnsWhatItWasGiven)
     EXPECT_EQ(plugin_build_reply_message(nullptr, 1), nullptr);
     EXPECT_EQ(take_errors(),
               "Build rpc <method = pull> message failed.\nBuild reply message failed.");
-    for (const bool is_rpc : {true, false}) { // without memory
+    // Without memory, what was given is wiped before it is freed.
+    xmlMemSetup(
+        std::free,
+        [](std::size_t size) { return std::exchange(no_memory, false) ? nullptr : malloc(size); },
+        std::realloc, strdup);
+    for (const bool is_rpc : {true, false}) {
         xmlNode *given = parse("<params>secret</params>");
-        const int found = xml_heap.secrets;
-        xml_heap.fails_next = true;
+        xmlDeregisterNodeDefault([](xmlNode *freed) {
+            EXPECT_NE(freed->type == XML_TEXT_NODE ? list_of(freed) : "", "secret");
+        });
+        no_memory = true;
         EXPECT_EQ(is_rpc ? plugin_build_rpc_message("pull", given, 1)
                          : plugin_build_reply_message(given, 1),
                   nullptr);
-        EXPECT_EQ(xml_heap.secrets, found) << "not wiped before it is freed";
+        xmlDeregisterNodeDefault(nullptr);
     }
 }
 
@@ -38,8 +50,7 @@ std::string split(const std::string &document)
 {
     const node_ptr root(parse(document));
     const char *method = "before";
-    xmlNode *first = root.get();
-    xmlNode *second = root.get();
+    xmlNode *first = root.get(), *second = root.get();
     const bool is_rpc = document.starts_with("<rpc");
     const int result = is_rpc ? plugin_parse_rpc(root.get(), &method, &first)
                               : plugin_parse_reply(root.get(), &first, &second);
@@ -51,15 +62,10 @@ TEST_F(Envelope, Splits)
 {
     const std::string invalid = "-1  null Invalid rpc message(without <method> or <params>).";
     const std::pair<const char *, std::string> rows[] = {
-        {"<rpc><method>m</method><params><p/></params></rpc>", "0 <params><p/></params> m "},
         {"<rpc xmlns='u:1'><params/><x/>text<method>m</method></rpc>", "0 <params/> m "},
         {"<rpc><method>a</method><params>1</params><method>b</method><params>2</params></rpc>",
          "0 <params>2</params> b "},
         {"<rpc><method><!-- c -->m</method><params/></rpc>", invalid},
-        {"<rpc><params/></rpc>", invalid},
-        {"<rpc><method>m</method><param/></rpc>", invalid},
-        {"<reply><result><a/></result><id>1</id></reply>", "0 <result><a/></result>  "},
-        {"<reply><id>1</id><error/></reply>", "0  <error/> "},
         {"<reply><result>1</result><result>2</result></reply>", "0 <result>2</result>  "},
         {"<reply><result/><error/></reply>",
          "-1 <result/> <error/> Invalid reply message(both <error> and <result>)."},
@@ -83,8 +89,7 @@ TEST_F(Envelope, ReadsIdsAndErrors)
         {"<r><message>a</message><id> 7x</id><code>+7 </code><id>8</id></r>", 7, 7, "a"},
         {"<r><id>4294967295</id><code>abc</code><message/></r>", 4294967295U, 0, nullptr},
         {"<r><id>-1</id><code/><message>b</message></r>", 4294967295U, -1, "b"},
-        {"<r><id>abc</id><x><code>1</code></x></r>", 0, -1, nullptr},
-        {"<r><id/><id>8</id></r>", 0, -1, nullptr},
+        {"<r><id/><id>8</id><x><code>1</code></x></r>", 0, -1, nullptr},
         {"", 0, -1, nullptr},
     };
     for (const auto &[document, id, code, message] : rows) {

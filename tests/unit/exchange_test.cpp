@@ -1,12 +1,9 @@
 // The blocking exchange: which message ends it, what breaks it, and what is left behind.
-#include "conf_plugin/plugin_internal.h"
-#include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 
 #include <csignal>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 using namespace test;
 
@@ -37,9 +34,8 @@ TEST_F(ExchangeTest, EndsWithTheMessageThatCarriesItsId)
 {
     const std::string mine = framed(reply("<result>mine</result>", "3"));
     const std::string foreign = framed(reply("<result/>", "4")), request = framed(kick_off);
-    const struct {
-        std::string left_over, arrives; // first in the receive buffer, and then
-    } cases[] = {
+    // First in the receive buffer, and then.
+    const std::pair<std::string, std::string> cases[] = {
         {"", foreign + request + mine},
         {"", framed("<reply><result/></reply>") + mine},
         {"", "rubbish" + framed("<reply>") + mine},
@@ -47,21 +43,21 @@ TEST_F(ExchangeTest, EndsWithTheMessageThatCarriesItsId)
         {"", mine + request},
         {request, mine + request},
     };
-    for (const auto &c : cases) {
+    for (const auto &[left_over, arrives] : cases) {
         for (const bool in_loop : {false, true}) {
-            SCOPED_TRACE(::testing::Message() << &c - cases << in_loop);
-            leave_over(c.left_over);
-            daemon->play([&](Peer &p) {
+            SCOPED_TRACE(left_over + arrives + (in_loop ? " in the loop" : ""));
+            leave_over(left_over);
+            daemon.play([bytes = arrives](Peer &p) {
                 p.receive();
-                p.send(c.arrives.substr(0, 30));
-                p.send(c.arrives.substr(30));
+                p.send(bytes.substr(0, 30));
+                p.send(bytes.substr(30));
             });
-            const bool more = c.arrives.ends_with(request);
+            const bool more = arrives.ends_with(request);
             {
                 const auto scope = in_loop ? std::make_unique<loop_scope>() : nullptr;
                 EXPECT_EQ(exchange(), reply("<result>mine</result>", "3"));
             }
-            daemon->finish();
+            daemon.finish();
             pollfd sock{context->sock, POLLIN, 0};
             if (!in_loop) { // nothing that a plugin would wait for in vain
                 expect_idle();
@@ -79,9 +75,9 @@ TEST_F(ExchangeTest, WaitsForRoomOnlyWhereThereIsNone)
     ASSERT_EQ(setsockopt(context->sock, SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
     EXPECT_EQ(request_of([this] { exchange(large); }), rpc("pull", large, "3"));
     std::string body;
-    daemon->play([&](Peer &p) { body = p.receive(); });
+    daemon.play([&](Peer &p) { body = p.receive(); });
     EXPECT_EQ(send_reply(large), 0);
-    EXPECT_EQ(daemon->finish().head().seq, 3);
+    EXPECT_EQ(daemon.finish().head().seq, 3);
     EXPECT_EQ(body, reply(large, "8"));
 
     // About a quarter of the buffer suffices for epoll to report no room: a wait would be in vain.
@@ -95,20 +91,17 @@ TEST_F(ExchangeTest, WaitsForRoomOnlyWhereThereIsNone)
 
 TEST_F(ExchangeTest, BrokenConnectionEndsEitherExchange)
 {
-    const FakeDaemon::Script breaks[] = {
-        [](Peer &p) { p.close(); },
-        [](Peer &p) { // still reads, will not write
-            p.receive();
-            p.send(framed(reply("<result/>", "3")).substr(0, 30));
-            shutdown(p.fd(), SHUT_WR);
-        },
+    const FakeDaemon::Script stops_writing = [](Peer &p) { // but still reads
+        p.receive();
+        p.send(framed(reply("<result/>", "3")).substr(0, 30));
+        shutdown(p.fd(), SHUT_WR);
     };
-    for (const FakeDaemon::Script &script : breaks) {
+    for (const auto &script : {FakeDaemon::Script(&Peer::close), stops_writing}) {
         leave_over("rest");
-        daemon->play(script);
+        daemon.play(script);
         EXPECT_EQ(exchange(), "");
         expect_idle();
-        daemon->finish();
+        daemon.finish();
         EXPECT_EQ(send_reply(large), -1);
         expect_idle();
         const std::string broken = "An error epoll event occur(0x?).";

@@ -1,6 +1,5 @@
 // The older plugin interface: what its calls send, give and report, and how it differs from the
 // newer one.
-#include "conf_plugin/xml.h"
 #include "demo_plugin.h"
 
 using namespace test;
@@ -9,23 +8,38 @@ namespace {
 
 char name[] = "demo", settings[] = "/demo/settings", reset[] = "reset";
 
-config_callback_t configs[] = {{settings, 10, old_config}, {nullptr, 0, nullptr}};
-status_callback_t states[] = {{settings, old_status}, {nullptr, nullptr}};
-rpc_callback_t operations[] = {{reset, old_operate}, {nullptr, nullptr}};
-conf_plugin_info_t subscriptions = {configs, states, operations, [] { called += "kick-off"; },
-                                    [](char *) { called += "uninstall"; }};
+int on_config(int oper, int more, int priority, char *path)
+{
+    return called_back("config " + numbers(oper, more, priority) + text_of(path));
+}
+
+int on_status(char *path, char *filter, xmlNode **status)
+{
+    return called_back("status " + text_of(path) + ' ' + text_of(filter), nullptr, status);
+}
+
+int on_operate(xmlNode *input, xmlNode **output)
+{
+    return called_back("operate " + list_of(input), input, output);
+}
+
+config_callback_t configs[] = {{settings, 10, on_config}, {}};
+status_callback_t states[] = {{settings, on_status}, {}};
+rpc_callback_t operations[] = {{reset, on_operate}, {}};
+conf_plugin_info_t subscriptions = {configs, states, operations, [] { called_back("kick-off"); },
+                                    [](char *) { called_back("uninstall"); }};
 
 class LegacyTest : public PluginFixture {
 protected:
     std::string init()
     {
+        act = {};
+        called.clear();
         return request_of([this] { handle = conf_plugin_init(name, &subscriptions); });
     }
 
     void begin()
     {
-        act = {};
-        called.clear();
         init();
         ASSERT_NE(handle, nullptr);
         EXPECT_EQ(request_of([this] { EXPECT_EQ(conf_start_session(handle, 1), 0); }),
@@ -54,7 +68,7 @@ TEST_F(LegacyTest, RegistersAsTheNewerInterfaceDoes)
 TEST_F(LegacyTest, CallsTheOlderCallbacks)
 {
     begin();
-    xmlNode *const own = parse("<own><w><z>1</z></w></own>");
+    const node_ptr own(parse("<own><w><z>1</z></w></own>"));
     const auto set_error = [] { EXPECT_EQ(conf_set_error(7, "own"), 0); };
     const auto plg_set_error = [] { EXPECT_EQ(conf_plg_set_error(nullptr, 8, nullptr), 0); };
     const std::string operation = operate("<a/>"), input = "operate <a/>";
@@ -63,7 +77,7 @@ TEST_F(LegacyTest, CallsTheOlderCallbacks)
         behaviour does = {};
     } rows[] = {
         {config("/a[k=\"1\"]"), "config 1 0 10 /a[k=1]", succeeded()},
-        {config("/a", "16384"), "config 16384 0 10 /a", failed("4"), returns(4)},
+        {config("/a", "16384"), "config 16384 0 10 /a", failed("4"), {4}},
         {config("/a"), "config 1 0 10 /a", failed("7", "own"), {4, set_error, {}}},
         {config("/a"), "config 1 0 10 /a", failed("8"), {4, plg_set_error, {}}},
         {subscribe("<path>/s</path><filter>f</filter>"), "status /s f",
@@ -75,7 +89,7 @@ TEST_F(LegacyTest, CallsTheOlderCallbacks)
         {operate("<a><b/></a>"), "operate <a><b/></a>", succeeded("<result><b/></result>"),
          gives([](xmlNode *given) { return given; })},
         {operation, input, succeeded("<result><z>1</z></result>"),
-         gives([=](xmlNode *) { return own->children; })},
+         gives([&](xmlNode *) { return own->children; })},
         {kick_off, "kick-off", succeeded()},
     };
     for (const auto &row : rows) {
@@ -87,8 +101,7 @@ TEST_F(LegacyTest, CallsTheOlderCallbacks)
         EXPECT_EQ(called, row.call);
         EXPECT_EQ(peer->received(), strings{row.answer});
     }
-    EXPECT_EQ(print(own), "<own><w><z>1</z></w></own>");
-    xmlFreeNode(own);
+    EXPECT_EQ(print(own.get()), "<own><w><z>1</z></w></own>");
     EXPECT_EQ(conf_recovery_status(), 0) << "refusals are not counted here";
 }
 
@@ -99,10 +112,10 @@ TEST_F(LegacyTest, ReadsAndWritesConfiguration)
     conf_val_t given = {data.get()};
     std::string seen;
     const auto see = [&seen](xmlNode *list) { return seen = list_of(node_list(list).get()), 0; };
-    const auto get = [=, this](auto call) {
-        conf_val_t value{};
-        const int result = call(handle, settings, &value);
-        return result + see(value.data);
+    const auto get = [&](auto call) {
+        conf_val_t got{};
+        const int result = call(handle, settings, &got);
+        return result + see(got.data);
     };
     const std::string path = "<path>/demo/settings</path>", old = "<old/>" + path;
     const std::string set = path + "<data><a>1</a></data>", list = "<p:a xmlns:p=\"u:1\"/>text";
@@ -111,11 +124,11 @@ TEST_F(LegacyTest, ReadsAndWritesConfiguration)
         std::function<int()> call;
         std::string params, list = {};
     } rows[] = {
-        {"pull", [=] { return see(conf_get_config(settings)); }, path, list},
-        {"pull", [=] { return see(conf_get_old_config(settings)); }, old, list},
-        {"pull", [=] { return get(conf_plg_get_value); }, path, "<data>" + list + "</data>"},
-        {"pull", [=] { return get(conf_plg_get_old_value); }, old, "<data>" + list + "</data>"},
-        {"push", [=] { return conf_set_config(settings, given.data); }, set},
+        {"pull", [&] { return see(conf_get_config(settings)); }, path, list},
+        {"pull", [&] { return see(conf_get_old_config(settings)); }, old, list},
+        {"pull", [&] { return get(conf_plg_get_value); }, path, "<data>" + list + "</data>"},
+        {"pull", [&] { return get(conf_plg_get_old_value); }, old, "<data>" + list + "</data>"},
+        {"push", [&] { return conf_set_config(settings, given.data); }, set},
         {"push", [&] { return conf_plg_set_value(handle, 7, settings, &given); }, set},
     };
     const std::string answer = "<result xmlns:p=\"u:1\"><data><p:a/>text</data></result>";
@@ -127,14 +140,14 @@ TEST_F(LegacyTest, ReadsAndWritesConfiguration)
         EXPECT_EQ(seen, row.list);
     }
     take_errors();
-    EXPECT_EQ(conf_plg_get_value(handle, nullptr, &given), -1);
-    EXPECT_EQ(conf_plg_get_value(handle, settings, nullptr), -1);
-    EXPECT_EQ(conf_plg_set_value(handle, 0, nullptr, &given), -1);
-    EXPECT_EQ(conf_plg_set_value(handle, 0, settings, nullptr), -1);
-    const std::string wrong = "Input parameters error(path=";
-    const std::string no_path = wrong + "(nil), val=" + place(&given) + ").";
-    const std::string no_value = wrong + place(settings) + ", val=(nil)).";
-    EXPECT_EQ(take_errors(), no_path + "\n" + no_value + "\n" + no_path + "\n" + no_value);
+    const std::pair<char *, conf_val_t *> wrong[] = {{nullptr, &given}, {settings, nullptr}};
+    for (const auto &[no_path, no_value] : wrong) {
+        const std::string error =
+            "Input parameters error(path=" + place(no_path) + ", val=" + place(no_value) + ").";
+        EXPECT_EQ(conf_plg_get_value(handle, no_path, no_value), -1);
+        EXPECT_EQ(conf_plg_set_value(handle, 0, no_path, no_value), -1);
+        EXPECT_EQ(take_errors(), error + "\n" + error);
+    }
     end();
     EXPECT_EQ(conf_plg_get_value(handle, settings, &given), 0) << "as if there were nothing";
     EXPECT_EQ(given.data, nullptr);
@@ -146,7 +159,7 @@ TEST_F(LegacyTest, ServesUntilTheDaemonHangsUp)
 {
     begin();
     leave_over(framed(with_id(config("/a"), "1"))); // no event comes for it
-    daemon->play([&](Peer &p) {
+    daemon.play([&](Peer &p) {
         EXPECT_EQ(p.receive(), reply("<result/>", "1"));
         for (const char *id : {"2", "3"}) {
             p.send(framed(with_id(operate("<a/>"), id)));
@@ -155,7 +168,7 @@ TEST_F(LegacyTest, ServesUntilTheDaemonHangsUp)
         p.close();
     });
     EXPECT_EQ(conf_run(handle, 1), 0);
-    daemon->finish();
+    daemon.finish();
     EXPECT_EQ(take_errors(), "An error epoll event occur(0x?).");
     EXPECT_NE(get_plugin_context(), nullptr) << "closing is up to the plugin";
 }

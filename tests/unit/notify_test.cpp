@@ -5,7 +5,6 @@
 #include "test_support.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 extern "C" unsigned sleep(unsigned)
 {
@@ -23,12 +22,10 @@ char event[] = "event", text[] = "abc";
 
 TEST_F(Notify, SendsOneDatagramWithoutAnythingAdded)
 {
-    const sockaddr_un address = socket_address(g_conf_notifier_socket);
-    const int receiver = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-    ASSERT_EQ(bind(receiver, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-    const auto received = [=] {
+    const support::unique_fd receiver(conf_plugin_notifier_enable());
+    const auto received = [&] {
         char datagram[100];
-        const ssize_t size = recv(receiver, datagram, sizeof datagram, 0);
+        const ssize_t size = recv(receiver.get(), datagram, sizeof datagram, 0);
         return size < 0 ? "nothing" : std::string(datagram, static_cast<std::size_t>(size));
     };
     const node_ptr parent(parse("<l><one/><a k='1'>&lt;<b> </b></a><three/></l>"));
@@ -41,8 +38,8 @@ TEST_F(Notify, SendsOneDatagramWithoutAnythingAdded)
     EXPECT_EQ(received(), "\0"s);
     EXPECT_EQ(conf_notify(event, text), 0);
     EXPECT_EQ(received(), "abc\0"s);
-    EXPECT_EQ(debug_lines(), (strings{"[INFO] - Sent notification to confd, length is 1",
-                                      "[INFO] - Sent notification to confd, length is 4"}));
+    EXPECT_EQ(debug_texts(DBG_INFO), (strings{"Sent notification to confd, length is 1",
+                                              "Sent notification to confd, length is 4"}));
     const std::string sent =
         "<14>[INFO] Sent notification to confd with non block mode, length is ";
     for (strings log; log.size() < 2; log = take_system_texts()) { // until the queue is full
@@ -50,24 +47,20 @@ TEST_F(Notify, SendsOneDatagramWithoutAnythingAdded)
         ASSERT_EQ(conf_notify_nonblock(event, text), 0);
     }
     unlink(g_conf_notifier_socket);
-    close(receiver);
 }
 
 TEST_F(Notify, RefusesNullArguments)
 {
     xmlNode node{};
-    EXPECT_EQ(econf_notify(nullptr, &node), -1);
-    EXPECT_EQ(econf_notify(event, nullptr), -1);
-    EXPECT_EQ(conf_notify(nullptr, text), -1);
-    EXPECT_EQ(conf_notify(event, nullptr), -1);
-    EXPECT_EQ(conf_notify_nonblock(event, nullptr), -1);
-    EXPECT_EQ(conf_notify_nonblock(nullptr, text), -1);
+    EXPECT_EQ(econf_notify(nullptr, &node) + econf_notify(event, nullptr) +
+                  conf_notify(nullptr, text) + conf_notify(event, nullptr),
+              -4);
     const std::string wrong = "Error input parameter(", no_data = place(event) + ", node=(nil)).";
-    const std::string no_list = wrong + "list=(nil), node=" + place(text) + ").";
     EXPECT_EQ(take_errors(), wrong + "name=(nil), node=" + place(&node) + ").\n" + wrong + "name=" +
-                                 no_data + "\n" + no_list + "\n" + wrong + "list=" + no_data);
-    EXPECT_EQ(take_system_texts(),
-              (strings{"<11>[ERROR] " + wrong + "list=" + no_data, "<11>[ERROR] " + no_list}));
+                                 no_data + "\n" + wrong + "list=(nil), node=" + place(text) +
+                                 ").\n" + wrong + "list=" + no_data);
+    refused(conf_notify_nonblock(event, nullptr), -1, "(list=%, node=(nil)).", {event});
+    refused(conf_notify_nonblock(nullptr, text), -1, "(list=(nil), node=%).", {text});
 }
 
 } // namespace

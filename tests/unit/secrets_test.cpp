@@ -6,17 +6,15 @@
 // plugin holds itself it wipes.
 #include "demo_plugin.h"
 
-#include "conf_plugin/plugin_internal.h"
-#include "conf_plugin/xml.h"
 #include "support/bounded.h"
 #include "support/log.h"
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
+#include <pthread.h>
 #include <random>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -166,9 +164,9 @@ std::string search(pid_t process, const std::string &text)
     std::ifstream maps(directory + "/maps");
     std::string found;
     for (std::string line; std::getline(maps, line);) {
-        std::size_t begin_end = 0;
-        const unsigned long begin = std::stoul(line, &begin_end, 16);
-        const unsigned long end = std::stoul(line.substr(begin_end + 1), nullptr, 16);
+        std::size_t dash = 0;
+        const unsigned long begin = std::stoul(line, &dash, 16);
+        const unsigned long end = std::stoul(line.substr(dash + 1), nullptr, 16);
         std::string bytes(end - begin, '\0');
         const ssize_t count = pread(memory.get(), bytes.data(), bytes.size(), off_t(begin));
         bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0))); // some cannot be read
@@ -190,7 +188,7 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
     if (plugin == 0) {
         play_plugin(tokens[0], done[1]);
     }
-    daemon->play([&](Peer &connection) {
+    daemon.play([&](Peer &connection) {
         (void)connection.answer("<result/>");
         (void)connection.answer("<result/>");
         EXPECT_NE(search(plugin, "malformed message"), "") << "nothing is found";
@@ -219,13 +217,73 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
             EXPECT_EQ(search(plugin, secret), "") << each.name;
         }
     });
-    daemon->finish();
+    daemon.finish();
     kill(plugin, SIGKILL);
     EXPECT_EQ(waitpid(plugin, nullptr, 0), plugin);
     for (const int fd : {tokens[0], tokens[1], done[0], done[1]}) {
         close(fd);
     }
-    daemon->forget_connection();
+}
+
+// ---- the stack
+// -----------------------------------------------------------------------------------
+
+struct call {
+    const char *name;
+    void (*make)(const std::string &secret);
+    const std::string *secret = nullptr;
+};
+
+// A thread whose stack can be searched when it has ended, and nothing has covered what is left.
+std::string stack_behind(call made)
+{
+    constexpr std::size_t size = 1 << 18;
+    const std::unique_ptr<char, decltype(&std::free)> stack(
+        static_cast<char *>(std::aligned_alloc(4096, size)), std::free);
+    pthread_attr_t attributes;
+    pthread_t thread;
+    pthread_attr_init(&attributes);
+    EXPECT_EQ(pthread_attr_setstack(&attributes, stack.get(), size), 0);
+    const auto body = [](void *argument) -> void * {
+        volatile char room[4096]; // which the end of the thread takes
+        room[0] = '\0';
+        const auto *given = static_cast<call *>(argument);
+        given->make(*given->secret);
+        return room[0] == '\0' ? nullptr : argument;
+    };
+    EXPECT_EQ(pthread_create(&thread, &attributes, body, &made), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    return {stack.get(), size};
+}
+
+TEST_F(SecretsTest, LeaveNothingOnTheStack)
+{
+    const call calls[] = {
+        {"parsed",
+         [](const std::string &secret) {
+             std::string body = "<a>\xc3\xa9" + secret + "\xc3\xa9</a>";
+             wipe_and_free(parse_body({body.data(), body.size()}).root);
+         }},
+        {"printed",
+         [](const std::string &secret) {
+             const node_ptr node(new_element("a"));
+             (void)add_text(node.get(), "b", ("\xc3\xa9<" + secret).c_str());
+             support::wipe_stack();
+             const node_text text(node.get());
+         }},
+        {"to the debug file",
+         [](const std::string &secret) { _conf_write_log(DBG_ERROR, "%s", secret.c_str()); }},
+        {"to the system log",
+         [](const std::string &secret) { safety_syslog(LOG_INFO, "%s", secret.c_str()); }},
+    };
+    const std::string secret = "nobody may read this";
+    for (call each : calls) {
+        each.secret = &secret;
+        EXPECT_EQ(stack_behind(each).find(secret), std::string::npos) << each.name;
+    }
+    take_errors();
+    (void)take_system_log();
 }
 
 } // namespace

@@ -18,12 +18,13 @@ namespace {
 int chown_result = 0;
 std::string changed; // "path owner group" of each change
 
+using Service = Fixture;
+
 } // namespace
 
 extern "C" group *getgrnam(const char *name)
 {
-    static group sudo{};
-    sudo.gr_gid = 27;
+    static group sudo{nullptr, nullptr, 27, nullptr};
     return std::strcmp(name, "sudo") == 0 ? &sudo : nullptr;
 }
 
@@ -32,10 +33,6 @@ extern "C" int chown(const char *path, uid_t owner, gid_t id) noexcept
     changed += std::string(path) + ' ' + std::to_string(owner + 1) + ' ' + std::to_string(id);
     return chown_result;
 }
-
-namespace {
-
-using Service = Fixture;
 
 TEST_F(Service, OpensItsSocketForOwnerAndGroupInPlaceOfWhatStandsThere)
 {
@@ -46,6 +43,7 @@ TEST_F(Service, OpensItsSocketForOwnerAndGroupInPlaceOfWhatStandsThere)
     };
     for (const auto &[enable, disable, path, listens] : services) {
         const std::string before = path;
+        SCOPED_TRACE(before);
         std::strcpy(path, ("/var/tmp/" + std::string(200, 'x')).c_str());
         const std::string made(path, 107); // a longer path is cut
         std::ofstream(made) << "stale";
@@ -54,16 +52,16 @@ TEST_F(Service, OpensItsSocketForOwnerAndGroupInPlaceOfWhatStandsThere)
         struct stat status {};
         EXPECT_EQ(stat(made.c_str(), &status), 0);
         EXPECT_EQ(umask(outer), 077U);
-        EXPECT_EQ(status.st_mode, S_IFSOCK | 0660U) << before;
+        EXPECT_EQ(status.st_mode, S_IFSOCK | 0660U);
         int found = -1;
         socklen_t size = sizeof found;
         getsockopt(sock, SOL_SOCKET, listens ? SO_ACCEPTCONN : SO_RCVBUF, &found, &size);
-        EXPECT_EQ(found, listens ? 1 : 65536) << before; // Linux doubles the room
-        EXPECT_NE(fcntl(sock, F_GETFL) & O_NONBLOCK, 0) << before;
-        EXPECT_EQ(fcntl(sock, F_GETFD), FD_CLOEXEC) << before;
+        EXPECT_EQ(found, listens ? 1 : 65536); // Linux doubles the room
+        EXPECT_NE(fcntl(sock, F_GETFL) & O_NONBLOCK, 0);
+        EXPECT_EQ(fcntl(sock, F_GETFD), FD_CLOEXEC);
         disable(sock);
-        EXPECT_EQ(fcntl(sock, F_GETFD), -1) << before;
-        EXPECT_FALSE(std::filesystem::exists(made)) << before;
+        EXPECT_EQ(fcntl(sock, F_GETFD), -1);
+        EXPECT_FALSE(std::filesystem::exists(made));
         std::strcpy(path, before.c_str());
     }
 }
@@ -102,5 +100,3 @@ TEST_F(Service, InstallsACopyOfTheHooksOnceInTheRecordOfTheProcess)
     EXPECT_TRUE(conf_hash_get(g_plugin_hash, key.data()) == nullptr && g_plugin_hash->num == 8);
     std::free(hooks);
 }
-
-} // namespace

@@ -1,5 +1,5 @@
-// The guarded calls of libxml2: trees without a document, texts that are wiped and names that are
-// not, and silence about what a message holds.
+// The guarded calls of libxml2: texts that are wiped and names that are not, and silence about what
+// a message holds. What a body becomes, the fuzz target "stream" compares with libxml2 alone.
 #include "conf_plugin/xml.h"
 #include "test_support.h"
 
@@ -18,29 +18,6 @@ parse_result parsed(std::string text)
 
 using Xml = Fixture;
 
-// A node that pointed into the document, which is gone, would be found by the sanitizer.
-TEST_F(Xml, AParsedBodyBelongsToNoDocument)
-{
-    const std::pair<const char *, const char *> cases[] = {
-        {"<a>\n <b> c </b> <d/>\n</a>", "<a><b> c </b><d/></a>"},
-        {"\xef\xbb\xbf<?xml version='1.0' encoding='utf-16'?><!--x--><a>1</a><!--y-->", "<a>1</a>"},
-        {"<a xmlns='u:1' xmlns:p='u:2'><p:b p:k='v'>t</p:b></a>",
-         "<a xmlns=\"u:1\" xmlns:p=\"u:2\"><p:b p:k=\"v\">t</p:b></a>"},
-        {"<a xml:lang='en' xml:id='i'><b xml:space='preserve'> </b></a>",
-         "<a xml:lang=\"en\" xml:id=\"i\"><b xml:space=\"preserve\"> </b></a>"},
-        {"<a><![CDATA[<&]]>&lt;&#65;<!-- c --><?p i?></a>",
-         "<a><![CDATA[<&]]>&lt;A<!-- c --><?p i?></a>"},
-        {"<!DOCTYPE a [<!ENTITY e 'text'><!ATTLIST a k ID #IMPLIED>]><a k='v'>&e;</a>",
-         "<a k=\"v\">&e;</a>"},
-    };
-    for (const auto &[body, expected] : cases) {
-        const node_ptr root(parsed(body).root);
-        EXPECT_EQ(list_of(root.get()), expected);
-        const xmlNode *first = root ? root->children : nullptr; // no way into the declarations
-        EXPECT_FALSE(first && first->type == XML_ENTITY_REF_NODE && first->children) << body;
-    }
-}
-
 TEST_F(Xml, NothingOfAMalformedBodyIsPrintedAndTheHostKeepsItsHandler)
 {
     int reports = 0;
@@ -49,12 +26,10 @@ TEST_F(Xml, NothingOfAMalformedBodyIsPrintedAndTheHostKeepsItsHandler)
     for (const xmlStructuredErrorFunc host : {xmlStructuredErrorFunc{handler}, {}}) {
         xmlSetStructuredErrorFunc(&reports, host);
         for (const char *body :
-             {"", " ", "<a><b>hunter2</a>", "hunter2", "<a>\xff\xfe</a>", "<a/><b/>",
-              "<a>&hunter2;</a>", "<?xml version='1.0' encoding='latin1'?><a>\xe4</a>",
-              "<a k='1' k='2'/>"}) {
+             {"", "<a><b>hunter2</a>", "hunter2", "<a>\xff\xfe</a>", "<a/><b/>", "<a>&hunter2;</a>",
+              "<?xml version='1.0' encoding='latin1'?><a>\xe4</a>", "<a k='1' k='2'/>"}) {
             const parse_result result = parsed(body);
-            EXPECT_EQ(result.root, nullptr) << body;
-            EXPECT_FALSE(result.failed_copy) << body;
+            EXPECT_TRUE(result.root == nullptr && !result.failed_copy) << body;
         }
         // Usable, though libxml2 has something to say: an undeclared prefix.
         const node_ptr odd(parsed("<hunter2:a/>").root);
