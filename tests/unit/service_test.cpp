@@ -44,7 +44,7 @@ TEST_F(Service, OpensItsSocketForOwnerAndGroupInPlaceOfWhatStandsThere)
     for (const auto &[enable, disable, path, listens] : services) {
         const std::string before = path;
         SCOPED_TRACE(before);
-        std::strcpy(path, ("/var/tmp/" + std::string(200, 'x')).c_str());
+        std::snprintf(path, 256, "/var/tmp/%0200d", 0);
         const std::string made(path, 107); // a longer path is cut
         std::ofstream(made) << "stale";
         const mode_t outer = umask(077);
@@ -62,7 +62,7 @@ TEST_F(Service, OpensItsSocketForOwnerAndGroupInPlaceOfWhatStandsThere)
         disable(sock);
         EXPECT_EQ(fcntl(sock, F_GETFD), -1);
         EXPECT_FALSE(std::filesystem::exists(made));
-        std::strcpy(path, before.c_str());
+        std::snprintf(path, 256, "%s", before.c_str());
     }
 }
 
