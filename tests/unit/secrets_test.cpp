@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <random>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <syslog.h>
 
@@ -260,6 +261,23 @@ std::string stack_behind(call made)
 TEST_F(SecretsTest, LeaveNothingOnTheStack)
 {
     const call calls[] = {
+        {"received",
+         [](const std::string &secret) {
+             int ends[2];
+             (void)socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends);
+             const std::string bytes = framed(secret);
+             (void)write(ends[1], bytes.data(), bytes.size());
+             conf_plugin_context_t own{};
+             own.sock = ends[0];
+             own.recv_buf = conf_buffer_create(0);
+             conf_plugin_data plugin{};
+             plugin.plugin_ctxt = &own;
+             bool_t ready = false;
+             (void)_recv_message(&plugin, &ready);
+             conf_buffer_destroy(own.recv_buf);
+             close(ends[0]);
+             close(ends[1]);
+         }},
         {"parsed",
          [](const std::string &secret) {
              std::string body = "<a>\xc3\xa9" + secret + "\xc3\xa9</a>";
