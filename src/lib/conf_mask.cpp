@@ -15,8 +15,6 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
-#include <cstring>
-#include <string_view>
 #include <utility>
 
 constexpr std::size_t pattern_count = 21;

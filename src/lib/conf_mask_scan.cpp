@@ -4,8 +4,8 @@
 // As each pattern is a row of literals with ".*" between them, and a greedy ".*" puts each literal
 // as far to the right as those behind it allow, one search from the end of the line for one literal
 // after the other finds the match that PCRE2 would find, once a scan of the text has found the
-// line. What was found is remembered for the next pattern, so that a line is searched once for each
-// literal, not once for each pattern.
+// line. What was found is remembered for the next pattern, so that a part of a line is seldom
+// searched twice for the same literal.
 #include "conf_mask.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8

@@ -2,7 +2,8 @@
 //
 // A script runs on a thread of its own while the test is inside a call that blocks. Between such
 // calls the test drives the connection itself: it sends, runs the plugin's loop and looks at what
-// has been received. Nothing here uses the library: frames and envelopes are made by hand.
+// has been received. Nothing here uses the library but its owner of descriptors: frames and
+// envelopes are made by hand.
 #ifndef CONFSVC_TEST_FAKE_DAEMON_H
 #define CONFSVC_TEST_FAKE_DAEMON_H
 
