@@ -137,12 +137,10 @@ struct result {
     std::string kind, name; // "once", "malloc"
     std::size_t number;     // among the calls of that name; 0 for none
     std::string outcome;    // the lines that differ
-
-    auto operator<=>(const result &) const = default; // NOLINT(modernize-use-nullptr): has none
 };
 
 // What comes of the story without a fault, and with each that its calls can have.
-std::vector<result> play_all(const story &played, bool quick);
+std::vector<result> play_all(const story &played);
 
 } // namespace fault
 

@@ -254,17 +254,17 @@ std::string take_replies()
     return std::exchange(replies, {});
 }
 
-std::vector<result> play_all(const story &played, bool quick)
+std::vector<result> play_all(const story &played)
 {
     play(played, {}, 0);
     const std::vector<std::string> normal = lines_of(stage->first);
     const std::vector<call> calls(stage->calls.data(), stage->calls.data() + stage->counted[0]);
     const bool has_documents =
         played.subject == about::documents || played.subject == about::plugin;
-    const std::size_t allocations = has_documents && !quick ? stage->counted[1] : 0;
+    const std::size_t allocations = has_documents ? stage->counted[1] : 0;
     const std::size_t growth = stage->growth;
     // A cut line of a log is another text at each length.
-    const bool every_length = !quick && played.subject != about::logs;
+    const bool every_length = played.subject != about::logs;
     std::vector<result> results = {{"none", "story", 0, stage->first.data() + damage()}};
     const auto add = [&](const char *kind, const char *name, std::size_t number,
                          const point &where) {
@@ -285,7 +285,7 @@ std::vector<result> play_all(const story &played, bool quick)
             {once, "once"},       {ever, "ever"},     {interrupted, "EINTR"}, {again, "EAGAIN"},
             {timeout, "timeout"}, {broken, "broken"}, {stuck, "stuck"}};
         for (const auto &[kind, title] : faults) {
-            if ((kinds & kind) != 0 && !(quick && kind == ever)) {
+            if ((kinds & kind) != 0) {
                 add(title, name, number, {kind, at});
             }
         }
