@@ -26,6 +26,8 @@ TEST_F(Containers, ListRefusesForeignNodesAndIsEmptyAfterInitAndFree)
     conf_dlq_list_t list, other{};
     std::memset(&list, 0xff, sizeof list);
     conf_dlq_init(&list);
+    released.clear();
+    std::memset(nodes, 0, sizeof nodes);
     conf_dlq_node_t *const in = &nodes[0], *const out = &nodes[3], *const free = &nodes[2];
     EXPECT_EQ(conf_dlq_append(&other, out) | conf_dlq_append(&list, in) |
                   conf_dlq_insert(&list, nullptr, &nodes[1]),

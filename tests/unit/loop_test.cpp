@@ -114,6 +114,7 @@ TEST_F(LoopTest, ConfigurationChanges)
     check({{kick_off, "", ok}});
 
     // Refusals of the initial configuration are counted.
+    g_rdb_recovery_status = 0;
     act = {5};
     EXPECT_EQ(handle(config("/a", "32769")), failed("5"));
     EXPECT_EQ(handle(config("/a", "16385")), failed("5"));
