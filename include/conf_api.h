@@ -17,8 +17,8 @@
  *     int sock = econf_plugin_init("demo", &info);
  *     if (sock < 0 || econf_plugin_activate(ACTIVATE_WITH_NONE) != 0)
  *         return 1;
- *     struct pollfd fd = {sock, POLLIN | POLLRDHUP, 0};
- *     while (poll(&fd, 1, -1) >= 0 && (fd.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0)
+ *     struct pollfd fd = {sock, POLLIN, 0};
+ *     while (poll(&fd, 1, -1) >= 0 && (fd.revents & (POLLERR | POLLHUP)) == 0)
  *         econf_plugin_run();
  *     econf_plugin_close();
  *
@@ -45,7 +45,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* What happened to the configuration under a path: bits, combined. */
+/* What happened to the configuration under a path: bits, combined, as the daemon sends them. */
 enum _ECONF_CONFIG_OPER_TYPE {
     CONFIG_OP_NONE = 0,
     CONFIG_OP_ADD = 1,
@@ -70,7 +70,7 @@ enum _ECONF_PLUGIN_ACTIVATE_MODE {
  * A configuration change under a subscribed path.
  *   session_id  session that made the change; -1 when the daemon named none
  *   oper        combination of _ECONF_CONFIG_OPER_TYPE bits
- *   more        not 0 when further changes of the same commit follow
+ *   more        as the daemon sends it: not 0 when further changes of the same commit follow
  *   priority    priority of the change
  *   path        the changed path, the quoting of its key values removed; may be null; valid only
  *               during the call
@@ -138,10 +138,10 @@ typedef struct _econf_plugin_subpub_info {
  * Paths and operation names go onto the wire as XML content without escaping: they hold no "&" or
  * "<" that is not meant as such. The name is escaped.
  *
- * Returns the connected, non-blocking socket, which stays the library's: watch it for input and
- * hang-up, do not read, write or close it. Returns -1 when the arguments are null, when the process
- * has a plugin or injected hooks already, when the daemon is not there and when it refuses; nothing
- * is left behind, and the call may be repeated.
+ * Returns the connected socket, non-blocking and close-on-exec, which stays the library's: watch it
+ * for input and hang-up, do not read, write or close it. Returns -1 when the arguments are null,
+ * when the process has a plugin or injected hooks already, when the daemon is not there and when it
+ * refuses; nothing is left behind, and the call may be repeated.
  */
 int econf_plugin_init(const char *name, econf_plugin_subpub_info_t *cb_info);
 
@@ -153,8 +153,8 @@ void econf_plugin_close(void);
 
 /*
  * Tells the daemon that the plugin is ready. `start_mode` is a value of
- * _ECONF_PLUGIN_ACTIVATE_MODE: with ACTIVATE_WITH_CFGR or ACTIVATE_WITH_SMOOTH the daemon sends the
- * plugin its present configuration first. Any other value is taken as ACTIVATE_WITH_NONE.
+ * _ECONF_PLUGIN_ACTIVATE_MODE: with ACTIVATE_WITH_CFGR or ACTIVATE_WITH_SMOOTH the daemon is asked
+ * for its present configuration first. Any other value is taken as ACTIVATE_WITH_NONE.
  * Requests that the daemon sends with its answer are not lost: the socket stays readable.
  * Returns 0, or -1 when there is no plugin, when it is active already and when the daemon refuses.
  */

@@ -2,6 +2,7 @@
 // change the plugin.
 #include "demo_plugin.h"
 
+#include <cstring>
 #include <libxml/parser.h>
 #include <sys/wait.h>
 
@@ -137,6 +138,11 @@ TEST_F(LoopTest, Operations)
         xmlUnlinkNode(node);
         return node; // its strings belong to the document's dictionary
     };
+    const auto list_of_document = [=](xmlNode *) {
+        xmlNode *list = nodes_of("<s>1</s><t/>")(nullptr);
+        xmlSetListDoc(list, doc);
+        return list;
+    };
     check({
         {request, call, result("<ok/>")},
         {request, call, result("<o>2</o>text<p/>"), gives(nodes_of("<o>2</o>text<p/>"))},
@@ -149,7 +155,6 @@ TEST_F(LoopTest, Operations)
         {request, call, failed("5"), {5, {}, give_input}},
         {request, call, failed("5"), {5, {}, part_of_own}},
     });
-    xmlFreeDoc(doc);
     EXPECT_EQ(print(own.get()), "<own><x/><y><z>1</z></y><w/></own>");
 
     const std::string path = "<path>/a[k=\"x&amp;y\"]</path>", status = "status 4 /a[k=\"x&y\"] f";
@@ -157,6 +162,7 @@ TEST_F(LoopTest, Operations)
     check({
         {asks, status, result(path + "<data/>")},
         {asks, status, result(path + "<data><s>1</s><t/></data>"), gives(nodes_of("<s>1</s><t/>"))},
+        {asks, status, result(path + "<data><s>1</s><t/></data>"), gives(list_of_document)},
         {asks, status, result(path + "<data><x/></data>"),
          gives([&](xmlNode *) { return own->children; })},
         {rpc("subscribe", "<params><filter/><x/><callback>2</callback></params>", "17"),
@@ -165,6 +171,7 @@ TEST_F(LoopTest, Operations)
         {asks, status, failed("5"), {5, {}, nodes_of("<s/>")}},
         {asks, status, failed("6", "no"), records(5, 6, "no")},
     });
+    xmlFreeDoc(doc);
 }
 
 TEST_F(LoopTest, CallbackMayEndThePlugin)
@@ -212,6 +219,20 @@ TEST_F(LoopTest, CallbackMayEndThePlugin)
             EXPECT_EQ(handle(kick_off), succeeded());
         }
     }
+}
+
+// Of its callbacks nothing is known but the table, in which these two have changed places.
+TEST_F(LoopTest, ServesAContextThatDidNotRegister)
+{
+    std::vector<std::byte> copy(sizeof *context + context->cbs_nums * sizeof context->cbs[0]);
+    auto *const other = reinterpret_cast<conf_plugin_context_t *>(copy.data());
+    std::memcpy(copy.data(), context, copy.size());
+    std::swap(other->cbs[1], other->cbs[3]);
+    get_plugin_from_hash()->plugin_ctxt = other;
+    EXPECT_EQ(handle(operate("<a/>", "1")), result("<ok/>"));
+    EXPECT_EQ(handle(publish("config", "<path>/a</path>", callback("3"))), succeeded());
+    EXPECT_EQ(called, "config 3 0 0 0 /a");
+    get_plugin_from_hash()->plugin_ctxt = context;
 }
 
 // The child has no plugin, although it has the socket.

@@ -9,6 +9,7 @@
 #include "conf_misc.h"
 #include "plugin_internal.h"
 #include "reply.h"
+#include "support/bounded.h"
 #include "support/decimal.h"
 #include "support/log.h"
 
@@ -38,7 +39,7 @@ econf_subpub_cb_t announced_callback(const conf_plugin_context_t *ctxt, callback
                                      int index)
 {
     const auto slot = static_cast<u32_t>(index);
-    const bool announced = slot < ctxt->cbs_nums && is_announced_as(kind, slot);
+    const bool announced = slot < ctxt->cbs_nums && is_announced_as(ctxt, kind, slot);
     return announced ? ctxt->cbs[index] : nullptr;
 }
 
@@ -55,6 +56,28 @@ econf_subpub_cb_t find_callback(const request &request, callback_kind kind, int 
     }
     return callback;
 }
+
+// A text of the request that a callback is given. It is wiped whole, also when the callback has cut
+// it; the wiping of the request ends where the text does.
+class given_text {
+public:
+    explicit given_text(const char *text)
+        : text_(const_cast<char *>(text)), length_(text == nullptr ? 0 : std::strlen(text))
+    {
+    }
+    ~given_text()
+    {
+        if (text_ != nullptr) {
+            support::wipe(text_, length_);
+        }
+    }
+    given_text(const given_text &) = delete;
+    given_text &operator=(const given_text &) = delete;
+
+private:
+    char *text_;
+    std::size_t length_;
+};
 
 template <typename signature, typename... arguments>
 int call(econf_subpub_cb_t callback, arguments... given)
@@ -124,6 +147,7 @@ void _publish_config_proc(const request &request, int session_id, int index, xml
 {
     conf_plugin_data *plugin = request.plugin;
     const config_change change = read_change(info);
+    const given_text path(change.path);
     const econf_subpub_cb_t callback =
         announced_callback(plugin->plugin_ctxt, callback_kind::config, index);
     if (callback == nullptr) {
@@ -239,6 +263,8 @@ void _method_subscribe_proc(const request &request)
 {
     conf_plugin_data *plugin = request.plugin;
     const subscribe_args args = _method_subscribe_parse_args(request.params);
+    const given_text path(args.path);
+    const given_text filter(args.filter);
     if (const econf_subpub_cb_t callback =
             find_callback(request, callback_kind::status, args.index)) {
         callback_nodes status;

@@ -138,8 +138,10 @@ target function_cast(source function)
 enum class callback_kind { config, status, operate };
 
 // Whether an index below `cbs_nums` was announced for callbacks of that kind: only they can be
-// called with its signature.
-[[nodiscard]] bool is_announced_as(callback_kind kind, u32_t index);
+// called with its signature. Of a context that did not register here that is not known, and only
+// the kick-off is excluded.
+[[nodiscard]] bool is_announced_as(const conf_plugin_context_t *ctxt, callback_kind kind,
+                                   u32_t index);
 
 // Releases the plugin context of the process, if any, with everything that it owns.
 void _free_plugin_context(conf_plugin_data *plugin);

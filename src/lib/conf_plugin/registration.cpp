@@ -87,8 +87,11 @@ int _init_plugin_context(conf_plugin_data *plugin, const char *name,
 
 // ---- the register request ----------------------------------------------------------------------
 
-// The first index of each kind, of the present context.
-std::array<u32_t, 4> g_first_index = {0, 0, 0, UINT32_MAX};
+// What was announced last: the first index of each kind.
+struct {
+    const conf_plugin_context_t *ctxt;
+    std::array<u32_t, 4> first;
+} g_announced = {nullptr, {0, 0, 0, UINT32_MAX}};
 
 std::size_t position(callback_kind kind)
 {
@@ -135,7 +138,7 @@ template <typename entry_type>
 bool add_section(conf_plugin_context_t *ctxt, xmlNode *params, const section &section,
                  const entry_type *entry)
 {
-    g_first_index[position(section.kind)] = ctxt->cbs_nums;
+    g_announced.first[position(section.kind)] = ctxt->cbs_nums;
     if (entry == nullptr) {
         return true;
     }
@@ -156,6 +159,7 @@ bool add_section(conf_plugin_context_t *ctxt, xmlNode *params, const section &se
 xmlNode *build_register_params(conf_plugin_context_t *ctxt,
                                const econf_plugin_subpub_info_t *cb_info)
 {
+    g_announced.ctxt = ctxt;
     node_ptr params(new_element("params"));
     if (params && add_text(params.get(), "plugin-name", ctxt->name) != nullptr &&
         add_section(ctxt, params.get(), config_section, cb_info->config_cbs) &&
@@ -193,9 +197,12 @@ int register_plugin(conf_plugin_data *plugin, const econf_plugin_subpub_info_t *
 
 } // namespace
 
-bool is_announced_as(callback_kind kind, u32_t index)
+bool is_announced_as(const conf_plugin_context_t *ctxt, callback_kind kind, u32_t index)
 {
-    return index >= g_first_index[position(kind)] && index < g_first_index[position(kind) + 1];
+    const std::size_t at = position(kind);
+    return ctxt != g_announced.ctxt
+               ? index > 0
+               : index >= g_announced.first[at] && index < g_announced.first[at + 1];
 }
 
 int econf_plugin_init(const char *name, econf_plugin_subpub_info_t *cb_info)
@@ -253,6 +260,7 @@ void _free_plugin_context(conf_plugin_data *plugin)
     release_error_text(ctxt->err_msg);
     free(ctxt);
     plugin->plugin_ctxt = nullptr;
+    g_announced.ctxt = nullptr;
     advance_context_generation();
     if (plugin->confd_hooks == nullptr) { // hooks outlive every context of their process
         del_plugin_from_hash();

@@ -98,11 +98,12 @@ wiped_node build_output(const request &request, callback_nodes &output)
     return result;
 }
 
-// Hangs the status below `data`. A status node that belongs to a tree of the plugin's is copied.
+// Hangs the status below `data`. What belongs to a tree or a document is copied: only the node
+// itself when it hangs in a tree, since its siblings need not be meant.
 bool add_status(xmlNode *data, callback_nodes &status)
 {
     if (status.are_shared()) {
-        node_ptr copy(copy_node(status.first));
+        node_list copy(status.are_attached() ? copy_node(status.first) : copy_list(status.first));
         if (!copy || !add_children(data, copy.get())) {
             return false;
         }
