@@ -50,8 +50,10 @@ void conf_hash_destroy(conf_hash_tbl_t *hash_tbl);
 /*
  * Stores a copy of `key` and of `v_len` bytes of `val`, in place of an entry with the same key.
  * A null argument is refused, also with a length of 0.
- * Returns 0, or -1. When memory runs out while an entry is replaced by a value of another length,
- * the key is absent afterwards.
+ * Both may lie in the entry that they replace; unless the length stays, there is memory for both
+ * entries until the old one is freed.
+ * Returns 0, or -1 when memory runs out and when key and value together exceed 32 bits. When that
+ * happens while an entry is replaced by a value of another length, the key is absent afterwards.
  */
 int conf_hash_add(conf_hash_tbl_t *hash_tbl, char *key, void *val, u32_t v_len);
 

@@ -9,6 +9,8 @@
 #include "support/log.h"
 #include "support/owners.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -34,7 +36,6 @@ constexpr long debug_file_limit = 0x200000; // a file of 2 MiB stays, a longer o
 constexpr std::size_t debug_text_room = 256;
 constexpr std::size_t debug_line_room = debug_text_room + 64; // time, tag, separators, line end
 constexpr std::size_t system_text_room = 0x10000;
-constexpr std::size_t print_depth = 32768; // of the stack, where the C library formats and sends
 
 using stream_owner = std::unique_ptr<std::FILE, support::released_by<std::fclose>>;
 
@@ -77,7 +78,7 @@ long _conf_get_file_length(const char *file_name)
     if (file_name == nullptr || stat(file_name, &status) != 0) {
         return -1;
     }
-    return static_cast<long>(status.st_size);
+    return static_cast<long>(std::min<off_t>(status.st_size, LONG_MAX)); // of 32 bits on a device
 }
 
 void _conf_write_log(int level, const char *format, ...)
@@ -132,7 +133,7 @@ void safety_syslog(int priority, const char *format, ...)
     }
     syslog(priority, "%s", text.get());
     support::wipe(text.get(), written); // a zero character (%c) may have left more than was sent
-    support::wipe_stack<print_depth>();
+    support::wipe_stack();
 }
 
 int econf_plugin_config_debug(int level, int enable)

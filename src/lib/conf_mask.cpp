@@ -181,11 +181,11 @@ int REG_RemarkInfo(pcre2_code_8 *re, char *buf, int dataLen)
 
 void REG_RemarkKeyInfo(char *buf, int dataLen)
 {
-    if (buf == nullptr || dataLen <= 0) {
-        return;
-    }
     if (table_entry(0).load() == nullptr) {
         build_table();
+    }
+    if (buf == nullptr || dataLen <= 0) {
+        return;
     }
     std::uint32_t newline = PCRE2_NEWLINE_LF;
     (void)pcre2_config_8(PCRE2_CONFIG_NEWLINE, &newline);

@@ -17,11 +17,11 @@ inline void wipe(void *memory, std::size_t size)
 }
 
 // Overwrites the stack below the caller, where functions that have returned may have left text: to
-// be called after handing secrets to functions that are not ours. The depth is what libxml2 needs.
-template <std::size_t depth = 8192>
-[[gnu::noinline]] void wipe_stack()
+// be called after handing secrets to functions that are not ours. They reach less deep than this,
+// and a thread need not have much more.
+[[gnu::noinline]] inline void wipe_stack()
 {
-    char left_behind[depth];
+    char left_behind[8192];
     wipe(left_behind, sizeof left_behind);
 }
 
