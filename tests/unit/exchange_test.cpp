@@ -2,7 +2,9 @@
 #include "demo_plugin.h"
 
 #include <csignal>
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 using namespace test;
@@ -87,6 +89,39 @@ TEST_F(ExchangeTest, WaitsForRoomOnlyWhereThereIsNone)
     } while (poll(&sock, 1, 0) == 1);
     EXPECT_EQ(send_reply("<result/>"), 0);
     EXPECT_EQ(take_errors(), "");
+}
+
+// A message of the daemon may carry the id of a request that has not been written whole, or not at
+// all: then the exchange ends early, or the message is none of its business.
+TEST_F(ExchangeTest, ForeignMessageWithTheIdOfARequest)
+{
+    const std::string foreign = rpc("other", "<params/>", "3");
+    const int room = 4096;
+    ASSERT_EQ(setsockopt(context->sock, SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
+    peer->send(framed(foreign));
+    EXPECT_EQ(exchange(large), foreign);
+    strings bodies;
+    daemon.play([&](Peer &p) { bodies = {p.receive(), p.receive()}; });
+    EXPECT_EQ(send_reply("<result/>"), 0);
+    daemon.finish();
+    EXPECT_EQ(bodies, (strings{rpc("pull", large, "3"), reply("<result/>", "8")}));
+    expect_idle();
+
+    const std::string filling = framed("<filling/>");
+    while (send(context->sock, filling.data(), filling.size(), MSG_NOSIGNAL) > 0) {
+    }
+    peer->send(framed(foreign));
+    daemon.play([](Peer &p) {
+        for (int unread = 1; unread > 0;) {
+            ioctl(p.fd(), SIOCOUTQ, &unread);
+        }
+        while (p.receive() == "<filling/>") {
+        }
+        p.send(framed(reply("<result>mine</result>", "3")));
+    });
+    EXPECT_EQ(exchange(), reply("<result>mine</result>", "3"));
+    daemon.finish();
+    expect_idle();
 }
 
 TEST_F(ExchangeTest, BrokenConnectionEndsEitherExchange)

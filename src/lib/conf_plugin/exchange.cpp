@@ -5,7 +5,8 @@
 // Before the first wait the message is written at once: a Unix socket reports no room while more
 // than a quarter of its buffer is unread, although a write would still succeed. Where something is
 // left to write, the waits go through an epoll instance that lives for one exchange, whose events
-// tell of new room only. A wait for the reply alone needs none.
+// tell of new room only. A wait for the reply alone needs one when it takes long: that the daemon
+// takes the request out of the socket begins the limit anew.
 #include "plugin_internal.h"
 #include "support/log.h"
 #include "wire.h"
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <utility>
 
 char def_err_msg[] = "Service process failed.";
 
@@ -34,6 +36,8 @@ take amount_to_take()
     return g_loop_generation == context_generation() ? take::everything : take::one_message;
 }
 
+constexpr u32_t silence = EPOLLONESHOT; // a bit that no event carries
+
 // Waits for one event, with the whole limit again after an interruption. Returns its bits; 0 means
 // that the exchange has failed, with the cause logged.
 template <typename wait>
@@ -44,6 +48,9 @@ u32_t wait_for_event(wait wait_once)
     do {
         count = wait_once(events);
     } while (count < 0 && errno == EINTR);
+    if (events == silence) {
+        return silence;
+    }
     if (count <= 0) {
         LOG_FILE_ERROR("Epoll wait failed(%s).", count == 0 ? "timeout" : std::strerror(errno));
         return 0;
@@ -65,18 +72,18 @@ u32_t wait_for_room(const support::unique_fd &epoll, int limit)
     });
 }
 
-// The bits of poll() are those of epoll. Room is asked for only where the events are reported: it
-// is there most of the time.
+// Waits for the reply alone, or returns `silence`. The bits of poll() are those of epoll. Room is
+// asked for only where the events are reported: it is there most of the time.
 u32_t wait_for_bytes(int sock)
 {
     return wait_for_event([&](u32_t &events) {
         pollfd state = {sock, EPOLLIN | EPOLLRDHUP, 0};
-        const int count = poll(&state, 1, wire::request_wait);
+        const int count = poll(&state, 1, wire::quick_wait);
         if ((state.revents & POLLNVAL) != 0) { // closed by somebody else, which ends no wait
             errno = EBADF;
             return -1;
         }
-        events = static_cast<u32_t>(state.revents);
+        events = count == 0 ? silence : static_cast<u32_t>(state.revents);
         if ((events & failure_events) != 0) {
             state.events |= EPOLLOUT;
             (void)poll(&state, 1, 0);
@@ -84,6 +91,11 @@ u32_t wait_for_bytes(int sock)
         }
         return count;
     });
+}
+
+void note_sent(u32_t msg_id, int result)
+{
+    LOG_FILE_INFO("Syn send rpc on send evt msg_id:%u, ret:%u", msg_id, static_cast<u32_t>(result));
 }
 
 void note_received(u32_t msg_id, int result)
@@ -115,20 +127,46 @@ int receive_reply(conf_plugin_data *plugin, u32_t msg_id, xmlNode **reply)
     return 0;
 }
 
-// Sends what is left of the request and receives until the reply is there. Without an epoll
-// instance nothing is left.
-int converse(conf_plugin_data *plugin, const support::unique_fd &epoll, u32_t msg_id,
-             xmlNode **reply)
+int unsent(const conf_plugin_context_t *ctxt)
 {
+    return conf_buffer_length(ctxt->send_buf) - static_cast<int>(ctxt->send_pos);
+}
+
+// Writes on where there is room. More than one message is queued when an exchange before has ended
+// without having written all of its request.
+int send_on(conf_plugin_data *plugin)
+{
+    if (_send_message(plugin) != 0) {
+        return -1;
+    }
+    if (plugin->plugin_ctxt->send_pos == 0) {
+        (void)send_at_once(plugin);
+    }
+    return 0;
+}
+
+// Sends what is left of the request and receives until the reply is there. Without an epoll
+// instance nothing is left. The id is 0 as long as nothing has been written: what arrives until
+// then is no reply.
+int converse(conf_plugin_data *plugin, support::unique_fd epoll, u32_t msg_id, xmlNode **reply)
+{
+    const conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
     while (*reply == nullptr) {
-        const u32_t events = epoll ? wait_for_room(epoll, wire::request_wait)
-                                   : wait_for_bytes(plugin->plugin_ctxt->sock);
+        u32_t events =
+            epoll ? wait_for_room(epoll, wire::request_wait) : wait_for_bytes(ctxt->sock);
+        if (events == silence) {
+            epoll.reset(watch_socket(ctxt->sock, request_events).release());
+            events = epoll ? wait_for_room(epoll, wire::request_wait) : 0;
+        }
         if (events == 0) {
             return -1;
         }
-        const int sent = (events & EPOLLOUT) != 0 ? _send_message(plugin) : 0;
-        LOG_FILE_INFO("Syn send rpc on send evt msg_id:%u, ret:%u", msg_id,
-                      static_cast<u32_t>(sent));
+        int sent = 0;
+        if ((events & EPOLLOUT) != 0) {
+            msg_id = msg_id != 0 ? msg_id : ctxt->rpc_id;
+            sent = send_on(plugin);
+        }
+        note_sent(msg_id, sent);
         if (sent != 0) {
             return -1;
         }
@@ -141,11 +179,11 @@ int converse(conf_plugin_data *plugin, const support::unique_fd &epoll, u32_t ms
     return 0;
 }
 
-// Waits for room until the queued reply has gone out whole.
+// Waits for room until all that is queued has gone out.
 int write_out(conf_plugin_data *plugin, const support::unique_fd &epoll)
 {
     while (conf_buffer_length(plugin->plugin_ctxt->send_buf) > 0) {
-        if (wait_for_room(epoll, wire::reply_wait) == 0 || _send_message(plugin) != 0) {
+        if (wait_for_room(epoll, wire::reply_wait) == 0 || send_on(plugin) != 0) {
             return -1;
         }
     }
@@ -187,13 +225,20 @@ int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
     if (_cache_message(plugin, rpc) != 0) {
         return -1;
     }
-    const u32_t msg_id = plugin->plugin_ctxt->rpc_id; // advances once the request is written
-    const bool is_sent =
-        send_message_at_once(plugin) && conf_buffer_length(plugin->plugin_ctxt->send_buf) == 0;
+    const conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    u32_t msg_id = ctxt->rpc_id; // advances once the request is written
+    const int queued = unsent(ctxt);
+    const bool is_sent = send_at_once(plugin);
+    if (unsent(ctxt) < queued) {
+        note_sent(msg_id, 0);
+        note_received(msg_id, 0);
+    } else {
+        msg_id = 0;
+    }
     // What is left, the conversation sends or reports.
-    const support::unique_fd epoll =
-        is_sent ? support::unique_fd() : watch_socket(plugin->plugin_ctxt->sock, request_events);
-    if ((is_sent || epoll) && converse(plugin, epoll, msg_id, reply) == 0) {
+    support::unique_fd epoll =
+        is_sent ? support::unique_fd() : watch_socket(ctxt->sock, request_events);
+    if ((is_sent || epoll) && converse(plugin, std::move(epoll), msg_id, reply) == 0) {
         return 0;
     }
     drop_unsent(plugin);
@@ -206,7 +251,7 @@ int _syn_send_reply(conf_plugin_data *plugin, xmlNode *reply)
     if (_cache_message(plugin, reply) != 0) {
         return -1;
     }
-    if (send_message_at_once(plugin)) {
+    if (send_at_once(plugin)) {
         return 0;
     }
     const support::unique_fd epoll = watch_socket(plugin->plugin_ctxt->sock, reply_events);

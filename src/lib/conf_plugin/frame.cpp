@@ -179,9 +179,15 @@ int _send_message(conf_plugin_data *plugin)
     return 0;
 }
 
-bool send_message_at_once(conf_plugin_data *plugin)
+bool send_at_once(conf_plugin_data *plugin)
 {
-    return write_first_message(plugin->plugin_ctxt) == written::whole;
+    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    while (conf_buffer_length(ctxt->send_buf) > 0) {
+        if (write_first_message(ctxt) != written::whole) {
+            return false;
+        }
+    }
+    return true;
 }
 
 int _recv_message(conf_plugin_data *plugin, bool_t *ready, take amount)
@@ -190,7 +196,9 @@ int _recv_message(conf_plugin_data *plugin, bool_t *ready, take amount)
     *ready = false;
     for (;;) {
         resynchronise(&ctxt->recv_buf);
-        if (is_whole(ctxt->recv_buf)) {
+        // A header alone passes for one whatever its magic is, but only where nothing follows it.
+        if (is_whole(ctxt->recv_buf) &&
+            (amount == take::everything || is_sound(read_head(ctxt->recv_buf)))) {
             *ready = true;
             return 0;
         }
@@ -198,6 +206,7 @@ int _recv_message(conf_plugin_data *plugin, bool_t *ready, take amount)
         case got::bytes:
             break;
         case got::nothing:
+            *ready = is_whole(ctxt->recv_buf);
             return 0;
         case got::failed:
             drop_received(plugin);

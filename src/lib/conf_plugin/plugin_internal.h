@@ -64,8 +64,9 @@ enum class take { everything, one_message };
 // or, for now, nothing could be written; -1 when the socket is broken.
 [[nodiscard]] int _send_message(conf_plugin_data *plugin);
 
-// The same, but reports no failure: true when the first message went out whole.
-[[nodiscard]] bool send_message_at_once(conf_plugin_data *plugin);
+// Writes all that is queued, as far as it goes without a wait, and reports no failure. Returns
+// whether nothing is left.
+[[nodiscard]] bool send_at_once(conf_plugin_data *plugin);
 
 // Reads until the receive buffer begins with a complete message (`ready`) or the socket has nothing
 // more. Returns 0, or -1 with the receive buffer emptied.

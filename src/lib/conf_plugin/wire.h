@@ -31,6 +31,10 @@ inline constexpr int buffer_room = 1000;
 inline constexpr int request_wait = 300000;
 inline constexpr int reply_wait = 15000;
 
+// How long a request that is written waits for its reply before it also counts as an event that the
+// daemon takes something out of the socket. Most replies are there by then, and cost less so.
+inline constexpr int quick_wait = 1000;
+
 // Connections that may wait for the daemon to accept them.
 inline constexpr int service_backlog = 8;
 

@@ -42,12 +42,13 @@ public:
         return fd;
     }
     // Closes without touching errno, so that a failure can still be reported afterwards.
-    void reset()
+    void reset(int fd = -1)
     {
         if (fd_ >= 0) {
             const errno_keeper keep;
-            (void)::close(release());
+            (void)::close(fd_);
         }
+        fd_ = fd;
     }
 
 private:
