@@ -17,8 +17,8 @@
  *     int sock = econf_plugin_init("demo", &info);
  *     if (sock < 0 || econf_plugin_activate(ACTIVATE_WITH_NONE) != 0)
  *         return 1;
- *     struct pollfd fd = {sock, POLLIN, 0};
- *     while (poll(&fd, 1, -1) >= 0 && (fd.revents & (POLLERR | POLLHUP)) == 0)
+ *     struct pollfd fd = {sock, POLLIN | POLLRDHUP, 0}; // POLLRDHUP needs _GNU_SOURCE
+ *     while (poll(&fd, 1, -1) >= 0 && (fd.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0)
  *         econf_plugin_run();
  *     econf_plugin_close();
  *
@@ -249,8 +249,8 @@ int econf_notify(const char *name, xmlNode *data);
 int conf_notify(char *name, char *data);
 
 /*
- * Sends the text `data` without blocking in the send, and tries again while the daemon's queue is
- * full: up to five times, sleeping 5 seconds after each attempt that found it full.
+ * Sends the text `data` without blocking in the send: in up to five attempts, with a sleep of 5
+ * seconds after each that found the daemon's queue full.
  * Returns 0 when the datagram was sent, and also when it was given up because the queue stayed full
  * (a warning in the system log says so); -1 on every other failure.
  */

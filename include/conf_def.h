@@ -11,8 +11,9 @@
  *  - Texts are zero-terminated; sizes and lengths are in bytes.
  *  - What is passed in stays the caller's. Outputs are written only on success, except where a
  *    function promises to clear them.
- *  - Nothing here starts a thread, takes a lock or raises a signal. The plugin runtime of a process
- *    (conf_api.h) is driven from one thread.
+ *  - Nothing here starts a thread or raises a signal, and nothing takes a lock but the calls of the
+ *    client table (conf_misc.h). The plugin runtime of a process (conf_api.h) is driven from one
+ *    thread.
  */
 #ifndef CONF_DEF_H
 #define CONF_DEF_H

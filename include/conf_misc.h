@@ -63,7 +63,8 @@ long long conf_get_unix_time(void);
  * when a process dies while it holds it.
  *
  * One process creates the table and stays attached to it until it destroys it. In every other
- * process each call attaches and detaches. The calls may be made from several threads of a process.
+ * process each call attaches and detaches. The calls on records may be made from several threads of
+ * a process at once; those that create and destroy the table only while no other call runs.
  */
 
 /* A record: the same in memory, in the table and for other programs. */
@@ -81,16 +82,22 @@ CONF_STATIC_ASSERT(offsetof(conf_cli_info_t, addr_buf) == 8, "the flags take fou
 
 /*
  * Creates an empty table of `max_num` records. A table that is there already makes the call fail
- * and is removed, so that a second call succeeds. Returns 0, or -1 with no table left.
+ * and is removed, so that a second call succeeds; a process whose own table has been replaced by
+ * another process removes what it still knows of its own first, and may need a third.
+ * Returns 0; or -1, then no table is left unless `max_num` is less than 1.
  */
 int conf_clishm_create(int max_num);
 
-/* Removes the table, whoever created it; processes that are attached keep their view. */
+/*
+ * Removes the table, whoever created it; processes that are attached keep their view. A process
+ * that still knows a table which another one has replaced removes that one, and the new one in a
+ * second call.
+ */
 void conf_clishm_destroy(void);
 
 /*
  * Copies `info` into the first free record; one process may have several. The caller's `valid` does
- * not matter.
+ * not matter. A table never counts as larger than its segment, whatever its capacity says.
  * Returns 0, or -1 when the table is full or cannot be reached.
  */
 int conf_save_client_info(conf_cli_info_t *info);

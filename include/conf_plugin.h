@@ -5,7 +5,9 @@
  * Plugins need conf_api.h only. This header is for the daemon, for agents, for tools and for tests.
  *
  * Threads: the message-level calls keep no state and may be called from any thread on documents and
- * buffers that the thread owns. The registry, the endpoint paths and the hooks are not locked.
+ * buffers that the thread owns. The registry, the endpoint paths and the hooks are not locked;
+ * conf_agent_build_session() and conf_agent_service_enable() look up users and groups in the way of
+ * the C library, one thread at a time.
  */
 #ifndef CONF_PLUGIN_H
 #define CONF_PLUGIN_H
@@ -91,7 +93,8 @@ confd_plugin_callback_t *get_plugin_hooks(void);
  * Takes the first message out of `*buf`, which begins with a complete one, and parses it. The
  * message is gone from the buffer in every case, so a stream stays in step; the buffer may move.
  * Returns a new element that belongs to no document, to be released with xmlFreeNode(), or null
- * when the body is not well-formed XML or memory runs out. Logs the cause.
+ * when the body is not well-formed XML or memory runs out. Logs the cause. A buffer without a
+ * complete message is left as it is, and gives null.
  */
 xmlNode *plugin_parse_message(conf_buffer_t **buf);
 
@@ -100,25 +103,26 @@ bool_t is_valid_xmlchr(const char p);
 
 /*
  * Builds the request <rpc><method/>PARAMS<id/></rpc>. Takes `params` over, also when it fails:
- * then it is wiped and freed. Returns the document for the caller to release, or null.
+ * then it is wiped and freed. Returns the tree for the caller to release with xmlFreeNode(), or
+ * null. When `params` belongs to a document, so does the tree, and is released before it.
  */
 xmlNode *plugin_build_rpc_message(const char *method, xmlNode *params, u32_t id);
 
 /*
  * Builds the reply <reply>RESULT<id/></reply>, where `result` is a "result" or an "error" element
- * that is taken over, also when the call fails. Returns the document, or null.
+ * that is taken over, also when the call fails. Returns a tree as plugin_build_rpc_message() does.
  */
 xmlNode *plugin_build_reply_message(xmlNode *result, u32_t id);
 
 /*
- * Splits a request. `*method` and `*params` point into `rpc`; both are null after a failure.
+ * Splits a request. `*method` and `*params` point into `rpc`; both are null when it lacks one.
  * Returns 0, or -1 when an argument is null or the request lacks a method text or its parameters.
  */
 int plugin_parse_rpc(xmlNode *rpc, const char **method, xmlNode **params);
 
 /*
  * Splits a reply into the one of `*result` and `*error` that it holds; the other is null. Both
- * point into `reply`.
+ * point into `reply`, and both are set after the failure of a reply that holds both.
  * Returns 0, or -1 when an argument is null or the reply holds both or neither.
  */
 int plugin_parse_reply(xmlNode *reply, xmlNode **result, xmlNode **error);
@@ -143,7 +147,8 @@ extern char g_conf_notifier_socket[256]; /* at first /var/tmp/confd.notifier.soc
  * Reads the daemon's profile, /dev/shm/yang_modules/confd.conf, a JSON object, and takes the three
  * socket paths from the directory named by its member "working-dir". `workding_dir` may be null;
  * otherwise the string that it holds is freed and replaced by a copy of the directory, which the
- * caller releases with free(). A profile without that member changes nothing and is no error.
+ * caller releases with free(); null when there is no memory for it. A profile without that member
+ * changes nothing and is no error.
  * Returns 0, or -1 with everything as before.
  */
 int conf_load_config(char **workding_dir);
@@ -171,7 +176,7 @@ char *plugin_path_std2db(const char *data_path);       /* data or standard to da
 int conf_plugin_init_api(confd_plugin_callback_t *api);
 
 /*
- * Open the daemon's sockets at the three paths above, in place of whatever stands there, with
+ * Open the daemon's sockets at the three paths above, in place of a file that stands there, with
  * permissions 0660. The streams listen with a backlog of 8. The file of the agent socket goes to
  * the group "sudo" when there is one. While a call runs, the file-creation mask of the process is
  * 0117.

@@ -130,13 +130,13 @@ bool create_table(client_shm_info &table, int max_num)
     if (!attach_segment(table)) {
         return false;
     }
+    const auto capacity = static_cast<u32_t>(max_num);
+    std::memcpy(table.addr, &capacity, sizeof capacity); // before others can find the whole table
     table.semid = semget(key, 1, creation);
     if (table.semid < 0) {
         LOG_SYSTEM_ERROR("Allocate semaphore for client-info failed(%s).", std::strerror(errno));
         return false;
     }
-    const auto capacity = static_cast<u32_t>(max_num);
-    std::memcpy(table.addr, &capacity, sizeof capacity);
     const semaphore_argument unlocked = {1};
     if (semctl(table.semid, 0, SETVAL, unlocked) != 0) {
         LOG_SYSTEM_ERROR("Initailize semaphore for client-info failed(%s).", std::strerror(errno));

@@ -168,9 +168,9 @@ int __wrap_poll(pollfd *states, nfds_t count, int limit)
     return wait_at_most(limit, "poll", [&] { return poll(states, count, 0); });
 }
 
-unsigned __wrap_sleep(unsigned seconds)
+int __wrap_nanosleep(const timespec *time, timespec * /*left*/)
 {
-    waits.push_back("slept " + std::to_string(seconds) + " s");
+    waits.push_back("slept " + std::to_string(time->tv_sec) + " s");
     return 0;
 }
 

@@ -27,6 +27,12 @@ TEST_F(Envelope, BuildsAndOwnsWhatItWasGiven)
     EXPECT_EQ(plugin_build_reply_message(nullptr, 1), nullptr);
     EXPECT_EQ(take_errors(),
               "Build rpc <method = pull> message failed.\nBuild reply message failed.");
+    xmlDoc *doc = xmlReadDoc(BAD_CAST "<own><result>1</result></own>", nullptr, nullptr, 0);
+    xmlNode *shared = xmlDocGetRootElement(doc)->children; // its name is the dictionary's
+    xmlUnlinkNode(shared);
+    EXPECT_EQ(print(node_ptr(plugin_build_reply_message(shared, 2)).get()),
+              "<reply><result>1</result><id>2</id></reply>");
+    xmlFreeDoc(doc);
     // Without memory, what was given is wiped before it is freed.
     xmlMemSetup(
         std::free,

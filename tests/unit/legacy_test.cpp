@@ -155,6 +155,25 @@ TEST_F(LegacyTest, ReadsAndWritesConfiguration)
     EXPECT_EQ(conf_run(handle, 1), -1);
 }
 
+TEST_F(LegacyTest, ReadsNodesWhoseStringsBelongToADocumentOfTheDaemon)
+{
+    static xmlDoc *doc;
+    doc = xmlReadDoc(BAD_CAST "<own><shared>1</shared></own>", nullptr, nullptr, 0);
+    confd_plugin_callback_t hooks{};
+    hooks.conf_plugin_pull = [](bool_t, const char *, xmlNode **list) {
+        *list = xmlDocGetRootElement(doc)->children;
+        xmlUnlinkNode(*list);
+        return 0;
+    };
+    get_plugin_from_hash()->confd_hooks = &hooks;
+    conf_val_t got{};
+    EXPECT_EQ(conf_plg_get_value(nullptr, settings, &got), 0);
+    EXPECT_EQ(print(got.data), "<data><shared>1</shared></data>");
+    xmlFreeNode(got.data);
+    xmlFreeDoc(doc);
+    get_plugin_from_hash()->confd_hooks = nullptr;
+}
+
 TEST_F(LegacyTest, ServesUntilTheDaemonHangsUp)
 {
     begin();

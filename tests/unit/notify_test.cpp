@@ -1,15 +1,18 @@
-// Notifications: what reaches the daemon's socket. This program stands in for sleep(), which spoils
-// errno instead.
+// Notifications: what reaches the daemon's socket. This program stands in for nanosleep(), which is
+// interrupted once and spoils errno instead.
 #include "conf_plugin/plugin_internal.h"
 #include "conf_plugin/xml.h"
 #include "test_support.h"
 
 #include <sys/socket.h>
 
-extern "C" unsigned sleep(unsigned)
+extern "C" int nanosleep(const timespec *time, timespec *left)
 {
-    errno = ENOENT;
-    return 0;
+    const bool is_rest = time->tv_nsec == 7;
+    EXPECT_EQ(time->tv_sec, is_rest ? 3 : 5);
+    *left = {3, 7};
+    errno = is_rest ? ENOENT : EINTR;
+    return is_rest ? 0 : -1;
 }
 
 namespace {

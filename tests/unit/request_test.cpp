@@ -89,6 +89,7 @@ TEST_F(RequestTest, OverTheWire)
     check(rows[0], "<result><x/><data><a/></data><data><b/></data></result>", "0 <a/>");
     check(rows[0], "<result><x/></result>", "0 ");
     check(rows[0], "", "-1 ");
+    check(rows[2], "<result><prev>/x[k=\"v\"]<z/>more</prev></result>", "0 <prev>/x[k=v]</prev>");
     EXPECT_EQ(check(rows[4], "<result/>", "0 "), "Build push packet, path:/p&q, name:demo\n"
                                                  "Begin to send push packet, name:demo\n"
                                                  "End to send push packet, name:demo\n");

@@ -8,6 +8,7 @@
 
 #include <cJSON.h>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -40,8 +41,13 @@ public:
     profile_text(const profile_text &) = delete;
     profile_text &operator=(const profile_text &) = delete;
 
-    [[nodiscard]] bool load(int fd, std::size_t length)
+    [[nodiscard]] bool load(int fd, off_t size)
     {
+        errno = ENOMEM; // for a size that cannot even be asked for
+        if (size >= SSIZE_MAX) {
+            return false;
+        }
+        const auto length = static_cast<std::size_t>(size);
         size_ = length + 1;
         void *memory =
             mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -101,13 +107,12 @@ int conf_load_config(char **workding_dir)
         return -1;
     }
     struct stat status {};
-    if (fstat(file.get(), &status) != 0 || status.st_size == 0 ||
-        status.st_size > wire::max_profile) {
+    if (fstat(file.get(), &status) != 0 || status.st_size == 0) {
         LOG_FILE_ERROR("Confd's default-confd-profile is invalid.");
         return -1;
     }
     profile_text text;
-    if (!text.load(file.get(), static_cast<std::size_t>(status.st_size))) {
+    if (!text.load(file.get(), status.st_size)) {
         LOG_FILE_ERROR("Mapping default-confd-profile to memory failed(%s).", std::strerror(errno));
         return -1;
     }

@@ -20,10 +20,15 @@ const char *child_text(const xmlNode *parent, const char *name)
     return conf_get_node_content(child);
 }
 
-// Hangs `child` below `parent`, which owns it from then on.
+// Hangs `child` below `parent`, which owns it from then on, and belongs to the document of the
+// child: the child's strings may stand in the document's dictionary.
 bool attach(xmlNode *parent, wiped_node &child)
 {
-    if (!child || xmlAddChild(parent, child.get()) == nullptr) {
+    if (!child) {
+        return false;
+    }
+    xmlSetTreeDoc(parent, child->doc);
+    if (xmlAddChild(parent, child.get()) == nullptr) {
         return false;
     }
     (void)child.release();

@@ -42,6 +42,7 @@ int pull_value(int old_flag, const char *path, conf_val_t *val)
         LOG_FILE_ERROR("Create <data> node failed.");
         return -1;
     }
+    data->doc = list->doc; // of a hook's list, whose strings may stand in its dictionary
     if (!add_children(data.get(), list.get())) {
         LOG_FILE_ERROR("Add <data> children node failed.");
         return -1;

@@ -7,14 +7,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <span>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
-constexpr int retries = 4;             // after the first attempt
-constexpr unsigned retry_interval = 5; // seconds
+constexpr int retries = 4; // after the first attempt
+constexpr timespec retry_interval = {5, 0};
 
 support::unique_fd open_notifier()
 {
@@ -37,6 +37,14 @@ std::span<const char> payload_of(const char *text)
 bool is_whole(ssize_t sent, std::span<const char> payload)
 {
     return sent >= 0 && static_cast<std::size_t>(sent) == payload.size();
+}
+
+// As long as it takes, also in a process with a timer that interrupts it.
+void rest()
+{
+    timespec left = retry_interval;
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
 }
 
 } // namespace
@@ -120,7 +128,7 @@ int conf_notify_nonblock(char *name, char *data)
             break;
         }
         --tryTime;
-        (void)sleep(retry_interval);
+        rest();
     }
     LOG_SYSTEM_INFO("Sent notification to confd with non block mode, length is %d tryTime=%d",
                     static_cast<int>(sent), tryTime);

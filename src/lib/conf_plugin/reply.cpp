@@ -60,7 +60,7 @@ bool take_over(const request &request, xmlNode *parent, callback_nodes &output)
     const bool is_wrapped = request.plugin->plugin_ctxt->version == 1;
     if (is_wrapped || output.are_shared()) {
         xmlNode *source = is_wrapped ? output.first->children : output.first;
-        node_list copy(copy_list(source));
+        wiped_list copy(copy_list(source));
         if (source != nullptr && !copy) {
             record_failure(request, "Copy <data> xml node failed.");
             return false;
@@ -103,7 +103,7 @@ wiped_node build_output(const request &request, callback_nodes &output)
 bool add_status(xmlNode *data, callback_nodes &status)
 {
     if (status.are_shared()) {
-        node_list copy(status.are_attached() ? copy_node(status.first) : copy_list(status.first));
+        wiped_list copy(status.are_attached() ? copy_node(status.first) : copy_list(status.first));
         if (!copy || !add_children(data, copy.get())) {
             return false;
         }

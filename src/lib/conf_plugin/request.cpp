@@ -6,6 +6,8 @@
 #include "support/log.h"
 #include "xml.h"
 
+#include <utility>
+
 namespace {
 
 bool is_ready(const conf_plugin_data *plugin)
@@ -162,7 +164,7 @@ xmlNode *build_data_params(const char *path, const char *oper_type, xmlNode *dat
         return nullptr;
     }
     xmlNode *holder = add_element(params.get(), "data");
-    node_list copy(holder == nullptr ? nullptr : copy_list(data));
+    wiped_list copy(holder == nullptr ? nullptr : copy_list(data));
     if (!copy || !add_children(holder, copy.get())) {
         return nullptr;
     }
@@ -252,6 +254,16 @@ int copy_deployment_remote(conf_plugin_data *plugin, int override_flag)
     return send_simple(plugin, rpc.get(), "Plugin %s copy deployment to memory data failed.");
 }
 
+// Leaves an element that begins with a text nothing but that text, without quotes.
+void keep_unquoted_text(xmlNode *node)
+{
+    if (const char *text = conf_get_node_content(node)) {
+        (void)datastore_path_rm_quotes(const_cast<char *>(text));
+        wipe_and_free_list(std::exchange(node->children->next, nullptr));
+        node->last = node->children;
+    }
+}
+
 } // namespace
 
 int econf_plugin_pull(int old_flag, const char *path, xmlNode **result)
@@ -265,7 +277,7 @@ int econf_plugin_locate(int old_flag, const char *path, xmlNode **position)
     const bool is_remote = result == 0 && get_plugin_hooks() == nullptr;
     for (xmlNode *node = is_remote ? *position : nullptr; node != nullptr; node = node->next) {
         if (is_element(node, "prev") || is_element(node, "next")) {
-            (void)datastore_path_rm_quotes(const_cast<char *>(conf_get_node_content(node)));
+            keep_unquoted_text(node);
         }
     }
     return result;

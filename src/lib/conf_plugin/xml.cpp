@@ -181,7 +181,7 @@ bool add_children(xmlNode *parent, xmlNode *list)
     if (xmlAddChildList(parent, list) == nullptr) {
         return false;
     }
-    if (watch.out_of_memory()) { // strings of another document could not be taken along
+    if (watch.out_of_memory()) { // newer versions of libxml2 copy strings of a dictionary
         (void)detach_children(parent);
         return false;
     }
