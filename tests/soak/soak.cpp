@@ -182,7 +182,8 @@ int be_daemon()
                 is_refused(i) ? error("6", text_of(i)) : filled(planned.answered, i);
             EXPECT_EQ(sockets->connection().receive(), reply(right, id));
             ++told->answers;
-            // No exchange is under way that would fail, and the plugin comes back for another change.
+            // No exchange is under way that would fail, and the plugin comes back for another
+            // change.
             if (i % 4 == 3 && i + 1 < changes && below(50) == 0) {
                 deliver(config("/part"), true, reply("<result/>", id));
             }
