@@ -27,6 +27,7 @@ namespace {
 constexpr u32_t failure_events = EPOLLERR | EPOLLHUP | EPOLLRDHUP;
 constexpr u32_t request_events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 constexpr u32_t reply_events = EPOLLOUT | EPOLLRDHUP | EPOLLET;
+constexpr u32_t silence = EPOLLONESHOT; // a bit that no event carries
 
 // The generation of the context whose event loop is running; 0 for none.
 unsigned g_loop_generation = 0;
@@ -35,8 +36,6 @@ take amount_to_take()
 {
     return g_loop_generation == context_generation() ? take::everything : take::one_message;
 }
-
-constexpr u32_t silence = EPOLLONESHOT; // a bit that no event carries
 
 // Waits for one event, with the whole limit again after an interruption. Returns its bits; 0 means
 // that the exchange has failed, with the cause logged.
@@ -72,8 +71,9 @@ u32_t wait_for_room(const support::unique_fd &epoll, int limit)
     });
 }
 
-// Waits for the reply alone, or returns `silence`. The bits of poll() are those of epoll. Room is
-// asked for only where the events are reported: it is there most of the time.
+// Waits a short time for the reply alone; returns `silence` when nothing comes. The bits of poll()
+// are those of epoll. Room is asked for only where the events are reported: it is there most of the
+// time.
 u32_t wait_for_bytes(int sock)
 {
     return wait_for_event([&](u32_t &events) {
@@ -91,6 +91,20 @@ u32_t wait_for_bytes(int sock)
         }
         return count;
     });
+}
+
+// Waits for what a request waits for: without an epoll instance that is the reply alone, until that
+// takes long.
+u32_t wait_for_request(int sock, support::unique_fd &epoll)
+{
+    if (!epoll) {
+        const u32_t events = wait_for_bytes(sock);
+        if (events != silence) {
+            return events;
+        }
+        epoll.reset(watch_socket(sock, request_events).release());
+    }
+    return epoll ? wait_for_room(epoll, wire::request_wait) : 0;
 }
 
 void note_sent(u32_t msg_id, int result)
@@ -152,12 +166,7 @@ int converse(conf_plugin_data *plugin, support::unique_fd epoll, u32_t msg_id, x
 {
     const conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
     while (*reply == nullptr) {
-        u32_t events =
-            epoll ? wait_for_room(epoll, wire::request_wait) : wait_for_bytes(ctxt->sock);
-        if (events == silence) {
-            epoll.reset(watch_socket(ctxt->sock, request_events).release());
-            events = epoll ? wait_for_room(epoll, wire::request_wait) : 0;
-        }
+        const u32_t events = wait_for_request(ctxt->sock, epoll);
         if (events == 0) {
             return -1;
         }
