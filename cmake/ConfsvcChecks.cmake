@@ -7,7 +7,7 @@ endfunction()
 
 cmake_host_system_information(RESULT cores QUERY NUMBER_OF_LOGICAL_CORES)
 
-confsvc_check(tidy ${PROJECT_SOURCE_DIR}/scripts/check-tidy.sh ${PROJECT_BINARY_DIR} ${cores})
+confsvc_check(tidy ${PROJECT_SOURCE_DIR}/scripts/check-tidy.sh ${PROJECT_BINARY_DIR})
 set_tests_properties(lint.tidy PROPERTIES PROCESSORS ${cores})
 confsvc_check(format ${PROJECT_SOURCE_DIR}/scripts/check-format.sh)
 confsvc_check(house_rules ${PROJECT_SOURCE_DIR}/scripts/house-rules.sh)

@@ -25,12 +25,12 @@
  * Threads: a process has one plugin. Registration, activation, the loop and the requests share its
  * socket and buffers without locks and are called from one thread; callbacks run on that thread,
  * one at a time, in the order in which the requests arrived. Notifications are the exception: they
- * may be sent from any thread.
+ * may be sent from any thread, except while econf_plugin_init() runs, which reads their address.
  *
  * A child made by fork() has no plugin of its own until it registers one.
  *
- * All failures are reported in the debug file (conf_debug.h), except those of
- * conf_notify_nonblock(), which go to the system log.
+ * Failures are reported in the debug file, once econf_plugin_config_debug() has turned it on, or in
+ * the system log: those of conf_notify_nonblock() and of what lies beneath (conf_debug.h).
  */
 #ifndef CONF_API_H
 #define CONF_API_H
@@ -179,11 +179,11 @@ void econf_plugin_run(void);
 
 /*
  * Requests to the daemon. They are made while the plugin is active, also from its callbacks, and
- * block until the daemon has answered: at most 300 seconds without any sign of it. Other messages
- * that arrive in the meantime are dropped, requests of the daemon too; so the callbacks, during
- * which the daemon waits, are the best place for them. In the process of the daemon itself, once it
- * has injected its hooks, each call goes to the matching hook instead, with the same arguments and
- * results.
+ * block until the daemon has answered: about 300 seconds without any sign of it end them. Other
+ * messages that arrive in the meantime are dropped, requests of the daemon too; so the callbacks,
+ * during which the daemon waits, are the best place for them. In the process of the daemon itself,
+ * once it has injected its hooks, each call goes to the matching hook instead, with the same
+ * arguments and results.
  *
  * Each returns 0, or -1 when an argument is null, when there is no active plugin, when the hook is
  * missing, when the exchange fails and, where the daemon can refuse, when it does.
@@ -230,7 +230,8 @@ int econf_plugin_copy_running_to_deployment(int override_flag);
 /*
  * Records the error that the answer to the request being handled carries: `err_code` and a copy of
  * `err_msg`, or the text "Service process failed." when it is null. A later call replaces an
- * earlier one, and a callback that returns 0 discards it. Code 0 answers with success.
+ * earlier one, and a callback that returns 0 discards it. Code 0 answers with success. Needs an
+ * active plugin, also inside a callback.
  */
 void econf_plugin_error(int err_code, const char *err_msg);
 

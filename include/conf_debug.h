@@ -51,8 +51,8 @@ int econf_plugin_config_debug(int level, int enable);
 
 /*
  * Checks that the log file `filename` can be opened for appending, creating it when missing, and
- * prepares the output mutex. `filename` may be null: then only the mutex is prepared. `level` is
- * not used, and the debug file of the library stays where and as it is.
+ * prepares an output mutex, which nothing locks. `filename` may be null: then only the mutex is
+ * prepared. `level` is not used, and the debug file of the library stays where and as it is.
  * Returns 0 or -1.
  */
 int conf_dbg_enable(int level, char *filename);

@@ -209,8 +209,11 @@ void conf_agent_exit(int sock);
  * subscription is always "subscribeNotification_1". Return 0, or -1 with the buffer as it was.
  *
  *     conf_buffer_t *requests = conf_buffer_create(0);
- *     if (requests != NULL && conf_agent_build_session(&requests, 1) == 0)
- *         send(sock, conf_buffer_data(requests), conf_buffer_length(requests), MSG_NOSIGNAL);
+ *     if (requests != NULL && conf_agent_build_session(&requests, 1) == 0) {
+ *         const size_t length = (size_t)conf_buffer_length(requests);
+ *         sent = send(sock, conf_buffer_data(requests), length, MSG_NOSIGNAL);
+ *     }
+ *     conf_buffer_destroy(requests);
  */
 int conf_agent_build_session(conf_buffer_t **buffer, int msg_seq);
 int conf_agent_build_capability(conf_buffer_t **buffer, int msg_seq);

@@ -2,11 +2,11 @@
 # Runs clang-tidy over the sources of the library, the tools, the examples and the test support that
 # BUILD_DIR has compile commands for. A source that passed is not looked at again until it, a
 # header, the checks or its compile command changes.
-# usage: check-tidy.sh BUILD_DIR [JOBS]
+# usage: check-tidy.sh BUILD_DIR
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build_dir=$1
-jobs=${2:-$(nproc)}
+jobs=${CONFSVC_JOBS:-$(nproc)}
 
 passed_dir="$build_dir/tidy"
 mkdir -p "$passed_dir"

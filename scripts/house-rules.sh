@@ -48,14 +48,6 @@ mapfile -t public < <($list 'include/*.h')
 
 check_all()
 {
-    # The project stands for itself: nothing points to papers that its readers do not have. The
-    # notes for its developers may.
-    mapfile -t readable < <(printf '%s\n' "${all[@]}" | grep -vx 'DEVELOPERS\.md')
-    search -iE '[s]pecification|\b[t]he spec\b|[s]pec\.md|[d]esign\.md|\.\./[s]hared|\.[l]ibrary\b' \
-        "${readable[@]}" | report "words that point outside the project"
-    search -E '\b[P]arts? [0-9]+\.[0-9]|\b[Ii]ssues? #?[0-9]' "${readable[@]}" |
-        report "references to outside papers"
-
     search -wE '[T]ODO|[F]IXME|[X]XX|[H]ACK' "${all[@]}" | report "unfinished work"
     search -P '\t|[ \t\r]+$' "${all[@]}" | report "tabs and blanks at the end of a line"
 

@@ -59,7 +59,10 @@ static int set(const char *name, const struct settings *settings)
     return link_set(name, settings->mtu, settings->description, settings->enabled);
 }
 
-/* Brings the kernel's interface to the wanted settings, or leaves it as it was. */
+/*
+ * Brings the kernel's interface to the wanted settings, or back to those that were configured; what
+ * it was before any, nobody knows.
+ */
 static int carry_out(const struct interface *interface, const struct settings *wanted)
 {
     if (only_record) {

@@ -38,10 +38,16 @@ static bool leaving; /* the loop ends */
 /* Registers and activates. Returns the socket to watch, or -1 when the daemon is not there. */
 static int join_daemon(void)
 {
+    static bool missing; /* has been said */
     const int sock = econf_plugin_init("interfaces", interfaces_callbacks());
     if (sock < 0) {
+        if (!missing) {
+            syslog(LOG_WARNING, "the daemon is not there; trying again");
+        }
+        missing = true;
         return -1;
     }
+    missing = false;
     /*
      * The configuration that is in force already now arrives like changes. What left it while the
      * daemon was away is not told, and stays as it is.

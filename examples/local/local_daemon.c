@@ -3,7 +3,7 @@
  *
  *     local-daemon MODULE CONFIGURATION.xml
  *
- * Loads the interfaces plugin from MODULE (interfaces-module.so: the sources of ../interfaces but
+ * Loads the interfaces plugin from MODULE (./interfaces-module.so: the sources of ../interfaces but
  * for the main program), injects hooks in the place of the socket, and then plays a commit of the
  * whole configuration, a status request and an operation on it. The callbacks are called directly,
  * and what they ask of the daemon, econf_plugin_pull() for instance, reaches the hooks below: not a

@@ -34,7 +34,6 @@ grep -q 'run --script' commands
 sh -eux commands
 
 install_tree "$build_dir"
-command=$(grep -o 'cc hello\.c [^`]*' "$source_dir/README.md")
-sh -eux -c "${command/hello.c -o hello/hello.c -o installed}"
-[[ -x installed ]]
-usr/bin/confsim --help | grep -q -- --script
+block sh 3 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
+echo 'usr/bin/confsim run --script session -- ./installed' >>commands
+sh -eux commands
