@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -31,6 +32,7 @@ TEST_F(Endpoint, IsWhereTheProfileSaysOrWhereItWas)
         {R"({"working-dir": x"/x"})", "", R"(Json parse error(x"/x"}).)"},
         {"", "", invalid},
         {"FIFO", "", invalid},
+        {"HUGE", "", "Mapping default-confd-profile to memory failed(Cannot allocate memory)."},
     };
     std::string present = "/var/tmp";
     char *given = nullptr;
@@ -40,6 +42,9 @@ TEST_F(Endpoint, IsWhereTheProfileSaysOrWhereItWas)
         std::filesystem::remove_all(profile);
         text == "FIFO" ? (void)mkfifo(profile.c_str(), 0600)
                        : (void)(std::ofstream(profile) << text);
+        if (text == "HUGE") {
+            EXPECT_EQ(truncate(profile.c_str(), std::numeric_limits<off_t>::max()), 0);
+        }
         present = named.empty() ? present : named;
         EXPECT_EQ(conf_load_config(&given), complaint.empty() ? 0 : -1);
         EXPECT_EQ(take_errors(), complaint);

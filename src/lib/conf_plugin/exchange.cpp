@@ -37,19 +37,10 @@ take amount_to_take()
     return g_loop_generation == context_generation() ? take::everything : take::one_message;
 }
 
-// Waits for one event, with the whole limit again after an interruption. Returns its bits; 0 means
-// that the exchange has failed, with the cause logged.
-template <typename wait>
-u32_t wait_for_event(wait wait_once)
+// The bits of the event that a wait has ended with; 0 means that the exchange has failed, with the
+// cause logged.
+u32_t judged(int count, u32_t events)
 {
-    u32_t events = 0;
-    int count;
-    do {
-        count = wait_once(events);
-    } while (count < 0 && errno == EINTR);
-    if (events == silence) {
-        return silence;
-    }
     if (count <= 0) {
         LOG_FILE_ERROR("Epoll wait failed(%s).", count == 0 ? "timeout" : std::strerror(errno));
         return 0;
@@ -61,14 +52,15 @@ u32_t wait_for_event(wait wait_once)
     return events;
 }
 
+// Waits for one event, with the whole limit again after an interruption.
 u32_t wait_for_room(const support::unique_fd &epoll, int limit)
 {
-    return wait_for_event([&](u32_t &events) {
-        epoll_event event{};
-        const int count = epoll_wait(epoll.get(), &event, 1, limit);
-        events = event.events;
-        return count;
-    });
+    epoll_event event{};
+    int count;
+    do {
+        count = epoll_wait(epoll.get(), &event, 1, limit);
+    } while (count < 0 && errno == EINTR);
+    return judged(count, event.events);
 }
 
 // Waits a short time for the reply alone; returns `silence` when nothing comes. The bits of poll()
@@ -76,21 +68,25 @@ u32_t wait_for_room(const support::unique_fd &epoll, int limit)
 // time.
 u32_t wait_for_bytes(int sock)
 {
-    return wait_for_event([&](u32_t &events) {
-        pollfd state = {sock, EPOLLIN | EPOLLRDHUP, 0};
-        const int count = poll(&state, 1, wire::quick_wait);
-        if ((state.revents & POLLNVAL) != 0) { // closed by somebody else, which ends no wait
-            errno = EBADF;
-            return -1;
-        }
-        events = count == 0 ? silence : static_cast<u32_t>(state.revents);
-        if ((events & failure_events) != 0) {
-            state.events |= EPOLLOUT;
-            (void)poll(&state, 1, 0);
-            events |= static_cast<u32_t>(state.revents);
-        }
-        return count;
-    });
+    pollfd state = {sock, EPOLLIN | EPOLLRDHUP, 0};
+    int count;
+    do {
+        count = poll(&state, 1, wire::quick_wait);
+    } while (count < 0 && errno == EINTR);
+    if (count == 0) {
+        return silence;
+    }
+    if ((state.revents & POLLNVAL) != 0) { // closed by somebody else, which ends no wait
+        errno = EBADF;
+        return judged(-1, 0);
+    }
+    auto events = static_cast<u32_t>(state.revents);
+    if ((events & failure_events) != 0) {
+        state.events |= EPOLLOUT;
+        (void)poll(&state, 1, 0);
+        events |= static_cast<u32_t>(state.revents);
+    }
+    return judged(count, events);
 }
 
 // Waits for what a request waits for: without an epoll instance that is the reply alone, until that
