@@ -113,6 +113,8 @@ void _conf_write_log(int level, const char *format, ...)
 void safety_syslog(int priority, const char *format, ...)
 {
     const support::errno_keeper keep;
+    // The patterns are compiled, deep in the stack, before there is a text to leave traces of.
+    REG_RemarkKeyInfo(nullptr, 0);
     const support::heap_text text(static_cast<char *>(std::malloc(system_text_room)));
     if (format == nullptr || !text) {
         return;

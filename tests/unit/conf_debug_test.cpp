@@ -60,7 +60,7 @@ TEST_F(Logs, LinesOfTheDebugFile)
     std::tm stamp{};
     ASSERT_EQ(strptime(line.c_str(), "%Y-%m-%d %H:%M:%S", &stamp), &line[19]);
     stamp.tm_isdst = -1;
-    EXPECT_NEAR(static_cast<double>(std::mktime(&stamp)), static_cast<double>(before), 2);
+    EXPECT_TRUE(before <= std::mktime(&stamp) && std::mktime(&stamp) <= std::time(nullptr));
 }
 
 TEST_F(Logs, DebugFileIsLimitedAndNotForEverybodyAndNotLedAstray)

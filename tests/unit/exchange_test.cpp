@@ -150,11 +150,16 @@ TEST_F(ExchangeTest, DescriptorClosedByTheProcessEndsTheWait)
 {
     static int sock;
     sock = context->sock;
-    std::signal(SIGALRM, [](int) { close(sock); });
-    (void)ualarm(100'000, 0); // while nobody answers
+    std::signal(SIGUSR1, [](int) { close(sock); });
+    daemon.play([plugin = pthread_self()](Peer &p) {
+        p.receive();
+        pthread_kill(plugin, SIGUSR1); // while nobody answers
+    });
     EXPECT_EQ(exchange(), "");
+    daemon.finish();
     EXPECT_EQ(take_errors(), "Epoll wait failed(Bad file descriptor).");
     context->sock = -1;
+    std::signal(SIGUSR1, SIG_DFL);
 }
 
 } // namespace

@@ -63,44 +63,12 @@ TEST_F(Frame, WritesAtMostTheFirstMessageInAsManyPartsAsTheSocketTakes)
     EXPECT_EQ(context->rpc_id, 2);
 }
 
-TEST_F(Frame, FindsTheMessagesOfAnyStreamHoweverItIsCut)
+// What else it finds in a stream, the fuzz target "stream" compares with a model.
+TEST_F(Frame, ReadsNoFurtherThanItShould)
 {
-    const std::string magic = "\xff\xba\xdc\xfe", zeros(12, '\0');
-    const std::string one = framed("<one/>"), two = framed("<two>" + magic + "\x01\xff</two>", 7);
-    const std::string nested = framed(one), empty = head(0), large = framed(std::string(3000, 'y'));
-    const std::string lies = head(0xffffffffU, 7) + head((64U << 20) + 1, 7); // too long
-    const std::pair<std::string, strings> cases[] = {
-        {one + two + nested + empty + large, {one, two, nested, empty, large}},
-        {"ab" + one + "\xff\xba\xdc" + two + magic + magic + empty, {one, two, empty}},
-        {"0123456789abcdef\xff" + nested + std::string(40, '\xff') + large, {nested, large}},
-        {lies + one + lies + "abc" + two + magic.substr(0, 3), {one, two}},
-        {one + head(64U << 20, 7) + two, {one}}, // may be true: what follows belongs to it
-        {zeros, {zeros}},                        // twelve bytes are not searched for a magic
-    };
-    for (const auto &[stream, messages] : cases) {
-        for (const std::size_t step : {std::size_t{1}, stream.size()}) {
-            for (const take amount : {take::everything, take::one_message}) {
-                SCOPED_TRACE(stream.substr(0, 20) + ' ' + std::to_string(step));
-                strings found;
-                for (std::size_t at = 0; at < stream.size(); at += step) {
-                    peer->send(stream.substr(at, step));
-                    while (reads(amount) && found.size() < messages.size()) {
-                        const std::string bytes = contents(context->recv_buf);
-                        const std::size_t size = messages[found.size()].size();
-                        EXPECT_TRUE(amount == take::everything || bytes.size() == size);
-                        found.push_back(bytes.substr(0, size));
-                        conf_buffer_remove(context->recv_buf, 0, static_cast<int>(size));
-                    }
-                }
-                EXPECT_EQ(found, messages);
-                EXPECT_FALSE(reads(amount));
-                drop_received(get_plugin_from_hash());
-                EXPECT_TRUE(idles(context->recv_buf));
-            }
-        }
-    }
+    const std::string one = framed("<one/>"), large = framed(std::string(3000, 'y'));
     // Twelve bytes that pass for a whole message are none where more follows.
-    peer->send("junk" + zeros.substr(0, 4) + one);
+    peer->send("junk" + std::string(4, '\0') + one);
     EXPECT_TRUE(reads(take::one_message));
     EXPECT_EQ(contents(context->recv_buf), one);
     drop_received(get_plugin_from_hash());

@@ -6,10 +6,13 @@
 
 #include <sys/socket.h>
 
+static int interruptions = 0, rests = 0;
+
 extern "C" int nanosleep(const timespec *time, timespec *left)
 {
     const bool is_rest = time->tv_nsec == 7;
     EXPECT_EQ(time->tv_sec, is_rest ? 3 : 5);
+    ++(is_rest ? rests : interruptions);
     *left = {3, 7};
     errno = is_rest ? ENOENT : EINTR;
     return is_rest ? 0 : -1;
@@ -49,6 +52,7 @@ TEST_F(Notify, SendsOneDatagramWithoutAnythingAdded)
         EXPECT_TRUE(log.empty() || log == strings{sent + "4 tryTime=4"}) << log[0];
         ASSERT_EQ(conf_notify_nonblock(event, text), 0);
     }
+    EXPECT_TRUE(interruptions > 0 && rests == interruptions) << interruptions << ' ' << rests;
     unlink(g_conf_notifier_socket);
 }
 

@@ -114,6 +114,14 @@ constexpr auto tell = [](xmlNode *node) { return econf_notify(std::string("demo"
 constexpr auto pull = read_and_wipe<econf_plugin_pull>;
 constexpr auto locate = read_and_wipe<econf_plugin_locate>;
 
+void keep_in_table()
+{
+    static conf_hash_tbl_t *const table = conf_hash_create(1);
+    char key[] = "key";
+    (void)conf_hash_add(table, key, held.data(), token_size);
+    conf_hash_del(table, key);
+}
+
 constexpr auto log_to_file = [] { _conf_write_log(DBG_ERROR, "%s", held.data()); };
 constexpr auto log_to_system = [] {
     safety_syslog(LOG_INFO, "%40000s<key>%s</key>%c%s", "", held.data(), 0, held.data());
@@ -142,6 +150,7 @@ const struct road {
     {"notification", true, hand_over<tell>, ""},
     {"dropped message", false, pull, "<result/>", {foreign}},
     {"malformed message and junk", false, handle_one, "", {"<rpc>%", "!$$", kick_off}},
+    {"table", true, keep_in_table, ""},
     {"debug file", true, log_to_file, ""},
     {"system log", true, log_to_system, ""},
 };
