@@ -25,7 +25,11 @@
  * Threads: a process has one plugin. Registration, activation, the loop and the requests share its
  * socket and buffers without locks and are called from one thread; callbacks run on that thread,
  * one at a time, in the order in which the requests arrived. Notifications are the exception: they
- * may be sent from any thread, except while econf_plugin_init() runs, which reads their address.
+ * may be sent from any thread, except while econf_plugin_init() runs, which reads their address; a
+ * process that never registers calls xmlInitParser() before its threads send.
+ *
+ * Callbacks return: they throw nothing and do not leave by longjmp(). Every call that meets XML
+ * clears libxml2's last error (xmlGetLastError()) and leaves its error handlers as they are.
  *
  * A child made by fork() has no plugin of its own until it registers one.
  *
@@ -179,11 +183,11 @@ void econf_plugin_run(void);
 
 /*
  * Requests to the daemon. They are made while the plugin is active, also from its callbacks, and
- * block until the daemon has answered: about 300 seconds without any sign of it end them. Other
- * messages that arrive in the meantime are dropped, requests of the daemon too; so the callbacks,
- * during which the daemon waits, are the best place for them. In the process of the daemon itself,
- * once it has injected its hooks, each call goes to the matching hook instead, with the same
- * arguments and results.
+ * block until the daemon has answered: about 300 seconds without any sign of it, and without a
+ * signal that interrupts the wait, end them. Other messages that arrive in the meantime are
+ * dropped, requests of the daemon too; so the callbacks, during which the daemon waits, are the
+ * best place for them. In the process of the daemon itself, once it has injected its hooks, each
+ * call goes to the matching hook instead, with the same arguments and results.
  *
  * Each returns 0, or -1 when an argument is null, when there is no active plugin, when the hook is
  * missing, when the exchange fails and, where the daemon can refuse, when it does.

@@ -68,6 +68,9 @@ void conf_dbg_disable(void);
  *     safety_syslog(LOG_USER | LOG_INFO, "user %s: <password>%s</password>", name, password);
  *
  * reaches the log as "user admin: <password>******</password>".
+ *
+ * The first message of a process needs 32 KiB of stack, since it compiles the patterns; call
+ * REG_RemarkKeyInfo(NULL, 0) before where threads have less. All others do with 16.
  */
 void safety_syslog(int priority, const char *format, ...)
 #if defined(__GNUC__)

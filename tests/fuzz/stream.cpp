@@ -28,12 +28,13 @@ struct model {
         }
     }
     bool is_whole() const { return bytes.size() >= 12 && bytes.size() - 12 >= field(4); }
+    bool is_found() const { return is_whole() && !is_damaged(); }
     // Takes over what has arrived until a message is whole: in the pieces in which the reader does,
     // or all at once, when the reader has to find the same without reading too far.
     void read_from(std::string_view &arrived, take amount)
     {
         const std::size_t most = amount == take::everything ? 1024 : arrived.size();
-        for (resynchronise(); !is_whole() && !arrived.empty(); resynchronise()) {
+        for (resynchronise(); !is_found() && !arrived.empty(); resynchronise()) {
             bytes += arrived.substr(0, most);
             arrived.remove_prefix(std::min(most, arrived.size()));
         }

@@ -32,7 +32,7 @@ TEST_F(Endpoint, IsWhereTheProfileSaysOrWhereItWas)
         {R"({"working-dir": x"/x"})", "", R"(Json parse error(x"/x"}).)"},
         {"", "", invalid},
         {"FIFO", "", invalid},
-        {"HUGE", "", "Mapping default-confd-profile to memory failed(Cannot allocate memory)."},
+        {"HUGE", "", "Mapping default-confd-profile to memory failed(File too large)."},
     };
     std::string present = "/var/tmp";
     char *given = nullptr;

@@ -68,10 +68,15 @@ TEST_F(Frame, ReadsNoFurtherThanItShould)
 {
     const std::string one = framed("<one/>"), large = framed(std::string(3000, 'y'));
     // Twelve bytes that pass for a whole message are none where more follows.
-    peer->send("junk" + std::string(4, '\0') + one);
-    EXPECT_TRUE(reads(take::one_message));
-    EXPECT_EQ(contents(context->recv_buf), one);
-    drop_received(get_plugin_from_hash());
+    for (const take amount : {take::one_message, take::everything}) {
+        peer->send(std::string(1020, '\0') + one);
+        EXPECT_TRUE(reads(amount));
+        EXPECT_EQ(contents(context->recv_buf), one);
+        drop_received(get_plugin_from_hash());
+        peer->send(std::string(12, '\0'));
+        EXPECT_TRUE(reads(amount));
+        drop_received(get_plugin_from_hash());
+    }
     clear_debug_file();
     peer->send(large + large);
     EXPECT_TRUE(reads());

@@ -93,6 +93,31 @@ TEST_F(Xml, WipesWithoutRecursion)
     xmlFreeDoc(doc);
 }
 
+TEST_F(Xml, NoBodyTakesMuchLongerThanItsSize)
+{
+    const auto attributes = [](int count) {
+        std::string text;
+        for (int i = 0; i < count; ++i) {
+            text += " a" + std::to_string(i) + "='>'";
+        }
+        return text;
+    };
+    const std::string defaults = "<!DOCTYPE a [<!ATTLIST a b CDATA 'x'>]>";
+    const std::string quotes = repeat("<a>", 2) + repeat("'\"", 5000) + "</a></a>";
+    const std::pair<std::string, bool> rows[] = {
+        {"<a" + attributes(2000) + "/>", true},
+        {"<a" + attributes(2001) + "/>", false},
+        {"<a><b/>" + repeat("x", 20000) + "<b" + attributes(2001) + "></b></a>", false},
+        {quotes, true},
+        {"<a><![CDATA[" + repeat("''", 5000) + "]]></a>", true},
+        {"<a " + repeat("'", 12000), false},
+        {defaults + "<a/>", false},
+    };
+    for (const auto &[body, is_parsed] : rows) {
+        EXPECT_EQ(node_ptr(parsed(body).root) != nullptr, is_parsed) << body.substr(0, 60);
+    }
+}
+
 int grown; // buffers of libxml2
 
 // What it leaves behind when it grows, nobody wipes.

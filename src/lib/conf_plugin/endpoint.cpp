@@ -8,7 +8,6 @@
 
 #include <cJSON.h>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -43,8 +42,8 @@ public:
 
     [[nodiscard]] bool load(int fd, off_t size)
     {
-        errno = ENOMEM; // for a size that cannot even be asked for
-        if (size >= SSIZE_MAX) {
+        if (size > wire::max_profile) {
+            errno = EFBIG;
             return false;
         }
         const auto length = static_cast<std::size_t>(size);

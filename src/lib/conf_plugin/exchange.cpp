@@ -8,6 +8,7 @@
 // tell of new room only. A wait for the reply alone needs one when it takes long: that the daemon
 // takes the request out of the socket begins the limit anew.
 #include "plugin_internal.h"
+#include "support/bounded.h"
 #include "support/log.h"
 #include "wire.h"
 #include "xml.h"
@@ -155,6 +156,23 @@ int send_on(conf_plugin_data *plugin)
     return 0;
 }
 
+// The text in a block that is as large as it from the start: one that grows leaves its beginning
+// behind. Null when there is no memory or the format cannot be expanded.
+__attribute__((format(printf, 1, 0))) char *print_whole(const char *format, std::va_list arguments)
+{
+    std::va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    const std::size_t size = static_cast<std::size_t>(length) + 1;
+    char *text = length < 0 ? nullptr : static_cast<char *>(malloc(size));
+    if (text != nullptr && std::vsnprintf(text, size, format, arguments) < 0) {
+        free(text);
+        text = nullptr;
+    }
+    return text;
+}
+
 // Sends what is left of the request and receives until the reply is there. Without an epoll
 // instance nothing is left. The id is 0 as long as nothing has been written: what arrives until
 // then is no reply.
@@ -292,7 +310,8 @@ int _plugin_single_rpc_send(conf_plugin_data *plugin, xmlNode *rpc)
 
 void release_error_text(char *err_msg)
 {
-    if (err_msg != def_err_msg) {
+    if (err_msg != nullptr && err_msg != def_err_msg) {
+        support::wipe(err_msg, std::strlen(err_msg));
         free(err_msg);
     }
 }
@@ -304,9 +323,7 @@ void _plugin_set_error(conf_plugin_data *plugin, int err_code, const char *err_m
     if (err_msg != nullptr) {
         std::va_list arguments;
         va_start(arguments, err_msg);
-        if (vasprintf(&text, err_msg, arguments) < 0) {
-            text = nullptr;
-        }
+        text = print_whole(err_msg, arguments);
         va_end(arguments);
     }
     release_error_text(ctxt->err_msg); // last: the arguments may point into it

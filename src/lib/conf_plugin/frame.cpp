@@ -197,8 +197,7 @@ int _recv_message(conf_plugin_data *plugin, bool_t *ready, take amount)
     for (;;) {
         resynchronise(&ctxt->recv_buf);
         // A header alone passes for one whatever its magic is, but only where nothing follows it.
-        if (is_whole(ctxt->recv_buf) &&
-            (amount == take::everything || is_sound(read_head(ctxt->recv_buf)))) {
+        if (is_whole(ctxt->recv_buf) && is_sound(read_head(ctxt->recv_buf))) {
             *ready = true;
             return 0;
         }

@@ -62,7 +62,7 @@ constexpr read_request locate_request = {"locate", &confd_plugin_callback_t::con
 xmlNode *build_read(const conf_plugin_context_t *ctxt, const char *method, int old_flag,
                     const char *path)
 {
-    node_ptr params(new_element("params"));
+    wiped_node params(new_element("params"));
     xmlNode *rpc = nullptr;
     if (params && (old_flag == 0 || add_element(params.get(), "old") != nullptr) &&
         add_text(params.get(), "path", path) != nullptr) {
@@ -101,7 +101,7 @@ int read_remote(conf_plugin_data *plugin, const read_request &request, int old_f
         return -1;
     }
     const conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
-    const node_ptr rpc(build_read(ctxt, request.method, old_flag, path));
+    const wiped_node rpc(build_read(ctxt, request.method, old_flag, path));
     if (!rpc) {
         return -1;
     }

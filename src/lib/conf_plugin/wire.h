@@ -38,6 +38,9 @@ inline constexpr int quick_wait = 1000;
 // Connections that may wait for the daemon to accept them.
 inline constexpr int service_backlog = 8;
 
+// The profile names one directory; a larger file is not one, and would fill the memory.
+inline constexpr long max_profile = 16L * 1024 * 1024;
+
 } // namespace wire
 
 #endif

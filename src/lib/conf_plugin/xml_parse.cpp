@@ -8,6 +8,7 @@
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -87,6 +88,61 @@ void take_characters(void *parser, const xmlChar *bytes, int count)
     xmlSAX2Characters(parser, bytes, count);
 }
 
+// libxml2 compares each attribute of a tag with all others: a tag with many more would take
+// minutes.
+constexpr std::ptrdiff_t most_attributes = 2000;
+constexpr std::ptrdiff_t shortest_attribute = 5; // a=""
+
+// The quoted values of the tag that begins at `tag`; up to `end` there is no further one.
+std::ptrdiff_t count_values(const char *tag, const char *end)
+{
+    std::ptrdiff_t count = 0;
+    for (; tag < end && *tag != '>'; ++tag) {
+        if (*tag == '"' || *tag == '\'') {
+            const void *closing =
+                std::memchr(tag + 1, *tag, static_cast<std::size_t>(end - tag - 1));
+            if (closing == nullptr) {
+                break;
+            }
+            tag = static_cast<const char *>(closing);
+            ++count;
+        }
+    }
+    return count;
+}
+
+// Whether no tag has too many attributes. Their values hold no "<", so only where none stands in
+// as many bytes as these would take, there is something to count.
+bool has_sound_tags(std::span<const char> body)
+{
+    const char *const end = body.data() + body.size();
+    const auto find = [end](const char *from) {
+        const void *found = std::memchr(from, '<', static_cast<std::size_t>(end - from));
+        return found == nullptr ? end : static_cast<const char *>(found);
+    };
+    for (const char *tag = find(body.data()); tag != end;) {
+        const std::ptrdiff_t rest = end - tag - 1;
+        const std::ptrdiff_t room = std::min(rest, most_attributes * shortest_attribute);
+        const void *last = memrchr(tag + 1, '<', static_cast<std::size_t>(room));
+        const char *const next =
+            last == nullptr ? find(tag + 1 + room) : static_cast<const char *>(last);
+        const bool is_tag = last == nullptr && rest > 0 && tag[1] != '!' && tag[1] != '?';
+        if (is_tag && count_values(tag, next) > most_attributes) {
+            return false;
+        }
+        tag = next;
+    }
+    return true;
+}
+
+// A message has no use for declared attributes, and their defaults would fill the memory.
+void refuse_attributes(void *parser, const xmlChar *, const xmlChar *, int, int, const xmlChar *,
+                       xmlEnumeration *values)
+{
+    xmlFreeEnumeration(values);
+    xmlStopParser(static_cast<xmlParserCtxt *>(parser));
+}
+
 // Lets the parser read the bytes where they stand.
 bool open_body(xmlParserCtxt *parser, std::span<char> body)
 {
@@ -101,7 +157,7 @@ parse_result parse_body(std::span<char> body)
 {
     const libxml_watch watch;
     const end_mark mark(body);
-    const parser_owner parser(xmlNewParserCtxt());
+    const parser_owner parser(has_sound_tags(body) ? xmlNewParserCtxt() : nullptr);
     if (!parser) {
         return {nullptr, false};
     }
@@ -111,14 +167,15 @@ parse_result parse_body(std::span<char> body)
     (void)xmlCtxtUseOptions(parser.get(), XML_PARSE_NOBLANKS | XML_PARSE_NODICT | XML_PARSE_NONET |
                                               XML_PARSE_IGNORE_ENC);
     parser->sax->characters = take_characters;
+    parser->sax->attributeDecl = refuse_attributes;
     if (!open_body(parser.get(), body)) {
         return {nullptr, false};
     }
-    (void)xmlParseDocument(parser.get());
+    const int failed = xmlParseDocument(parser.get());
     support::wipe_stack();
     const document_owner document(parser->myDoc);
     parser->myDoc = nullptr;
-    if (!document || parser->wellFormed == 0 || watch.out_of_memory()) {
+    if (!document || failed != 0 || watch.out_of_memory()) {
         return {nullptr, false};
     }
     xmlNode *root = take_root(document.get());
