@@ -48,6 +48,13 @@ commit)
     ends_with 0 run --timeout 2 --script commit.confsim -- "$plugin"
     says "ended with exit status 3"
     ;;
+late)
+    ends_with 0 run --timeout 2 --config late.xml --script late.confsim -- sh -c \
+        '"$0" good cfgr & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$0" helper; wait' \
+        "$plugin"
+    says 'good did not take over /test:system/log: no answer in time'
+    ! grep -F 'good did not take over /test:system/user' "$output" || fail "what follows is lost"
+    ;;
 start)
     ends_with 0 run --config running.xml --script start.confsim -- \
         sh -c '"$0" good cfgr & "$0" smooth smooth & wait' "$plugin"
@@ -87,10 +94,11 @@ killed)
     done
     ;;
 hostile)
-    ends_with 0 run --script hostile.confsim -- sh -c \
+    ends_with 0 run --config running.xml --script hostile.confsim -- sh -c \
         '"$0" & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$1"; wait' \
         "$plugin" "$3/confsim_hostile"
-    says "does not read what it is sent"
+    says 'does not read what it is sent'
+    says 'plugin mute did not take over /test:system/user[name="ann"]: the plugin is deactivated'
     ;;
 trace)
     ends_with 0 run --config running.xml --script trace.confsim -- "$plugin"

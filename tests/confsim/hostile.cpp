@@ -45,6 +45,18 @@ std::string call(const std::string &method, const std::string &params)
 }
 
 const std::string pull = call("pull", "<path>/test:system</path>");
+// A plugin that wants to be told of log and user of running.xml.
+std::string registration(const std::string &name)
+{
+    const std::string paths[] = {"/test:system/log", "/test:system/user"};
+    std::string params = "<plugin-name>" + name + "</plugin-name><config-subscribe>";
+    for (const std::string &each : paths) {
+        params += "<subscriber><path>" + each +
+                  "</path><priority>1</priority><callback>1</callback></subscriber>";
+    }
+    return call("register", params + "</config-subscribe>");
+}
+
 const std::string half = head(1000) + "<rpc>";
 const char *const served = "<id>5</id>"; // what comes for a sound request afterwards
 
@@ -71,6 +83,8 @@ const struct attack {
      call("register", "<plugin-name>x</plugin-name><config-subscribe><subscriber/>"
                       "</config-subscribe>"),
      "<error>"},
+    {"who answers nothing may deactivate itself",
+     registration("mute") + call("activate", "<with-cfgr/>") + call("deactivate", ""), served},
     {"endless junk is dropped", std::string(3 << 20, '\xff'), nullptr},
     {"endless messages that are not XML are dropped", framed("<a"), nullptr, 1000},
     {"who asks and never reads is dropped", pull, nullptr, 1000000},

@@ -67,7 +67,7 @@ const conf_daemon::served_method conf_daemon::methods[] = {
 
 conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &trace,
                          configuration &config, const endpoints &where, seconds patience)
-    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where),
+    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience),
       agents_(loop, out, trace, where),
       plugins_(loop, where.plugin_socket(), most_plugins,
                {[&trace, &loop, patience](int descriptor) {
@@ -127,7 +127,7 @@ void conf_daemon::let_go(const plugin_ptr &whom, const std::string &why)
 {
     out_.event("plugin " + whom->called() + " " + why);
     whom->now = plugin::state::gone;
-    whom->give_up(answer::outcome::gone, plugin_is_gone);
+    whom->give_up(plugin_is_gone);
 }
 
 void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
@@ -216,6 +216,7 @@ xml::node_ptr conf_daemon::on_deactivate(const plugin_ptr &from, const xmlNode *
 {
     from->now = plugin::state::registered;
     out_.event("plugin " + from->name + " deactivated");
+    from->give_up_unsent("the plugin is deactivated");
     return xml::element("result");
 }
 
@@ -285,8 +286,22 @@ void conf_daemon::ask(const plugin_ptr &to, const char *method, xml::node_ptr pa
     plugins_.talk_to(to, [&] { to->ask(method, std::move(params), std::move(done)); });
 }
 
+bool conf_daemon::wait_until_free(const plugin_ptr &whom)
+{
+    while (const u32_t earlier = whom->awaited()) {
+        const auto has_gone_on = [&] { return whom->awaited() != earlier; };
+        if (!loop_.run_until(has_gone_on, after(patience_))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 answer conf_daemon::exchange(const plugin_ptr &to, const char *method, xml::node_ptr params)
 {
+    if (!wait_until_free(to)) {
+        return {answer::outcome::silent, -1, "it has not answered an earlier request yet", nullptr};
+    }
     // Shared with the request, which may outlive this call when the loop is interrupted.
     const auto got = std::make_shared<std::optional<answer>>();
     ask(to, method, std::move(params), [got](answer what) { *got = std::move(what); });

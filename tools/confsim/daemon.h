@@ -32,7 +32,11 @@ public:
     [[nodiscard]] const std::list<plugin_ptr> &plugins() const { return plugins_.peers(); }
     [[nodiscard]] plugin_ptr find(const std::string &name) const;
 
-    // Sends a request and waits for what becomes of it; never throws broken.
+    // Waits until the plugin has answered all that it was asked, as long as no single answer takes
+    // too long. Returns whether it has.
+    bool wait_until_free(const plugin_ptr &whom);
+
+    // Sends a request to a free plugin and waits for what becomes of it; never throws broken.
     answer exchange(const plugin_ptr &to, const char *method, xml::node_ptr params);
 
     // Notifications as received, the oldest first; the oldest of very many are forgotten.
@@ -70,6 +74,7 @@ private:
     const tracer &trace_;
     configuration &config_;
     const endpoints &where_;
+    seconds patience_;
     agent_service agents_;
     server<plugin> plugins_;
     std::deque<std::string> notifications_;
