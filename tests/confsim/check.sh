@@ -55,6 +55,13 @@ late)
     says 'good did not take over /test:system/log: no answer in time'
     ! grep -F 'good did not take over /test:system/user' "$output" || fail "what follows is lost"
     ;;
+newcomer)
+    ends_with 0 run --timeout 30 --script newcomer.confsim -- sh -c \
+        '"$0" good & until [ -e /var/tmp/stalling ]; do sleep 0.05; done; rm /var/tmp/activated
+         "$0" late cfgr & until [ -e /var/tmp/activated ]; do sleep 0.05; done
+         while touch /var/tmp/go; do sleep 0.05; done' \
+        "$plugin"
+    ;;
 start)
     ends_with 0 run --config running.xml --script start.confsim -- \
         sh -c '"$0" good cfgr & "$0" smooth smooth & wait' "$plugin"

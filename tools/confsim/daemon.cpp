@@ -9,6 +9,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace confsim {
@@ -167,13 +168,17 @@ void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
         out_.event("plugin " + from->name + " activated");
         const bool cfgr = xml::child(params, "with-cfgr") != nullptr;
         const bool smooth = xml::child(params, "with-smooth") != nullptr;
-        start(from, cfgr ? CONFIG_OP_CFGR : smooth ? CONFIG_OP_SMOOTH : CONFIG_OP_NONE);
+        from->wanted_start = cfgr ? CONFIG_OP_CFGR : smooth ? CONFIG_OP_SMOOTH : CONFIG_OP_NONE;
+        if (!are_starts_held_) {
+            start(from);
+        }
     }
 }
 
 // Tells a plugin that has just been activated the whole configuration, if it wants it.
-void conf_daemon::start(const plugin_ptr &whom, int kind)
+void conf_daemon::start(const plugin_ptr &whom)
 {
+    const int kind = std::exchange(whom->wanted_start, CONFIG_OP_NONE);
     if (kind == CONFIG_OP_NONE) {
         return;
     }
@@ -189,6 +194,15 @@ void conf_daemon::start(const plugin_ptr &whom, int kind)
                           out_.event(complaint + got.in_words());
                       }
                   });
+    }
+}
+
+void conf_daemon::release_starts()
+{
+    are_starts_held_ = false;
+    const std::list<plugin_ptr> present = plugins(); // one that is broken leaves the list
+    for (const plugin_ptr &each : present) {
+        plugins_.talk_to(each, [&] { start(each); });
     }
 }
 
@@ -215,6 +229,7 @@ xml::node_ptr conf_daemon::on_activate(const plugin_ptr &from, const xmlNode * /
 xml::node_ptr conf_daemon::on_deactivate(const plugin_ptr &from, const xmlNode * /*params*/)
 {
     from->now = plugin::state::registered;
+    from->wanted_start = CONFIG_OP_NONE;
     out_.event("plugin " + from->name + " deactivated");
     from->give_up_unsent("the plugin is deactivated");
     return xml::element("result");

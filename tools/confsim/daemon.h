@@ -39,6 +39,10 @@ public:
     // Sends a request to a free plugin and waits for what becomes of it; never throws broken.
     answer exchange(const plugin_ptr &to, const char *method, xml::node_ptr params);
 
+    // While starts are held, plugins that are activated wait to be told the configuration.
+    void hold_starts() { are_starts_held_ = true; }
+    void release_starts();
+
     // Notifications as received, the oldest first; the oldest of very many are forgotten.
     [[nodiscard]] const std::deque<std::string> &notifications() const { return notifications_; }
     // The oldest one that was not yet taken, if any.
@@ -56,7 +60,7 @@ private:
     void receive_notifications();
     void handle(const plugin_ptr &from, xml::node_ptr message);
     void let_go(const plugin_ptr &whom, const std::string &why);
-    void start(const plugin_ptr &whom, int kind);
+    void start(const plugin_ptr &whom);
     void ask(const plugin_ptr &to, const char *method, xml::node_ptr params, plugin::answered done);
 
     xml::node_ptr on_register(const plugin_ptr &from, const xmlNode *params);
@@ -79,6 +83,7 @@ private:
     server<plugin> plugins_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
+    bool are_starts_held_ = false;
 };
 
 } // namespace confsim

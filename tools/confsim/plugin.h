@@ -65,6 +65,7 @@ public:
     std::vector<subscription> configs;
     std::vector<subscription> statuses;
     std::vector<operation> operations;
+    int wanted_start = 0; // CONFIG_OP_CFGR or _SMOOTH until it is told the configuration that way
 
     [[nodiscard]] bool is_active() const { return now == state::activated; }
 
