@@ -105,6 +105,8 @@ hostile)
         '"$0" & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$1"; wait' \
         "$plugin" "$3/confsim_hostile"
     says 'does not read what it is sent'
+    says ': register refused: There is a plugin good already.'
+    says ': x refused: Method x is not served.'
     says 'plugin mute did not take over /test:system/user[name="ann"]: the plugin is deactivated'
     ;;
 trace)

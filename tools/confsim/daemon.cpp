@@ -158,6 +158,7 @@ void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
         result = (this->*known->handle)(from, params);
     } catch (const failure &refusal) {
         result = error_element(-1, refusal.what());
+        out_.event("plugin " + from->called() + ": " + method + " refused: " + refusal.what());
     }
     const u32_t id = plugin_get_msgid(message.get());
     const xml::node_ptr reply(plugin_build_reply_message(result.release(), id));
