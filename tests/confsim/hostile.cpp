@@ -83,6 +83,10 @@ const struct attack {
      call("register", "<plugin-name>x</plugin-name><config-subscribe><subscriber/>"
                       "</config-subscribe>"),
      "<error>"},
+    {"a way of staging that there is not is refused",
+     registration("odd") + call("config_deployment", "<path>/test:system</path><oper-type>change"
+                                                     "</oper-type><data><system/></data>"),
+     "There is no oper-type \"change\"."},
     {"who answers nothing may deactivate itself",
      registration("mute") + call("activate", "<with-cfgr/>") + call("deactivate", ""), served},
     {"endless junk is dropped", std::string(3 << 20, '\xff'), nullptr},

@@ -273,6 +273,9 @@ xml::node_ptr conf_daemon::on_config_deployment(const plugin_ptr &from, const xm
 {
     const path where = path_in(params);
     const std::string oper = xml::child_text(params, "oper-type");
+    if (oper != "add" && oper != "delete" && oper != "update") {
+        throw failure("There is no oper-type \"" + oper + "\".");
+    }
     config_.stage(where, oper, data_in(params));
     out_.event("plugin " + from->name + " staged: " + oper + " " + to_text(where));
     return xml::element("result");
