@@ -11,15 +11,20 @@ namespace {
 
 using namespace test;
 
-int connect_to_daemon()
+int connect_to(const char *path)
 {
     const int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{AF_UNIX, {}};
-    std::string(g_conf_plugin_socket).copy(address.sun_path, sizeof address.sun_path - 1);
+    std::string(path).copy(address.sun_path, sizeof address.sun_path - 1);
     if (connect(sock, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
         std::perror("connect");
     }
     return sock;
+}
+
+int connect_to_daemon()
+{
+    return connect_to(g_conf_plugin_socket);
 }
 
 // Whether some answer comes that holds the text, and the connection lasts until then.
@@ -94,6 +99,20 @@ const struct attack {
     {"who asks and never reads is dropped", pull, nullptr, 1000000},
 };
 
+// An agent hears of a notification that is no UTF-8 in a message that is XML.
+bool is_agent_served()
+{
+    Peer agent(connect_to(g_conf_agent_socket));
+    agent.send(framed("<rpc/>"));
+    const bool refused = hears(agent, ">A request without an operation is not served.<");
+    agent.send(framed("<rpc><create-subscription/></rpc>"));
+    const bool subscribed = hears(agent, "<ok/>");
+    // A byte, a control character, and an overlong and a good sequence.
+    char name[] = "bytes", bytes[] = "a\xff\x01\xc1\x81\xc3\xa9z";
+    return refused && subscribed && conf_notify(name, bytes) == 0 &&
+           hears(agent, "<text>a\ufffd\ufffd\ufffd\ufffd\u00e9z</text>");
+}
+
 } // namespace
 
 int main()
@@ -105,7 +124,7 @@ int main()
     Peer half_way(connect_to_daemon());
     half_way.send(half);                  // stays like that to the end
     Peer(connect_to_daemon()).send(half); // and this one goes
-    bool as_expected = true;
+    bool as_expected = is_agent_served();
     for (const attack &each : attacks) {
         Peer daemon(connect_to_daemon());
         for (int i = 0; daemon.fd() >= 0 && i < each.times; ++i) {
