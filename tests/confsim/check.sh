@@ -104,10 +104,20 @@ hostile)
     ends_with 0 run --config running.xml --script hostile.confsim -- sh -c \
         '"$0" & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$1"; wait' \
         "$plugin" "$3/confsim_hostile"
+    says 'no more plugins are accepted: there are 256'
     says 'does not read what it is sent'
     says ': register refused: There is a plugin good already.'
     says ': x refused: Method x is not served.'
     says 'plugin mute did not take over /test:system/user[name="ann"]: the plugin is deactivated'
+    ;;
+crowd)
+    (
+        ulimit -Sn 40
+        ends_with 0 run --script crowd.confsim -- \
+            sh -c 'ulimit -Sn 400; "$1" crowd; exec "$0"' "$plugin" "$3/confsim_hostile"
+    )
+    [ "$(grep -c 'no more plugins are accepted: Too many open files' "$output")" = 1 ] ||
+        fail "not said once"
     ;;
 trace)
     ends_with 0 run --config running.xml --script trace.confsim -- "$plugin"

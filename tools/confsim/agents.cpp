@@ -91,14 +91,17 @@ void add_content(xmlNode *notification, const std::string &content)
 
 agent_service::agent_service(event_loop &loop, const console &out, const tracer &trace,
                              const endpoints &where)
-    : out_(out), agents_(loop, where.agent_socket(), most_agents,
-                         {[this, &trace](int descriptor) { return make(descriptor, trace); },
-                          [this](const agent_ptr &from, const xml::node_ptr &message) {
-                              from->stream.send(answer(*from, message.get()).get());
-                          },
-                          [this](const agent_ptr &from, const std::string &why) {
-                              out_.event(from->called + " " + why);
-                          }})
+    : out_(out),
+      agents_(
+          loop, where.agent_socket(), most_agents,
+          {[this, &trace](int descriptor) { return make(descriptor, trace); },
+           [this](const agent_ptr &from, const xml::node_ptr &message) {
+               from->stream.send(answer(*from, message.get()).get());
+           },
+           [this](const agent_ptr &from, const std::string &why) {
+               out_.event(from->called + " " + why);
+           },
+           [&out](const std::string &why) { out.event("no more agents are accepted: " + why); }})
 {
 }
 

@@ -70,14 +70,16 @@ conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &tra
                          configuration &config, const endpoints &where, seconds patience)
     : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience),
       agents_(loop, out, trace, where),
-      plugins_(loop, where.plugin_socket(), most_plugins,
-               {[&trace, &loop, patience](int descriptor) {
-                    return std::make_shared<plugin>(descriptor, trace, loop, patience);
-                },
-                [this](const plugin_ptr &from, xml::node_ptr message) {
-                    handle(from, std::move(message));
-                },
-                [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); }})
+      plugins_(
+          loop, where.plugin_socket(), most_plugins,
+          {[&trace, &loop, patience](int descriptor) {
+               return std::make_shared<plugin>(descriptor, trace, loop, patience);
+           },
+           [this](const plugin_ptr &from, xml::node_ptr message) {
+               handle(from, std::move(message));
+           },
+           [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); },
+           [&out](const std::string &why) { out.event("no more plugins are accepted: " + why); }})
 {
     loop_.watch(where_.notifier_socket(), POLLIN, [this](short) { receive_notifications(); });
 }
