@@ -2,6 +2,7 @@
 # Runs one case: check.sh CASE DIRECTORY-OF-CONFSIM DIRECTORY-OF-THE-TEST-PROGRAMS
 # Everything happens in the sandbox of "confsim run".
 # shellcheck disable=SC2016 # the shells that run the quoted programs expand them
+# shellcheck disable=SC3045 # the usual shells know ulimit -S
 set -eu
 cd "$(dirname "$0")"
 confsim=$2/confsim
