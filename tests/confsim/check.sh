@@ -2,6 +2,7 @@
 # Runs one case: check.sh CASE DIRECTORY-OF-CONFSIM DIRECTORY-OF-THE-TEST-PROGRAMS
 # Everything happens in the sandbox of "confsim run".
 # shellcheck disable=SC2016 # the shells that run the quoted programs expand them
+# shellcheck disable=SC3045 # the usual shells know ulimit -S
 set -eu
 cd "$(dirname "$0")"
 confsim=$2/confsim
@@ -48,6 +49,20 @@ commit)
     ends_with 0 run --timeout 2 --script commit.confsim -- "$plugin"
     says "ended with exit status 3"
     ;;
+late)
+    ends_with 0 run --timeout 2 --config late.xml --script late.confsim -- sh -c \
+        '"$0" good cfgr & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$0" helper; wait' \
+        "$plugin"
+    says 'good did not take over /test:system/log: no answer in time'
+    ! grep -F 'good did not take over /test:system/user' "$output" || fail "what follows is lost"
+    ;;
+newcomer)
+    ends_with 0 run --timeout 30 --script newcomer.confsim -- sh -c \
+        '"$0" good & until [ -e /var/tmp/stalling ]; do sleep 0.05; done; rm /var/tmp/activated
+         "$0" late cfgr & until [ -e /var/tmp/activated ]; do sleep 0.05; done
+         while touch /var/tmp/go; do sleep 0.05; done' \
+        "$plugin"
+    ;;
 start)
     ends_with 0 run --config running.xml --script start.confsim -- \
         sh -c '"$0" good cfgr & "$0" smooth smooth & wait' "$plugin"
@@ -87,10 +102,23 @@ killed)
     done
     ;;
 hostile)
-    ends_with 0 run --script hostile.confsim -- sh -c \
+    ends_with 0 run --config running.xml --script hostile.confsim -- sh -c \
         '"$0" & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$1"; wait' \
         "$plugin" "$3/confsim_hostile"
-    says "does not read what it is sent"
+    says 'no more plugins are accepted: there are 256'
+    says 'does not read what it is sent'
+    says ': register refused: There is a plugin good already.'
+    says ': x refused: Method x is not served.'
+    says 'plugin mute did not take over /test:system/user[name="ann"]: the plugin is deactivated'
+    ;;
+crowd)
+    (
+        ulimit -Sn 40
+        ends_with 0 run --script crowd.confsim -- \
+            sh -c 'ulimit -Sn 400; "$1" crowd; exec "$0"' "$plugin" "$3/confsim_hostile"
+    )
+    [ "$(grep -c 'no more plugins are accepted: Too many open files' "$output")" = 1 ] ||
+        fail "not said once"
     ;;
 trace)
     ends_with 0 run --config running.xml --script trace.confsim -- "$plugin"

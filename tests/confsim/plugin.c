@@ -5,8 +5,8 @@
  *
  * It accepts every change of /test:system/user (priority 20) and /test:system/log (priority 10)
  * and keeps a journal of them, which it gives out, and empties, as status /test:journal/NAME. A
- * value can ask for more: "refuse" refuses the change, "stall" answers late, "die" ends the
- * process.
+ * value can ask for more: "refuse" refuses the change, "stall" waits for the file /var/tmp/go,
+ * which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends the process.
  *
  * It is valid C and C++; ../abi/installed.sh compiles it as both.
  */
@@ -20,6 +20,15 @@
 #include <unistd.h>
 
 static char journal[65536];
+static const char *const go = "/var/tmp/go"; /* in the sandbox */
+
+static void make_file(const char *name)
+{
+    FILE *file = fopen(name, "we");
+    if (file != NULL) {
+        (void)fclose(file);
+    }
+}
 
 /* The text of the leaf `name` in what the daemon holds at `path`, or "-". */
 static void pull_value(int old, const char *path, char *value, size_t size)
@@ -46,7 +55,13 @@ static int on_config(int session_id, int oper, int more, int priority, const cha
     snprintf(journal + used, sizeof journal - used, "[oper %x more %d prio %d %s %s was %s]",
              (unsigned)oper, more, priority, path, value, old_value);
     if (strcmp(value, "stall") == 0) {
-        sleep(4);
+        make_file("/var/tmp/stalling");
+        while (unlink(go) != 0) {
+            usleep(20000);
+        }
+    }
+    if ((oper & CONFIG_OP_ROLLBACK) != 0) {
+        make_file(go);
     }
     if (strcmp(value, "die") == 0) {
         _exit(3);
@@ -112,6 +127,7 @@ static void on_kick_off(void)
     char name[] = "kicked";
     char text[] = "<kicked-off/>";
     xmlNode *node = xmlNewNode(NULL, (const xmlChar *)"by-node");
+    make_file(go);
     (void)econf_notify(name, node);
     (void)conf_notify(name, text);
     xmlFreeNode(node);
@@ -142,10 +158,7 @@ int main(int count, char **arguments)
         return 1;
     }
     /* In the sandbox: tells a script that the name is taken. */
-    FILE *marker = fopen("/var/tmp/activated", "we");
-    if (marker != NULL) {
-        (void)fclose(marker);
-    }
+    make_file("/var/tmp/activated");
     while (poll(&daemon, 1, -1) > 0 && (daemon.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0) {
         econf_plugin_run();
     }

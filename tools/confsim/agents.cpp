@@ -3,6 +3,9 @@
 
 #include "failure.h"
 
+#include <libxml/parserInternals.h>
+
+#include <algorithm>
 #include <ctime>
 #include <list>
 
@@ -27,12 +30,12 @@ xml::node_ptr element_in(const char *name, const char *space)
     return made;
 }
 
-// What a request asks for: the element below its filter, or the operation itself.
+// What a request asks for: the element below its filter, or the operation itself, if there is one.
 std::string asked_for(const xmlNode *rpc)
 {
     const xmlNode *operation = xml::first_element(rpc);
     if (operation == nullptr) {
-        return "";
+        return "A request without an operation";
     }
     const xmlNode *filter = xml::child(operation, "filter");
     const xmlNode *inner = filter == nullptr ? nullptr : xml::first_element(filter);
@@ -57,6 +60,22 @@ std::string now()
     return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
+// The text with everything replaced that cannot stand in XML.
+std::string printable(const std::string &text)
+{
+    std::string made;
+    for (std::size_t at = 0; at < text.size();) {
+        int length = static_cast<int>(std::min<std::size_t>(text.size() - at, 4));
+        const int code = xmlGetUTF8Char(chars(text.c_str() + at), &length);
+        const int shortest = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
+        const bool fits = code >= 0 && IS_CHAR(code) && length == shortest;
+        const std::size_t taken = fits ? static_cast<std::size_t>(length) : 1;
+        made += fits ? text.substr(at, taken) : "\ufffd";
+        at += taken;
+    }
+    return made;
+}
+
 // A notification may be an element or any text.
 void add_content(xmlNode *notification, const std::string &content)
 {
@@ -64,7 +83,7 @@ void add_content(xmlNode *notification, const std::string &content)
         const xml::doc_ptr parsed = xml::parse_text(content, "notification");
         xml::add(notification, xml::copy(xmlDocGetRootElement(parsed.get())));
     } catch (const failure &) {
-        xml::add(notification, "text", content);
+        xml::add(notification, "text", printable(content));
     }
 }
 
@@ -72,14 +91,17 @@ void add_content(xmlNode *notification, const std::string &content)
 
 agent_service::agent_service(event_loop &loop, const console &out, const tracer &trace,
                              const endpoints &where)
-    : out_(out), agents_(loop, where.agent_socket(), most_agents,
-                         {[this, &trace](int descriptor) { return make(descriptor, trace); },
-                          [this](const agent_ptr &from, const xml::node_ptr &message) {
-                              from->stream.send(answer(*from, message.get()).get());
-                          },
-                          [this](const agent_ptr &from, const std::string &why) {
-                              out_.event(from->called + " " + why);
-                          }})
+    : out_(out),
+      agents_(
+          loop, where.agent_socket(), most_agents,
+          {[this, &trace](int descriptor) { return make(descriptor, trace); },
+           [this](const agent_ptr &from, const xml::node_ptr &message) {
+               from->stream.send(answer(*from, message.get()).get());
+           },
+           [this](const agent_ptr &from, const std::string &why) {
+               out_.event(from->called + " " + why);
+           },
+           [&out](const std::string &why) { out.event("no more agents are accepted: " + why); }})
 {
 }
 

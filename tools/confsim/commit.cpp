@@ -70,9 +70,7 @@ void roll_back(conf_daemon &service, std::vector<publication> applied, const spe
     }
 }
 
-} // namespace
-
-void commit(conf_daemon &service, configuration &config, const speaker &say)
+void carry_out(conf_daemon &service, configuration &config, const speaker &say)
 {
     const std::vector<difference> changes = differences(config.running(), config.candidate());
     std::vector<publication> all = publications(service.plugins(), changes);
@@ -98,6 +96,25 @@ void commit(conf_daemon &service, configuration &config, const speaker &say)
     }
     say("committed: " + counted(changes.size(), "difference") + ", " +
         counted(all.size(), "publication"));
+}
+
+} // namespace
+
+void commit(conf_daemon &service, configuration &config, const speaker &say)
+{
+    // A plugin that starts is told what is in force, before the commit or after it.
+    service.hold_starts();
+    const std::list<plugin_ptr> present = service.plugins();
+    for (const plugin_ptr &each : present) {
+        (void)service.wait_until_free(each); // one that is late does not stop it
+    }
+    try {
+        carry_out(service, config, say);
+    } catch (const failure &) {
+        service.release_starts();
+        throw;
+    }
+    service.release_starts();
 }
 
 } // namespace confsim

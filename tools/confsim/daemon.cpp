@@ -9,6 +9,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace confsim {
@@ -67,16 +68,18 @@ const conf_daemon::served_method conf_daemon::methods[] = {
 
 conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &trace,
                          configuration &config, const endpoints &where, seconds patience)
-    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where),
+    : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience),
       agents_(loop, out, trace, where),
-      plugins_(loop, where.plugin_socket(), most_plugins,
-               {[&trace, &loop, patience](int descriptor) {
-                    return std::make_shared<plugin>(descriptor, trace, loop, patience);
-                },
-                [this](const plugin_ptr &from, xml::node_ptr message) {
-                    handle(from, std::move(message));
-                },
-                [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); }})
+      plugins_(
+          loop, where.plugin_socket(), most_plugins,
+          {[&trace, &loop, patience](int descriptor) {
+               return std::make_shared<plugin>(descriptor, trace, loop, patience);
+           },
+           [this](const plugin_ptr &from, xml::node_ptr message) {
+               handle(from, std::move(message));
+           },
+           [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); },
+           [&out](const std::string &why) { out.event("no more plugins are accepted: " + why); }})
 {
     loop_.watch(where_.notifier_socket(), POLLIN, [this](short) { receive_notifications(); });
 }
@@ -127,7 +130,7 @@ void conf_daemon::let_go(const plugin_ptr &whom, const std::string &why)
 {
     out_.event("plugin " + whom->called() + " " + why);
     whom->now = plugin::state::gone;
-    whom->give_up(answer::outcome::gone, plugin_is_gone);
+    whom->give_up(plugin_is_gone);
 }
 
 void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
@@ -157,6 +160,7 @@ void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
         result = (this->*known->handle)(from, params);
     } catch (const failure &refusal) {
         result = error_element(-1, refusal.what());
+        out_.event("plugin " + from->called() + ": " + method + " refused: " + refusal.what());
     }
     const u32_t id = plugin_get_msgid(message.get());
     const xml::node_ptr reply(plugin_build_reply_message(result.release(), id));
@@ -167,13 +171,17 @@ void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
         out_.event("plugin " + from->name + " activated");
         const bool cfgr = xml::child(params, "with-cfgr") != nullptr;
         const bool smooth = xml::child(params, "with-smooth") != nullptr;
-        start(from, cfgr ? CONFIG_OP_CFGR : smooth ? CONFIG_OP_SMOOTH : CONFIG_OP_NONE);
+        from->wanted_start = cfgr ? CONFIG_OP_CFGR : smooth ? CONFIG_OP_SMOOTH : CONFIG_OP_NONE;
+        if (!are_starts_held_) {
+            start(from);
+        }
     }
 }
 
 // Tells a plugin that has just been activated the whole configuration, if it wants it.
-void conf_daemon::start(const plugin_ptr &whom, int kind)
+void conf_daemon::start(const plugin_ptr &whom)
 {
+    const int kind = std::exchange(whom->wanted_start, CONFIG_OP_NONE);
     if (kind == CONFIG_OP_NONE) {
         return;
     }
@@ -189,6 +197,15 @@ void conf_daemon::start(const plugin_ptr &whom, int kind)
                           out_.event(complaint + got.in_words());
                       }
                   });
+    }
+}
+
+void conf_daemon::release_starts()
+{
+    are_starts_held_ = false;
+    const std::list<plugin_ptr> present = plugins(); // one that is broken leaves the list
+    for (const plugin_ptr &each : present) {
+        plugins_.talk_to(each, [&] { start(each); });
     }
 }
 
@@ -215,7 +232,9 @@ xml::node_ptr conf_daemon::on_activate(const plugin_ptr &from, const xmlNode * /
 xml::node_ptr conf_daemon::on_deactivate(const plugin_ptr &from, const xmlNode * /*params*/)
 {
     from->now = plugin::state::registered;
+    from->wanted_start = CONFIG_OP_NONE;
     out_.event("plugin " + from->name + " deactivated");
+    from->give_up_unsent("the plugin is deactivated");
     return xml::element("result");
 }
 
@@ -256,6 +275,9 @@ xml::node_ptr conf_daemon::on_config_deployment(const plugin_ptr &from, const xm
 {
     const path where = path_in(params);
     const std::string oper = xml::child_text(params, "oper-type");
+    if (oper != "add" && oper != "delete" && oper != "update") {
+        throw failure("There is no oper-type \"" + oper + "\".");
+    }
     config_.stage(where, oper, data_in(params));
     out_.event("plugin " + from->name + " staged: " + oper + " " + to_text(where));
     return xml::element("result");
@@ -285,8 +307,22 @@ void conf_daemon::ask(const plugin_ptr &to, const char *method, xml::node_ptr pa
     plugins_.talk_to(to, [&] { to->ask(method, std::move(params), std::move(done)); });
 }
 
+bool conf_daemon::wait_until_free(const plugin_ptr &whom)
+{
+    while (const u32_t earlier = whom->awaited()) {
+        const auto has_gone_on = [&] { return whom->awaited() != earlier; };
+        if (!loop_.run_until(has_gone_on, after(patience_))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 answer conf_daemon::exchange(const plugin_ptr &to, const char *method, xml::node_ptr params)
 {
+    if (!wait_until_free(to)) {
+        return {answer::outcome::silent, -1, "it has not answered an earlier request yet", nullptr};
+    }
     // Shared with the request, which may outlive this call when the loop is interrupted.
     const auto got = std::make_shared<std::optional<answer>>();
     ask(to, method, std::move(params), [got](answer what) { *got = std::move(what); });

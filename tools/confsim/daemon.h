@@ -32,8 +32,16 @@ public:
     [[nodiscard]] const std::list<plugin_ptr> &plugins() const { return plugins_.peers(); }
     [[nodiscard]] plugin_ptr find(const std::string &name) const;
 
-    // Sends a request and waits for what becomes of it; never throws broken.
+    // Waits until the plugin has answered all that it was asked, as long as no single answer takes
+    // too long. Returns whether it has.
+    bool wait_until_free(const plugin_ptr &whom);
+
+    // Sends a request to a free plugin and waits for what becomes of it; never throws broken.
     answer exchange(const plugin_ptr &to, const char *method, xml::node_ptr params);
+
+    // While starts are held, plugins that are activated wait to be told the configuration.
+    void hold_starts() { are_starts_held_ = true; }
+    void release_starts();
 
     // Notifications as received, the oldest first; the oldest of very many are forgotten.
     [[nodiscard]] const std::deque<std::string> &notifications() const { return notifications_; }
@@ -52,7 +60,7 @@ private:
     void receive_notifications();
     void handle(const plugin_ptr &from, xml::node_ptr message);
     void let_go(const plugin_ptr &whom, const std::string &why);
-    void start(const plugin_ptr &whom, int kind);
+    void start(const plugin_ptr &whom);
     void ask(const plugin_ptr &to, const char *method, xml::node_ptr params, plugin::answered done);
 
     xml::node_ptr on_register(const plugin_ptr &from, const xmlNode *params);
@@ -70,10 +78,12 @@ private:
     const tracer &trace_;
     configuration &config_;
     const endpoints &where_;
+    seconds patience_;
     agent_service agents_;
     server<plugin> plugins_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
+    bool are_starts_held_ = false;
 };
 
 } // namespace confsim

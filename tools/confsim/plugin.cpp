@@ -111,12 +111,14 @@ void plugin::ask(const char *method, xml::node_ptr params, answered done)
 void plugin::take_reply(xml::node_ptr reply)
 {
     if (requests_.empty() || plugin_get_msgid(reply.get()) != requests_.front().id) {
-        return; // too late: its request was given up
+        return; // an answer to nothing that was asked
     }
     stop_waiting();
     const request answered_request = std::move(requests_.front());
     requests_.pop_front();
-    answered_request.done(read_answer(std::move(reply)));
+    if (answered_request.done) {
+        answered_request.done(read_answer(std::move(reply)));
+    }
     if (!requests_.empty() && !timeout_) {
         send_next();
     }
@@ -126,17 +128,34 @@ void plugin::send_next()
 {
     timeout_ = loop_.start_timer(patience_, [this] {
         timeout_.reset();
-        give_up(answer::outcome::silent, "no answer in time");
+        const answered done = std::exchange(requests_.front().done, nullptr);
+        done({answer::outcome::silent, -1, "no answer in time", nullptr});
     });
     stream.send(requests_.front().document.get());
 }
 
-void plugin::give_up(answer::outcome kind, const std::string &why)
+void plugin::give_up(const std::string &why)
 {
     stop_waiting();
-    const std::deque<request> given_up = std::exchange(requests_, {});
+    end(std::exchange(requests_, {}), why);
+}
+
+void plugin::give_up_unsent(const std::string &why)
+{
+    std::deque<request> sent;
+    if (!requests_.empty()) {
+        sent.push_back(std::move(requests_.front()));
+        requests_.pop_front();
+    }
+    end(std::exchange(requests_, std::move(sent)), why);
+}
+
+void plugin::end(const std::deque<request> &given_up, const std::string &why)
+{
     for (const request &each : given_up) {
-        each.done({kind, -1, why, nullptr});
+        if (each.done) {
+            each.done({answer::outcome::gone, -1, why, nullptr});
+        }
     }
 }
 

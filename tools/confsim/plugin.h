@@ -1,7 +1,8 @@
 // One connected plugin: who it is, what it registered, and the requests that wait for its answers.
 //
 // A plugin is asked one thing at a time: while it waits for an answer of its own in the middle of a
-// callback, it discards every other message.
+// callback, it discards every other message. So a request that was given up still holds up those
+// behind it until the plugin answers.
 #ifndef CONFSIM_PLUGIN_H
 #define CONFSIM_PLUGIN_H
 
@@ -64,6 +65,7 @@ public:
     std::vector<subscription> configs;
     std::vector<subscription> statuses;
     std::vector<operation> operations;
+    int wanted_start = 0; // CONFIG_OP_CFGR or _SMOOTH until it is told the configuration that way
 
     [[nodiscard]] bool is_active() const { return now == state::activated; }
 
@@ -74,23 +76,29 @@ public:
     void take_registration(const xmlNode *params);
 
     // Sends a request as soon as the ones before it are answered. `done` is called exactly once,
-    // from the event loop. Throws broken.
+    // from the event loop, also when no answer comes in time. Throws broken.
     void ask(const char *method, xml::node_ptr params, answered done);
 
     // An answer has come. Throws broken when sending the next request fails.
     void take_reply(xml::node_ptr reply);
 
-    // Ends all requests.
-    void give_up(answer::outcome kind, const std::string &why);
+    // The number of the request that it has yet to answer, in time or not; 0 when there is none.
+    [[nodiscard]] u32_t awaited() const { return requests_.empty() ? 0 : requests_.front().id; }
+
+    // End all requests, or those that wait for an answer to another, for a plugin that has gone or
+    // takes part no longer.
+    void give_up(const std::string &why);
+    void give_up_unsent(const std::string &why);
 
 private:
     struct request {
         u32_t id;
         xml::node_ptr document;
-        answered done;
+        answered done; // null when it was given up
     };
 
     void send_next();
+    static void end(const std::deque<request> &given_up, const std::string &why);
     void stop_waiting();
 
     event_loop &loop_;

@@ -6,13 +6,17 @@
 #include "connection.h"
 #include "loop.h"
 
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace confsim {
 
@@ -25,6 +29,7 @@ public:
         std::function<peer_ptr(int descriptor)> made;
         std::function<void(const peer_ptr &, xml::node_ptr)> received; // may throw broken
         std::function<void(const peer_ptr &, const std::string &why)> gone;
+        std::function<void(const std::string &why)> closed; // no more peers come in for now
     };
 
     server(event_loop &loop, int listener, std::size_t most, behaviour act)
@@ -35,6 +40,9 @@ public:
     ~server()
     {
         loop_.forget(listener_);
+        if (pause_) {
+            loop_.stop_timer(*pause_);
+        }
         for (const peer_ptr &each : peers_) {
             loop_.forget(each->stream.descriptor());
         }
@@ -64,17 +72,41 @@ private:
     {
         const int accepted = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (accepted < 0) {
-            return; // gone again
+            const bool has_gone_again = errno == EAGAIN || errno == ECONNABORTED;
+            if (!has_gone_again && errno != EINTR) {
+                report(std::strerror(errno));
+                pause();
+            }
+            return;
         }
         if (peers_.size() >= most_) {
             close(accepted);
+            report("there are " + std::to_string(most_));
             return;
         }
+        is_reported_ = false;
         peers_.push_back(act_.made(accepted));
         loop_.watch(accepted, POLLIN, [this, from = std::weak_ptr(peers_.back())](short events) {
             if (const peer_ptr alive = from.lock()) {
                 talk_to(alive, [&] { serve(alive, events); });
             }
+        });
+    }
+
+    void report(const std::string &why)
+    {
+        if (!std::exchange(is_reported_, true)) {
+            act_.closed(why);
+        }
+    }
+
+    // Who cannot be accepted stays in the queue, and would be announced again and again.
+    void pause()
+    {
+        loop_.change(listener_, 0);
+        pause_ = loop_.start_timer(seconds(0.5), [this] {
+            pause_.reset();
+            loop_.change(listener_, POLLIN);
         });
     }
 
@@ -95,6 +127,8 @@ private:
     std::size_t most_;
     behaviour act_;
     std::list<peer_ptr> peers_;
+    bool is_reported_ = false; // that no more come in, since one came in
+    std::optional<event_loop::timer> pause_;
 };
 
 } // namespace confsim
