@@ -68,6 +68,26 @@ stores)
     ends_with 0 run --store "$work/second" -- true
     says '>1</x:leaf>'
     ;;
+unreadable)
+    # What the next start could not read is not taken.
+    nested=$(printf '%254s' '')
+    echo "$nested" | sed 's| |<a>|g; p; s|<|</|g' >"$work/deep.xml"
+    ends_with 1 run --store "$store" --config "$work/deep.xml" -- true
+    says 'nested too deep'
+    for value in '\357\277\277' '\355\240\200' '\001' '\303'; do
+        type_in "$(printf "set /a:b $value")"
+        ends_with 1 run -- true
+        says 'characters that XML cannot hold'
+    done
+    {
+        printf 'set /a:b '
+        head -c 10000001 /dev/zero | tr '\0' x
+    } >"$input"
+    ends_with 1 run -- true >"$work/log"
+    says 'error: the value is too long'
+    type_in "$(printf 'set /a:b \360\237\230\200\ncommit')"
+    ends_with 0 run --store "$store" -- true
+    ;;
 killed)
     # Whatever was reported as committed before a kill is there afterwards.
     seq 20000 | sed 's|.*|set /test:system/value &\ncommit|' >"$work/script"

@@ -15,14 +15,21 @@ constexpr std::size_t most_bytes = std::size_t{64} << 20;
 // Parsers of XML stop at 256; a reply wraps the data in three elements more.
 constexpr std::size_t deepest = 250;
 
+// What would not be read again once it is stored.
+void refuse_unreadable(const node &tree)
+{
+    if (depth_of(tree) > deepest) {
+        throw failure("The data are nested too deep.");
+    }
+    refuse_duplicates(tree, {});
+}
+
 void refuse_excess(const node &tree)
 {
     if (size_of(tree) > most_bytes) {
         throw failure("There is no room for more.");
     }
-    if (depth_of(tree) > deepest) {
-        throw failure("The data are nested too deep.");
-    }
+    refuse_unreadable(tree);
 }
 
 } // namespace
@@ -80,7 +87,7 @@ node configuration::read(const std::string &file)
         }
     }
     try {
-        refuse_duplicates(loaded, {});
+        refuse_unreadable(loaded);
     } catch (const failure &error) {
         throw failure(file + ": " + error.what());
     }
@@ -102,7 +109,25 @@ std::string configuration::as_file(const node &tree)
     if (text.empty()) {
         throw failure("There is no memory to store the configuration.");
     }
+    (void)xml::parse_text(text, "the configuration cannot be read back"); // as the next start does
     return text + "\n";
+}
+
+void configuration::set(const path &where, const std::string &text)
+{
+    node changed = candidate_;
+    confsim::set(changed, where, text);
+    refuse_unreadable(changed);
+    candidate_ = std::move(changed);
+}
+
+std::size_t configuration::remove(const path &where)
+{
+    node changed = candidate_;
+    const std::size_t count = confsim::remove(changed, where);
+    refuse_unreadable(changed);
+    candidate_ = std::move(changed);
+    return count;
 }
 
 void configuration::accept()

@@ -41,8 +41,9 @@ public:
     // failure, with the candidate as before.
     void load(const std::string &file) { candidate_ = read(file); }
 
-    void set(const path &where, const std::string &text) { confsim::set(candidate_, where, text); }
-    std::size_t remove(const path &where) { return confsim::remove(candidate_, where); }
+    // As the functions of these names do with a tree. Throw failure, with the candidate as before.
+    void set(const path &where, const std::string &text);
+    std::size_t remove(const path &where);
     void discard() { candidate_ = running_; }
 
     // The candidate becomes the running configuration. Throws failure when it cannot be stored,

@@ -39,19 +39,22 @@ public:
 
     std::optional<std::string> next_line() override
     {
-        while (pending_.find('\n') == std::string::npos && !ended_) {
+        std::size_t end = pending_.find('\n');
+        while (end == std::string::npos && !ended_) {
             if (!wait_readable(loop_, descriptor_)) {
                 return std::nullopt;
             }
             std::array<char, 4096> bytes{};
             const ssize_t count = read(descriptor_, bytes.data(), bytes.size());
             ended_ = count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN);
+            const std::size_t before = pending_.size();
             pending_.append(bytes.data(), static_cast<std::size_t>(count < 0 ? 0 : count));
+            end = pending_.find('\n', before);
         }
         if (pending_.empty()) {
             return std::nullopt;
         }
-        const std::size_t end = std::min(pending_.find('\n'), pending_.size());
+        end = std::min(end, pending_.size());
         std::string line = pending_.substr(0, end);
         pending_.erase(0, end + 1);
         ++number_;

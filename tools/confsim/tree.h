@@ -32,8 +32,8 @@ struct node {
 [[nodiscard]] std::vector<const node *> find(const node &top, const path &where);
 
 // Makes the nodes of a path as far as they are missing, and gives the last the text. Throws
-// failure, with `top` as before, when the path is ambiguous or leads through a leaf, and for a text
-// that XML cannot hold.
+// failure, with `top` in some state, when the path is ambiguous or leads through a leaf, and for a
+// text that XML cannot hold.
 void set(node &top, const path &where, const std::string &text);
 
 // Replaces the instances that a path leads to by others of it, and makes the nodes above as far as
