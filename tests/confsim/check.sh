@@ -7,7 +7,8 @@ cd "$(dirname "$0")"
 confsim=$2/confsim
 plugin=$3/confsim_plugin
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+covered=$(mktemp -d /var/tmp/confsim-XXXXXX) # below a directory that "confsim run" covers
+trap 'rm -rf "$work" "$covered" "$covered".*' EXIT
 trap 'exit 1' HUP INT TERM
 output=$work/output
 store=$work/store
@@ -111,6 +112,19 @@ hostile)
         '"$0" & until [ -e /var/tmp/activated ]; do sleep 0.05; done; "$1"; wait' \
         "$plugin" "$3/confsim_hostile"
     says "does not read what it is sent"
+    ;;
+covered)
+    # What lies below a covered directory, or right in it, is there all the same.
+    cp running.xml "$covered.config"
+    echo 'show' >"$covered.script"
+    for place in "$covered/store" "$covered.store"; do
+        ends_with 0 run --store "$place" --config "$covered.config" --script "$covered.script" \
+            -- cat "$covered.script"
+        says '>info</value>'
+        [ -s "$place/running.xml" ] || fail "nothing is stored in $place"
+    done
+    ends_with 1 run --store /var/tmp -- true
+    says 'nothing would be kept'
     ;;
 trace)
     ends_with 0 run --config running.xml --script trace.confsim -- "$plugin"

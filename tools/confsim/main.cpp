@@ -17,6 +17,7 @@
 #include <iostream>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -53,6 +54,11 @@ void add_common_options(CLI::App &app, settings &wanted)
 // Moves into private namespaces, and keeps in sight there whatever the command line names.
 void enter_sandbox(settings &wanted)
 {
+    struct stat outside {};
+    if (!wanted.store.empty()) {
+        (void)mkdir(wanted.store.c_str(), 0700); // or it would be made in what covers its place
+        (void)stat(wanted.store.c_str(), &outside);
+    }
     sandbox::options options;
     options.network = wanted.network;
     options.keep = wanted.command;
@@ -64,6 +70,11 @@ void enter_sandbox(settings &wanted)
     std::string error;
     if (!sandbox::enter(options, error)) {
         throw failure("no sandbox: " + error);
+    }
+    struct stat inside {};
+    if (!wanted.store.empty() && stat(wanted.store.c_str(), &inside) == 0 &&
+        (inside.st_dev != outside.st_dev || inside.st_ino != outside.st_ino)) {
+        throw failure("run covers " + wanted.store + ", so nothing would be kept there");
     }
     if (wanted.directory.empty()) {
         wanted.directory = "/var/tmp"; // empty in there, and gone with the last process
