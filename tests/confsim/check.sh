@@ -68,6 +68,11 @@ stores)
     type_in 'show /x:top/leaf'
     ends_with 0 run --store "$work/second" -- true
     says '>1</x:leaf>'
+    # The name of a module does not end its namespace here.
+    echo '<top xmlns="http://example.org/y/"><leaf>2</leaf></top>' >"$work/slash.xml"
+    type_in 'show /y:top/leaf'
+    ends_with 0 run --config "$work/slash.xml" -- true
+    says '>2</leaf>'
     ;;
 unreadable)
     # What the next start could not read is not taken.

@@ -78,19 +78,21 @@ node configuration::read(const std::string &file)
     const xmlNode *root = xmlDocGetRootElement(doc.get());
     const std::string_view name = xml::name(root);
     node loaded = top();
-    if (name != "config" && name != "data") {
-        loaded.children.push_back(from_xml(root, "", modules_));
-    } else {
-        for (const xmlNode *child = xml::first_element(root); child != nullptr;
-             child = xml::next_element(child)) {
-            loaded.children.push_back(from_xml(child, "", modules_));
-        }
-    }
+    module_table modules = modules_; // a refused file names no modules
     try {
+        if (name != "config" && name != "data") {
+            loaded.children.push_back(from_xml(root, "", modules));
+        } else {
+            for (const xmlNode *child = xml::first_element(root); child != nullptr;
+                 child = xml::next_element(child)) {
+                loaded.children.push_back(from_xml(child, "", modules));
+            }
+        }
         refuse_unreadable(loaded);
     } catch (const failure &error) {
         throw failure(file + ": " + error.what());
     }
+    modules_ = std::move(modules);
     return loaded;
 }
 
