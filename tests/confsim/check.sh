@@ -138,6 +138,22 @@ trace)
     says '<password>******</password>'
     ! grep -F s3cret "$output" || fail "a secret is shown"
     ;;
+signals)
+    # A signal ends the script, and the program gets its time to end.
+    printf 'sleep 60\necho the script goes on\n' >"$work/script"
+    : >"$output"
+    "$confsim" run --script "$work/script" -- sh -c \
+        'trap "sleep 0.5; echo gentle end; exit 0" TERM; echo ready; while :; do sleep 0.1; done' \
+        >"$output" 2>&1 &
+    until grep -q '^ready' "$output"; do sleep 0.02; done
+    kill -TERM "$!"
+    seen=0
+    wait "$!" || seen=$?
+    cat "$output"
+    [ "$seen" = 1 ] || fail "exit status $seen instead of 1"
+    says 'gentle end'
+    ! grep -F 'the script goes on' "$output" || fail "the script goes on after a signal"
+    ;;
 exits)
     ends_with 2 --nonsense
     ends_with 2 run

@@ -96,7 +96,11 @@ public:
         }
         sigprocmask(SIG_BLOCK, &ending, nullptr);
         descriptor_ = signalfd(-1, &ending, SFD_CLOEXEC);
-        loop_.watch(descriptor_, POLLIN, [this](short) { loop_.interrupt(); });
+        loop_.watch(descriptor_, POLLIN, [this](short) {
+            signalfd_siginfo taken{}; // what is left would interrupt the end as well
+            (void)!read(descriptor_, &taken, sizeof taken);
+            loop_.interrupt();
+        });
     }
     ~signal_watch()
     {
@@ -114,7 +118,7 @@ private:
 // Carries out commands until they end, or one of a script fails. Returns the exit status.
 int converse(input &source, interpreter &commands, const event_loop &loop, const console &out)
 {
-    while (!commands.has_quit()) {
+    while (!commands.has_quit() && !loop.is_interrupted()) {
         const std::optional<std::string> line = source.next_line();
         if (!line) {
             break;
