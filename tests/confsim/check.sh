@@ -155,6 +155,16 @@ signals)
     ! grep -F 'the script goes on' "$output" || fail "the script goes on after a signal"
     ;;
 exits)
+    # What confsim ignores, its program does not.
+    type_in 'wait good 30'
+    ends_with 0 run -- sh -c 'for signal in PIPE XFSZ; do
+        sh -c "kill -$signal \$\$"
+        echo "by SIG$signal: $?"
+    done
+    exec "$0"' "$plugin"
+    says 'by SIGPIPE: 141'
+    says 'by SIGXFSZ: 153'
+    input=/dev/null
     ends_with 2 --nonsense
     ends_with 2 run
     ends_with 0 run -- true

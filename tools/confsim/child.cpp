@@ -34,7 +34,9 @@ constexpr seconds grace(2);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    (void)std::signal(SIGPIPE, SIG_DFL);
+    for (const int each : {SIGPIPE, SIGXFSZ}) { // which confsim itself ignores
+        (void)std::signal(each, SIG_DFL);
+    }
     prctl(PR_SET_PDEATHSIG, SIGTERM); // also when confsim is killed
     const int nothing = open("/dev/null", O_RDONLY);
     dup2(nothing, STDIN_FILENO);
