@@ -99,7 +99,7 @@ void interpreter::load(const words &line)
 
 void interpreter::set(const words &line)
 {
-    here_.config.set(parse_path(line[1]), line.size() > 2 ? line[2] : "");
+    here_.config.set(parse_path(line[1]), line.size() > 2 ? std::optional(line[2]) : std::nullopt);
     say("ok");
 }
 

@@ -115,7 +115,7 @@ std::string configuration::as_file(const node &tree)
     return text + "\n";
 }
 
-void configuration::set(const path &where, const std::string &text)
+void configuration::set(const path &where, const std::optional<std::string> &text)
 {
     node changed = candidate_;
     confsim::set(changed, where, text);

@@ -42,7 +42,7 @@ public:
     void load(const std::string &file) { candidate_ = read(file); }
 
     // As the functions of these names do with a tree. Throw failure, with the candidate as before.
-    void set(const path &where, const std::string &text);
+    void set(const path &where, const std::optional<std::string> &text);
     std::size_t remove(const path &where);
     void discard() { candidate_ = running_; }
 

@@ -90,6 +90,9 @@ void refuse_unprintable(const std::string &text)
     if (text.size() > longest) {
         throw failure("the value is too long");
     }
+    if (!text.empty() && text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        throw failure("the value holds nothing but blanks, which is read as empty");
+    }
     for (std::size_t i = 0; i < text.size();) {
         int length = static_cast<int>(std::min<std::size_t>(text.size() - i, 4));
         const int c = xmlGetUTF8Char(reinterpret_cast<const unsigned char *>(&text[i]), &length);
@@ -209,16 +212,17 @@ std::vector<const node *> find(const node &top, const path &where)
     return found;
 }
 
-void set(node &top, const path &where, const std::string &text)
+void set(node &top, const path &where, const std::optional<std::string> &text)
 {
-    refuse_unprintable(text);
     node &place = reach(top, where);
-    if (!text.empty() && !place.is_leaf()) {
+    if (!text) {
+        return;
+    }
+    refuse_unprintable(*text);
+    if (!place.is_leaf()) {
         throw failure(to_text(where) + " is not a leaf");
     }
-    if (!text.empty()) {
-        place.text = text;
-    }
+    place.text = *text;
 }
 
 void put(node &top, const path &where, std::vector<node> instances)
