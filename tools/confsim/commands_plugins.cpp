@@ -32,8 +32,10 @@ std::string read_file(const std::string &name)
 {
     std::ifstream file(name);
     std::ostringstream text;
-    text << file.rdbuf();
-    if (!file) {
+    if (file.peek() != std::ifstream::traits_type::eof()) {
+        text << file.rdbuf();
+    }
+    if (!file.is_open() || file.bad() || !text) {
         throw failure("cannot read " + name);
     }
     return text.str();
