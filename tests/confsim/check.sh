@@ -58,9 +58,11 @@ stores)
     ends_with 0 run --store "$store" --config running.xml --script restored.confsim -- true
     # A disk without room for the bigger configuration: the change is taken back.
     (
-        ulimit -f 8
-        ends_with 0 run --store "$store" --script full.confsim -- "$plugin"
-    )
+        ulimit -f 8 # of what confsim says, too, so that goes through a pipe
+        "$confsim" run --store "$store" --script full.confsim -- "$plugin" 2>&1 && echo "all went well"
+    ) | cat >"$output"
+    cat "$output"
+    says 'all went well'
     ends_with 0 run --store "$store" --script restored.confsim -- true
     # A module known by its prefix only keeps its name.
     echo '<x:top xmlns:x="urn:example:y"><leaf>1</leaf></x:top>' >"$work/prefixed.xml"
@@ -165,6 +167,9 @@ exits)
     says 'by SIGPIPE: 141'
     says 'by SIGXFSZ: 153'
     input=/dev/null
+    seen=0
+    "$confsim" run -- true >/dev/full || seen=$?
+    [ "$seen" = 1 ] || fail "exit status $seen without room for the output"
     ends_with 2 --nonsense
     ends_with 2 run
     ends_with 0 run -- true

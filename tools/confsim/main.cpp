@@ -14,6 +14,7 @@
 #include <CLI/CLI.hpp>
 
 #include <csignal>
+#include <cstdio>
 #include <iostream>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -186,7 +187,11 @@ int parse_and_simulate(int count, char **arguments)
 int main(int count, char **arguments)
 {
     try {
-        return parse_and_simulate(count, arguments);
+        const int status = parse_and_simulate(count, arguments);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+            throw failure("cannot write all of the output");
+        }
+        return status;
     } catch (const std::exception &error) {
         std::fprintf(stderr, "confsim: %s\n", error.what());
         return failed;
