@@ -170,6 +170,7 @@ exits)
     seen=0
     "$confsim" run -- true >/dev/full || seen=$?
     [ "$seen" = 1 ] || fail "exit status $seen without room for the output"
+    "$confsim" run -- true <&- || fail "exit status $? without standard input"
     ends_with 2 --nonsense
     ends_with 2 run
     ends_with 0 run -- true

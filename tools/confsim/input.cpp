@@ -170,7 +170,11 @@ std::unique_ptr<input> standard_input(event_loop &loop, console &out)
     if (isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) {
         return std::make_unique<terminal>(loop, out);
     }
-    return std::make_unique<stream>(loop, fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "stdin");
+    const int descriptor = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (descriptor < 0) {
+        throw failure("cannot read standard input: " + std::generic_category().message(errno));
+    }
+    return std::make_unique<stream>(loop, descriptor, "stdin");
 }
 
 std::unique_ptr<input> script_input(event_loop &loop, const std::string &file)

@@ -15,6 +15,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <iostream>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -163,6 +164,16 @@ int simulate(settings &wanted, bool with_command)
     return converse(*source, commands, loop, out);
 }
 
+// Otherwise the first files that are opened would be taken for standard input and output.
+void open_standard_files()
+{
+    for (int each = STDIN_FILENO; each <= STDERR_FILENO; ++each) {
+        if (fcntl(each, F_GETFD) < 0) {
+            (void)open("/dev/null", O_RDWR); // takes the lowest free number
+        }
+    }
+}
+
 int parse_and_simulate(int count, char **arguments)
 {
     settings wanted;
@@ -186,6 +197,7 @@ int parse_and_simulate(int count, char **arguments)
 
 int main(int count, char **arguments)
 {
+    open_standard_files();
     try {
         const int status = parse_and_simulate(count, arguments);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
