@@ -173,6 +173,7 @@ exits)
     "$confsim" run -- true <&- || fail "exit status $? without standard input"
     ends_with 2 --nonsense
     ends_with 2 run
+    ends_with 2 --timeout nan run -- true
     ends_with 0 run -- true
     ends_with 1 run --script running.xml -- true
     says 'running.xml:1: there is no command <config>'

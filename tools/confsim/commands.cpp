@@ -187,7 +187,7 @@ seconds interpreter::patience_from(const words &line, std::size_t position) cons
     }
     char *end = nullptr;
     const double given = std::strtod(line[position].c_str(), &end);
-    if (*end != '\0' || !(given >= 0 && given <= 86400)) {
+    if (line[position].empty() || *end != '\0' || !(given >= 0 && given <= 86400)) {
         throw failure("not a number of seconds: " + line[position]);
     }
     return seconds(given);

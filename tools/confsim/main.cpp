@@ -13,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
@@ -50,7 +51,10 @@ void add_common_options(CLI::App &app, settings &wanted)
         ->check(CLI::ExistingFile);
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
-        ->check(CLI::Range(0.001, 86400.0));
+        ->check(CLI::Range(0.001, 86400.0))
+        ->check([](const std::string &given) {
+            return std::isnan(std::stod(given)) ? "not a number: " + given : ""; // is in any range
+        });
 }
 
 // Moves into private namespaces, and keeps in sight there whatever the command line names.
