@@ -178,9 +178,11 @@ exits)
     ends_with 1 run --script running.xml -- true
     says 'running.xml:1: there is no command <config>'
     ends_with 1 run --config editing.confsim -- true
-    ends_with 1 run --script trace.confsim --timeout 2 -- /nothing/there
+    ends_with 1 run -- /nothing/there
+    says 'cannot run /nothing/there: No such file or directory'
+    ends_with 1 run --script trace.confsim --timeout 2 -- sh -c 'exit 7'
     says 'trace.confsim:2: plugin good was not activated in time'
-    says 'ended with exit status 127'
+    says 'ended with exit status 7'
     # Inside, the profile belongs to the confsim outside.
     ends_with 1 run --script trace.confsim --timeout 10 -- "$confsim"
     says 'belongs to a daemon that is alive, at /var/tmp'
