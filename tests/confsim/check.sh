@@ -156,6 +156,14 @@ signals)
     says 'gentle end'
     ! grep -F 'the script goes on' "$output" || fail "the script goes on after a signal"
     ;;
+terminal)
+    # What is typed is UTF-8 also in the C locale; what is not is replaced.
+    printf 'echo typed:\303\274:\377:\nquit\n' >"$work/keys"
+    LC_ALL=C script -qec "'$confsim' run -- true" /dev/null <"$work/keys" >"$output" || fail "$?"
+    cat "$output"
+    printf 'typed:\303\274:\357\277\275:\r\n' >"$work/wanted"
+    grep -qaF -f "$work/wanted" "$output" || fail "the line is not what was typed"
+    ;;
 exits)
     # What confsim ignores, its program does not.
     type_in 'wait good 30'

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 #include <fcntl.h>
 #include <poll.h>
@@ -86,7 +87,9 @@ public:
         if (editor_ == nullptr || history_ == nullptr) {
             throw failure("the terminal cannot be used for editing");
         }
-        (void)std::setlocale(LC_CTYPE, "");
+        if (std::setlocale(LC_CTYPE, "") == nullptr || MB_CUR_MAX == 1) {
+            (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // whatever is typed goes into XML
+        }
         HistEvent event{};
         history(history_.get(), &event, H_SETSIZE, 1000);
         el_set(editor_.get(), EL_CLIENTDATA, this);
@@ -146,16 +149,22 @@ private:
         terminal *self = nullptr;
         el_get(editor, EL_CLIENTDATA, &self);
         std::mbstate_t state{};
-        char byte = 0;
-        do {
+        std::size_t length = incomplete;
+        while (length == incomplete) {
+            char byte = 0;
             if (!wait_readable(self->loop_, STDIN_FILENO) || read(STDIN_FILENO, &byte, 1) != 1) {
                 return 0;
             }
-        } while (std::mbrtowc(key, &byte, 1, &state) == incomplete);
+            length = std::mbrtowc(key, &byte, 1, &state);
+        }
+        if (length == invalid) {
+            *key = L'\uFFFD'; // the replacement character
+        }
         return 1;
     }
 
-    static constexpr std::size_t incomplete = static_cast<std::size_t>(-2); // of mbrtowc(3)
+    static constexpr std::size_t invalid = static_cast<std::size_t>(-1); // of mbrtowc(3)
+    static constexpr std::size_t incomplete = static_cast<std::size_t>(-2);
 
     event_loop &loop_;
     console &out_;
