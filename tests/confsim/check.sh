@@ -56,6 +56,7 @@ start)
 stores)
     ends_with 0 run --store "$store" --script stores.confsim -- "$plugin"
     ends_with 0 run --store "$store" --config running.xml --script restored.confsim -- true
+    says '* the configuration of the store is used, not running.xml'
     # A disk without room for the bigger configuration: the change is taken back.
     (
         ulimit -f 8 # of what confsim says, too, so that goes through a pipe

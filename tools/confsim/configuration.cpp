@@ -96,13 +96,15 @@ node configuration::read(const std::string &file)
     return loaded;
 }
 
-void configuration::begin_with(const std::string &file)
+bool configuration::begin_with(const std::string &file)
 {
-    if (store_.file_of("running").empty()) {
-        running_ = read(file);
-        store_.write("running", as_file(running_));
-        discard();
+    if (!store_.file_of("running").empty()) {
+        return false;
     }
+    running_ = read(file);
+    store_.write("running", as_file(running_));
+    discard();
+    return true;
 }
 
 std::string configuration::as_file(const node &tree)

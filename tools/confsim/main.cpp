@@ -151,8 +151,8 @@ int simulate(settings &wanted, bool with_command)
     tracer trace(out);
     trace.enable(wanted.trace);
     configuration config(wanted.store);
-    if (!wanted.config.empty()) {
-        config.begin_with(wanted.config);
+    if (!wanted.config.empty() && !config.begin_with(wanted.config)) {
+        out.event("the configuration of the store is used, not " + wanted.config);
     }
     const std::unique_ptr<input> source =
         wanted.script.empty() ? standard_input(loop, out) : script_input(loop, wanted.script);
