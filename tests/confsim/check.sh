@@ -88,6 +88,9 @@ unreadable)
         ends_with 1 run -- true
         says 'characters that XML cannot hold'
     done
+    printf '<!DOCTYPE a [<!ENTITY b "text">]>\n<a>&b;</a>\n' >"$work/entity.xml"
+    ends_with 1 run --config "$work/entity.xml" -- true
+    says 'entity.xml: a document type declaration is not supported'
     {
         printf 'set /a:b '
         head -c 10000001 /dev/zero | tr '\0' x
