@@ -141,7 +141,8 @@ trace)
     ends_with 0 run --config running.xml --script trace.confsim -- "$plugin"
     says '--> good'
     says '<path>/test:system/user[name="ann"]</path>'
-    says '<password>******</password>'
+    masked=$(grep -cF '<password>******</password>' "$output")
+    [ "$masked" = 3 ] || fail "masked in $masked places instead of 3: two pulls and a call"
     ! grep -F s3cret "$output" || fail "a secret is shown"
     ;;
 signals)
