@@ -85,10 +85,13 @@ static int on_status(int session_id, const char *path, const char *filter, xmlNo
     return 0;
 }
 
-/* Gives its input back; without input the output stays empty. */
+/* Gives its input back; without input the output stays empty. <die/> ends the process. */
 static int on_echo(int session_id, xmlNode *input, xmlNode **output)
 {
     (void)session_id;
+    if (input != NULL && strcmp((const char *)input->name, "die") == 0) {
+        _exit(3);
+    }
     *output = xmlCopyNodeList(input);
     return 0;
 }

@@ -3,9 +3,9 @@
 
 #include "failure.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
@@ -22,8 +22,9 @@ namespace {
 // How long the program may take to end when it is asked to.
 constexpr seconds grace(2);
 
-// What the new process does; it never returns.
-[[noreturn]] void become(const std::vector<std::string> &command)
+// What the new process does; it never returns. When the program cannot be run, the reason goes to
+// `report`, which is closed otherwise.
+[[noreturn]] void become(const std::vector<std::string> &command, int report)
 {
     std::vector<char *> arguments;
     arguments.reserve(command.size() + 1);
@@ -34,7 +35,9 @@ constexpr seconds grace(2);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    (void)std::signal(SIGPIPE, SIG_DFL);
+    for (const int each : {SIGPIPE, SIGXFSZ}) { // which confsim itself ignores
+        (void)std::signal(each, SIG_DFL);
+    }
     prctl(PR_SET_PDEATHSIG, SIGTERM); // also when confsim is killed
     const int nothing = open("/dev/null", O_RDONLY);
     dup2(nothing, STDIN_FILENO);
@@ -42,27 +45,41 @@ constexpr seconds grace(2);
         close(nothing);
     }
     execvp(arguments[0], arguments.data());
-    std::fprintf(stderr, "confsim: cannot run %s: %s\n", arguments[0], std::strerror(errno));
+    const int error = errno;
+    (void)!write(report, &error, sizeof error);
     _exit(127);
 }
 
 } // namespace
 
 child::child(event_loop &loop, const console &out, const std::vector<std::string> &command)
-    : loop_(loop), out_(out), name_(command.front()), process_(fork())
+    : loop_(loop), out_(out), name_(command.front())
 {
+    std::array<int, 2> report{};
+    if (pipe2(report.data(), O_CLOEXEC) != 0) {
+        fail(errno);
+    }
+    process_ = fork();
+    int error = process_ < 0 ? errno : 0;
     if (process_ == 0) {
         setpgid(0, 0);
-        become(command);
+        become(command, report[1]);
     }
-    if (process_ > 0) {
-        setpgid(process_, process_); // whoever of the two comes first
+    close(report[1]);
+    if (process_ > 0 && read(report[0], &error, sizeof error) == 0) {
         handle_ = static_cast<int>(syscall(SYS_pidfd_open, process_, 0));
+        error = handle_ < 0 ? errno : 0;
     }
-    if (handle_ < 0) {
-        throw failure("cannot start " + name_ + ": " + std::generic_category().message(errno));
+    close(report[0]);
+    if (error != 0) {
+        fail(error);
     }
     loop_.watch(handle_, POLLIN, [this](short) { note_end(); });
+}
+
+void child::fail(int error) const
+{
+    throw failure("cannot run " + name_ + ": " + std::generic_category().message(error));
 }
 
 child::~child()

@@ -14,7 +14,7 @@ namespace confsim {
 class child {
 public:
     // The program runs in a process group of its own, with nothing on its standard input. Its end
-    // is reported when it ends by itself. Throws failure when no process can be made.
+    // is reported when it ends by itself. Throws failure when it cannot be started.
     child(event_loop &loop, const console &out, const std::vector<std::string> &command);
 
     // Ends the program and what it started, gently at first.
@@ -23,6 +23,7 @@ public:
     child &operator=(const child &) = delete;
 
 private:
+    [[noreturn]] void fail(int error) const;
     void note_end();
 
     event_loop &loop_;

@@ -7,12 +7,23 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <set>
 
 namespace confsim {
 
 namespace {
 
 constexpr std::size_t any_number = 1000000;
+
+// Every answer holds the empty text.
+std::string expected_text(const std::vector<std::string> &line)
+{
+    std::string text = join_words(line, 1);
+    if (text.empty()) {
+        throw failure("there is no text to look for");
+    }
+    return text;
+}
 
 } // namespace
 
@@ -58,7 +69,10 @@ bool interpreter::run(const std::string &line)
     try {
         const words split = split_words(line);
         if (!split.empty()) {
-            is_new_answer_ = true;
+            keeps_answer_ = keeps_answer(split);
+            if (!keeps_answer_) {
+                answer_.clear();
+            }
             (this->*look_up(split).carry_out)(split);
         }
         return true;
@@ -83,11 +97,22 @@ const interpreter::command &interpreter::look_up(const words &line)
     return *found;
 }
 
-// Prints a part of the answer at once. The first part replaces the answer before.
+// Whether `expect` behind a command still looks at the answer before it.
+bool interpreter::keeps_answer(const words &line)
+{
+    static const std::set<std::string> wrapping = {"fail", "try"};
+    static const std::set<std::string> keeping = {"expect", "expect-not", "sleep", "echo", "trace"};
+    const auto first = std::find_if(
+        line.begin(), line.end(), [](const std::string &word) { return !wrapping.contains(word); });
+    return first != line.end() && keeping.contains(*first);
+}
+
+// Prints a part of the answer at once.
 void interpreter::say(const std::string &text)
 {
-    answer_ = (is_new_answer_ ? "" : answer_ + "\n") + text;
-    is_new_answer_ = false;
+    if (!keeps_answer_) {
+        answer_ += (answer_.empty() ? "" : "\n") + text;
+    }
     here_.out.print(text);
 }
 
@@ -99,7 +124,7 @@ void interpreter::load(const words &line)
 
 void interpreter::set(const words &line)
 {
-    here_.config.set(parse_path(line[1]), line.size() > 2 ? line[2] : "");
+    here_.config.set(parse_path(line[1]), line.size() > 2 ? std::optional(line[2]) : std::nullopt);
     say("ok");
 }
 
@@ -162,7 +187,7 @@ seconds interpreter::patience_from(const words &line, std::size_t position) cons
     }
     char *end = nullptr;
     const double given = std::strtod(line[position].c_str(), &end);
-    if (*end != '\0' || !(given >= 0 && given <= 86400)) {
+    if (line[position].empty() || *end != '\0' || !(given >= 0 && given <= 86400)) {
         throw failure("not a number of seconds: " + line[position]);
     }
     return seconds(given);
@@ -170,7 +195,7 @@ seconds interpreter::patience_from(const words &line, std::size_t position) cons
 
 void interpreter::expect(const words &line)
 {
-    const std::string text = join_words(line, 1);
+    const std::string text = expected_text(line);
     if (answer_.find(text) == std::string::npos) {
         throw failure("expected \"" + text + "\" in the last answer, which was:\n" + answer_);
     }
@@ -178,7 +203,7 @@ void interpreter::expect(const words &line)
 
 void interpreter::expect_not(const words &line)
 {
-    const std::string text = join_words(line, 1);
+    const std::string text = expected_text(line);
     if (answer_.find(text) != std::string::npos) {
         throw failure("did not expect \"" + text + "\" in the last answer, which was:\n" + answer_);
     }

@@ -48,6 +48,7 @@ private:
     static const command table[];
 
     [[nodiscard]] static const command &look_up(const words &line);
+    [[nodiscard]] static bool keeps_answer(const words &line);
     void say(const std::string &text);
     [[nodiscard]] plugin_ptr active_plugin(const std::string &name) const;
     [[nodiscard]] seconds patience_from(const words &line, std::size_t position) const;
@@ -78,8 +79,8 @@ private:
     void quit(const words &line);
 
     workplace here_;
-    std::string answer_; // of the last command that gave one
-    bool is_new_answer_ = false;
+    std::string answer_; // of the last command that gives one
+    bool keeps_answer_ = false;
     std::string error_;
     bool has_quit_ = false;
 };

@@ -32,8 +32,10 @@ std::string read_file(const std::string &name)
 {
     std::ifstream file(name);
     std::ostringstream text;
-    text << file.rdbuf();
-    if (!file) {
+    if (file.peek() != std::ifstream::traits_type::eof()) {
+        text << file.rdbuf();
+    }
+    if (!file.is_open() || file.bad() || !text) {
         throw failure("cannot read " + name);
     }
     return text.str();
@@ -134,8 +136,9 @@ void interpreter::call(const words &line)
         xml::add(params.get(), "session-id", session_id);
         xml::add(params.get(), "callback", std::to_string(found->index));
         xml::add(params.get(), xml::copy(xmlDocGetRootElement(info.get())));
-        const answer got = here_.service.exchange(each, "publish", std::move(params));
-        say(xml::print_children(result_of(got, each->name)));
+        const plugin_ptr to = each; // it may leave the list before it answers
+        const answer got = here_.service.exchange(to, "publish", std::move(params));
+        say(xml::print_children(result_of(got, to->name)));
         return;
     }
     throw failure("no active plugin serves the operation " + line[1]);

@@ -15,14 +15,21 @@ constexpr std::size_t most_bytes = std::size_t{64} << 20;
 // Parsers of XML stop at 256; a reply wraps the data in three elements more.
 constexpr std::size_t deepest = 250;
 
+// What would not be read again once it is stored.
+void refuse_unreadable(const node &tree)
+{
+    if (depth_of(tree) > deepest) {
+        throw failure("The data are nested too deep.");
+    }
+    refuse_duplicates(tree, {});
+}
+
 void refuse_excess(const node &tree)
 {
     if (size_of(tree) > most_bytes) {
         throw failure("There is no room for more.");
     }
-    if (depth_of(tree) > deepest) {
-        throw failure("The data are nested too deep.");
-    }
+    refuse_unreadable(tree);
 }
 
 } // namespace
@@ -71,29 +78,33 @@ node configuration::read(const std::string &file)
     const xmlNode *root = xmlDocGetRootElement(doc.get());
     const std::string_view name = xml::name(root);
     node loaded = top();
-    if (name != "config" && name != "data") {
-        loaded.children.push_back(from_xml(root, "", modules_));
-    } else {
-        for (const xmlNode *child = xml::first_element(root); child != nullptr;
-             child = xml::next_element(child)) {
-            loaded.children.push_back(from_xml(child, "", modules_));
-        }
-    }
+    module_table modules = modules_; // a refused file names no modules
     try {
-        refuse_duplicates(loaded, {});
+        if (name != "config" && name != "data") {
+            loaded.children.push_back(from_xml(root, "", modules));
+        } else {
+            for (const xmlNode *child = xml::first_element(root); child != nullptr;
+                 child = xml::next_element(child)) {
+                loaded.children.push_back(from_xml(child, "", modules));
+            }
+        }
+        refuse_unreadable(loaded);
     } catch (const failure &error) {
         throw failure(file + ": " + error.what());
     }
+    modules_ = std::move(modules);
     return loaded;
 }
 
-void configuration::begin_with(const std::string &file)
+bool configuration::begin_with(const std::string &file)
 {
-    if (store_.file_of("running").empty()) {
-        running_ = read(file);
-        store_.write("running", as_file(running_));
-        discard();
+    if (!store_.file_of("running").empty()) {
+        return false;
     }
+    running_ = read(file);
+    store_.write("running", as_file(running_));
+    discard();
+    return true;
 }
 
 std::string configuration::as_file(const node &tree)
@@ -102,7 +113,25 @@ std::string configuration::as_file(const node &tree)
     if (text.empty()) {
         throw failure("There is no memory to store the configuration.");
     }
+    (void)xml::parse_text(text, "the configuration cannot be read back"); // as the next start does
     return text + "\n";
+}
+
+void configuration::set(const path &where, const std::optional<std::string> &text)
+{
+    node changed = candidate_;
+    confsim::set(changed, where, text);
+    refuse_unreadable(changed);
+    candidate_ = std::move(changed);
+}
+
+std::size_t configuration::remove(const path &where)
+{
+    node changed = candidate_;
+    const std::size_t count = confsim::remove(changed, where);
+    refuse_unreadable(changed);
+    candidate_ = std::move(changed);
+    return count;
 }
 
 void configuration::accept()

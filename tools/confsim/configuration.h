@@ -34,15 +34,17 @@ public:
     // configuration and the running one as the old.
     void set_committing(bool now) { committing_ = now; }
 
-    // Takes the running configuration from a file, unless the store had one. Throws failure.
-    void begin_with(const std::string &file);
+    // Takes the running configuration from a file, unless the store had one. Returns whether it did.
+    // Throws failure.
+    bool begin_with(const std::string &file);
 
     // Takes the candidate from a file whose root is <config>, <data> or the only top node. Throws
     // failure, with the candidate as before.
     void load(const std::string &file) { candidate_ = read(file); }
 
-    void set(const path &where, const std::string &text) { confsim::set(candidate_, where, text); }
-    std::size_t remove(const path &where) { return confsim::remove(candidate_, where); }
+    // As the functions of these names do with a tree. Throw failure, with the candidate as before.
+    void set(const path &where, const std::optional<std::string> &text);
+    std::size_t remove(const path &where);
     void discard() { candidate_ = running_; }
 
     // The candidate becomes the running configuration. Throws failure when it cannot be stored,

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 #include <fcntl.h>
 #include <poll.h>
@@ -39,19 +40,22 @@ public:
 
     std::optional<std::string> next_line() override
     {
-        while (pending_.find('\n') == std::string::npos && !ended_) {
+        std::size_t end = pending_.find('\n');
+        while (end == std::string::npos && !ended_) {
             if (!wait_readable(loop_, descriptor_)) {
                 return std::nullopt;
             }
             std::array<char, 4096> bytes{};
             const ssize_t count = read(descriptor_, bytes.data(), bytes.size());
             ended_ = count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN);
+            const std::size_t before = pending_.size();
             pending_.append(bytes.data(), static_cast<std::size_t>(count < 0 ? 0 : count));
+            end = pending_.find('\n', before);
         }
         if (pending_.empty()) {
             return std::nullopt;
         }
-        const std::size_t end = std::min(pending_.find('\n'), pending_.size());
+        end = std::min(end, pending_.size());
         std::string line = pending_.substr(0, end);
         pending_.erase(0, end + 1);
         ++number_;
@@ -83,7 +87,9 @@ public:
         if (editor_ == nullptr || history_ == nullptr) {
             throw failure("the terminal cannot be used for editing");
         }
-        (void)std::setlocale(LC_CTYPE, "");
+        if (std::setlocale(LC_CTYPE, "") == nullptr || MB_CUR_MAX == 1) {
+            (void)std::setlocale(LC_CTYPE, "C.UTF-8"); // whatever is typed goes into XML
+        }
         HistEvent event{};
         history(history_.get(), &event, H_SETSIZE, 1000);
         el_set(editor_.get(), EL_CLIENTDATA, this);
@@ -143,16 +149,22 @@ private:
         terminal *self = nullptr;
         el_get(editor, EL_CLIENTDATA, &self);
         std::mbstate_t state{};
-        char byte = 0;
-        do {
+        std::size_t length = incomplete;
+        while (length == incomplete) {
+            char byte = 0;
             if (!wait_readable(self->loop_, STDIN_FILENO) || read(STDIN_FILENO, &byte, 1) != 1) {
                 return 0;
             }
-        } while (std::mbrtowc(key, &byte, 1, &state) == incomplete);
+            length = std::mbrtowc(key, &byte, 1, &state);
+        }
+        if (length == invalid) {
+            *key = L'\uFFFD'; // the replacement character
+        }
         return 1;
     }
 
-    static constexpr std::size_t incomplete = static_cast<std::size_t>(-2); // of mbrtowc(3)
+    static constexpr std::size_t invalid = static_cast<std::size_t>(-1); // of mbrtowc(3)
+    static constexpr std::size_t incomplete = static_cast<std::size_t>(-2);
 
     event_loop &loop_;
     console &out_;
@@ -167,7 +179,11 @@ std::unique_ptr<input> standard_input(event_loop &loop, console &out)
     if (isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) {
         return std::make_unique<terminal>(loop, out);
     }
-    return std::make_unique<stream>(loop, fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "stdin");
+    const int descriptor = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (descriptor < 0) {
+        throw failure("cannot read standard input: " + std::generic_category().message(errno));
+    }
+    return std::make_unique<stream>(loop, descriptor, "stdin");
 }
 
 std::unique_ptr<input> script_input(event_loop &loop, const std::string &file)

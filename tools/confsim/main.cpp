@@ -13,10 +13,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <csignal>
+#include <cstdio>
+#include <fcntl.h>
 #include <iostream>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -47,12 +51,20 @@ void add_common_options(CLI::App &app, settings &wanted)
         ->check(CLI::ExistingFile);
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
-        ->check(CLI::Range(0.001, 86400.0));
+        ->check(CLI::Range(0.001, 86400.0))
+        ->check([](const std::string &given) {
+            return std::isnan(std::stod(given)) ? "not a number: " + given : ""; // is in any range
+        });
 }
 
 // Moves into private namespaces, and keeps in sight there whatever the command line names.
 void enter_sandbox(settings &wanted)
 {
+    struct stat outside {};
+    if (!wanted.store.empty()) {
+        (void)mkdir(wanted.store.c_str(), 0700); // or it would be made in what covers its place
+        (void)stat(wanted.store.c_str(), &outside);
+    }
     sandbox::options options;
     options.network = wanted.network;
     options.keep = wanted.command;
@@ -64,6 +76,11 @@ void enter_sandbox(settings &wanted)
     std::string error;
     if (!sandbox::enter(options, error)) {
         throw failure("no sandbox: " + error);
+    }
+    struct stat inside {};
+    if (!wanted.store.empty() && stat(wanted.store.c_str(), &inside) == 0 &&
+        (inside.st_dev != outside.st_dev || inside.st_ino != outside.st_ino)) {
+        throw failure("run covers " + wanted.store + ", so nothing would be kept there");
     }
     if (wanted.directory.empty()) {
         wanted.directory = "/var/tmp"; // empty in there, and gone with the last process
@@ -85,7 +102,11 @@ public:
         }
         sigprocmask(SIG_BLOCK, &ending, nullptr);
         descriptor_ = signalfd(-1, &ending, SFD_CLOEXEC);
-        loop_.watch(descriptor_, POLLIN, [this](short) { loop_.interrupt(); });
+        loop_.watch(descriptor_, POLLIN, [this](short) {
+            signalfd_siginfo taken{}; // what is left would interrupt the end as well
+            (void)!read(descriptor_, &taken, sizeof taken);
+            loop_.interrupt();
+        });
     }
     ~signal_watch()
     {
@@ -103,7 +124,7 @@ private:
 // Carries out commands until they end, or one of a script fails. Returns the exit status.
 int converse(input &source, interpreter &commands, const event_loop &loop, const console &out)
 {
-    while (!commands.has_quit()) {
+    while (!commands.has_quit() && !loop.is_interrupted()) {
         const std::optional<std::string> line = source.next_line();
         if (!line) {
             break;
@@ -130,8 +151,8 @@ int simulate(settings &wanted, bool with_command)
     tracer trace(out);
     trace.enable(wanted.trace);
     configuration config(wanted.store);
-    if (!wanted.config.empty()) {
-        config.begin_with(wanted.config);
+    if (!wanted.config.empty() && !config.begin_with(wanted.config)) {
+        out.event("the configuration of the store is used, not " + wanted.config);
     }
     const std::unique_ptr<input> source =
         wanted.script.empty() ? standard_input(loop, out) : script_input(loop, wanted.script);
@@ -145,6 +166,16 @@ int simulate(settings &wanted, bool with_command)
     }
     interpreter commands({loop, out, trace, config, service, patience});
     return converse(*source, commands, loop, out);
+}
+
+// Otherwise the first files that are opened would be taken for standard input and output.
+void open_standard_files()
+{
+    for (int each = STDIN_FILENO; each <= STDERR_FILENO; ++each) {
+        if (fcntl(each, F_GETFD) < 0) {
+            (void)open("/dev/null", O_RDWR); // takes the lowest free number
+        }
+    }
 }
 
 int parse_and_simulate(int count, char **arguments)
@@ -170,8 +201,13 @@ int parse_and_simulate(int count, char **arguments)
 
 int main(int count, char **arguments)
 {
+    open_standard_files();
     try {
-        return parse_and_simulate(count, arguments);
+        const int status = parse_and_simulate(count, arguments);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+            throw failure("cannot write all of the output");
+        }
+        return status;
     } catch (const std::exception &error) {
         std::fprintf(stderr, "confsim: %s\n", error.what());
         return failed;

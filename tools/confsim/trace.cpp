@@ -1,5 +1,5 @@
-// See trace.h. A value is masked where it stands on one line with its tags, so line breaks inside
-// of texts are shown as spaces.
+// See trace.h. A value is masked where it stands on one line right between its tags, so line breaks
+// inside of texts are shown as spaces, and CDATA sections as texts.
 #include "trace.h"
 
 #include "conf_debug.h"
@@ -11,14 +11,17 @@ namespace confsim {
 
 namespace {
 
-void join_lines(const xmlNode *node)
+void make_plain(const xmlNode *node)
 {
     for (xmlNode *part = node->children; part != nullptr; part = part->next) {
         if (part->type == XML_ELEMENT_NODE) {
-            join_lines(part);
+            make_plain(part);
         } else if (part->content != nullptr && part->type != XML_ENTITY_REF_NODE) {
             char *text = reinterpret_cast<char *>(part->content);
             std::replace(text, text + std::char_traits<char>::length(text), '\n', ' ');
+            if (part->type == XML_CDATA_SECTION_NODE) {
+                part->type = XML_TEXT_NODE;
+            }
         }
     }
 }
@@ -37,7 +40,7 @@ void tracer::frame(const char *direction, const std::string &peer, const xmlNode
         return;
     }
     const xml::node_ptr copy = xml::copy(message);
-    join_lines(copy.get());
+    make_plain(copy.get());
     print(headline, xml::print(copy.get()));
 }
 

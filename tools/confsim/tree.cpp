@@ -3,6 +3,7 @@
 
 #include "failure.h"
 
+#include <libxml/chvalid.h>
 #include <libxml/xmlstring.h>
 
 #include <algorithm>
@@ -82,14 +83,23 @@ std::vector<std::size_t> matching(const node &parent, const step &wanted)
     return found;
 }
 
-// A value that does not stand in XML would make the file that it is stored in unreadable.
+// A value that XML cannot hold, or no parser takes, makes the file that it is stored in unreadable.
 void refuse_unprintable(const std::string &text)
 {
-    const bool control = std::any_of(text.begin(), text.end(), [](char c) {
-        return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\n' && c != '\r';
-    });
-    if (control || xmlCheckUTF8(reinterpret_cast<const unsigned char *>(text.c_str())) == 0) {
-        throw failure("the value holds characters that XML cannot hold");
+    constexpr std::size_t longest = 10000000;
+    if (text.size() > longest) {
+        throw failure("the value is too long");
+    }
+    if (!text.empty() && text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        throw failure("the value holds nothing but blanks, which is read as empty");
+    }
+    for (std::size_t i = 0; i < text.size();) {
+        int length = static_cast<int>(std::min<std::size_t>(text.size() - i, 4));
+        const int c = xmlGetUTF8Char(reinterpret_cast<const unsigned char *>(&text[i]), &length);
+        if (c < 0 || !xmlIsCharQ(c)) {
+            throw failure("the value holds characters that XML cannot hold");
+        }
+        i += static_cast<std::size_t>(length);
     }
 }
 
@@ -202,18 +212,17 @@ std::vector<const node *> find(const node &top, const path &where)
     return found;
 }
 
-void set(node &top, const path &where, const std::string &text)
+void set(node &top, const path &where, const std::optional<std::string> &text)
 {
-    refuse_unprintable(text);
-    node changed = top; // only a complete change is kept
-    node &place = reach(changed, where);
-    if (!text.empty() && !place.is_leaf()) {
+    node &place = reach(top, where);
+    if (!text) {
+        return;
+    }
+    refuse_unprintable(*text);
+    if (!place.is_leaf()) {
         throw failure(to_text(where) + " is not a leaf");
     }
-    if (!text.empty()) {
-        place.text = text;
-    }
-    top = std::move(changed);
+    place.text = *text;
 }
 
 void put(node &top, const path &where, std::vector<node> instances)
@@ -232,7 +241,6 @@ void put(node &top, const path &where, std::vector<node> instances)
     if (find(top, where).size() != count) { // also when the key of a node above has gone
         throw failure("The data are not what " + to_text(where) + " names.");
     }
-    refuse_duplicates(parent, parent_of(where));
 }
 
 void add_missing(node &to, const node &from)

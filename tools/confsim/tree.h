@@ -31,10 +31,10 @@ struct node {
 // All nodes of a path below `top`, whose own name does not matter.
 [[nodiscard]] std::vector<const node *> find(const node &top, const path &where);
 
-// Makes the nodes of a path as far as they are missing, and gives the last the text. Throws
-// failure, with `top` as before, when the path is ambiguous or leads through a leaf, and for a text
-// that XML cannot hold.
-void set(node &top, const path &where, const std::string &text);
+// Makes the nodes of a path as far as they are missing, and gives the last the text, if there is
+// one. Throws failure, with `top` in some state, when the path is ambiguous or leads through a
+// leaf, and for a text that XML cannot hold.
+void set(node &top, const path &where, const std::optional<std::string> &text);
 
 // Replaces the instances that a path leads to by others of it, and makes the nodes above as far as
 // they are missing. Throws failure, with `top` in some state, also when the path does not name one

@@ -1,6 +1,8 @@
 // See tree_xml.h.
 #include "tree_xml.h"
 
+#include "failure.h"
+
 namespace confsim {
 
 namespace {
@@ -12,7 +14,8 @@ const xmlChar *chars(const std::string &text)
 
 std::string last_part(const std::string &uri)
 {
-    return uri.substr(uri.find_last_of(":/#") + 1);
+    const std::string bare = uri.substr(0, uri.find_last_not_of("/#") + 1);
+    return bare.substr(bare.find_last_of(":/#") + 1);
 }
 
 // A module without a namespace takes back the default one of the node above, if there is one.
@@ -53,8 +56,15 @@ const std::string &module_table::name_of(const xmlNs *space)
         const std::string name = space->prefix != nullptr
                                      ? reinterpret_cast<const char *>(space->prefix)
                                      : last_part(uri);
+        if (name.empty()) {
+            throw failure("The namespace " + uri + " names no module.");
+        }
+        const std::string &own = uris_.try_emplace(name, uri).first->second;
+        if (own != uri) {
+            throw failure("The namespace of the module " + name + " is \"" + own + "\", not \"" +
+                          uri + "\".");
+        }
         known = names_.emplace(uri, name).first;
-        uris_[name] = uri;
     }
     return known->second;
 }

@@ -14,7 +14,7 @@ namespace confsim {
 class module_table {
 public:
     // The module of a namespace seen in a file: the name it is known by, else its prefix, else the
-    // last part of its URI.
+    // last part of its URI. Throws failure when the name already stands for another namespace.
     const std::string &name_of(const xmlNs *space);
 
     // The namespace of a module, urn:MODULE if no file named one; empty for a module without.

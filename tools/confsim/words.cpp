@@ -39,6 +39,13 @@ std::size_t take_quoted(const std::string &line, std::size_t at, std::string &wo
     return at + 1;
 }
 
+// XML is the rest of the line as it stands, without the blanks at the end.
+std::size_t take_xml(const std::string &line, std::size_t at, std::string &word)
+{
+    word = line.substr(at, line.find_last_not_of(blanks) + 1 - at);
+    return line.size();
+}
+
 std::size_t take_plain(const std::string &line, std::size_t at, std::string &word)
 {
     const std::size_t begin = at;
@@ -57,7 +64,9 @@ std::vector<std::string> split_words(const std::string &line)
     std::size_t at = line.find_first_not_of(blanks);
     while (at != std::string::npos && line[at] != '#') {
         std::string word;
-        at = is_quote(line[at]) ? take_quoted(line, at, word) : take_plain(line, at, word);
+        at = is_quote(line[at]) ? take_quoted(line, at, word)
+             : line[at] == '<'  ? take_xml(line, at, word)
+                                : take_plain(line, at, word);
         words.push_back(word);
         at = line.find_first_not_of(blanks, at);
     }

@@ -34,6 +34,9 @@ Pointer made(Pointer pointer)
 doc_ptr checked(xmlDoc *parsed, const std::string &origin)
 {
     doc_ptr doc(parsed);
+    if (doc != nullptr && doc->intSubset != nullptr) { // its entities would be lost
+        throw failure(origin + ": a document type declaration is not supported");
+    }
     if (doc != nullptr && xmlDocGetRootElement(doc.get()) != nullptr) {
         return doc;
     }

@@ -110,7 +110,7 @@ private:
     int descriptor_;
 };
 
-// The directory right below a covered one that leads to `path`, if `path` lies in such a one.
+// What stands right below a covered directory and leads to `path`, if `path` lies in such a one.
 std::optional<std::string> hidden_way_to(const fs::path &path)
 {
     for (const covered &each : covered_directories) {
@@ -119,7 +119,8 @@ std::optional<std::string> hidden_way_to(const fs::path &path)
         const bool is_dev = base == "/dev"; // holds devices, never anybody's files
         if (end == base.end() && rest != path.end() && !is_dev) {
             const fs::path way = base / *rest;
-            if (directory_exists(way)) {
+            std::error_code unreadable;
+            if (fs::exists(way, unreadable)) {
                 return way.string();
             }
         }

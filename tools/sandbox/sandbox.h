@@ -6,8 +6,8 @@
 // System V objects are private. Nothing of it is seen outside, and all of it goes with the process.
 //
 // When the current directory, the program or a path of `keep` lies below one of the covered
-// directories (/var/tmp/build/tests, say), the directory right below the covered one that leads to
-// it (/var/tmp/build) stays reachable at its place.
+// directories (/var/tmp/build/tests, say), what stands right below the covered one and leads to it
+// (/var/tmp/build) stays reachable at its place.
 #ifndef CONFSVC_SANDBOX_H
 #define CONFSVC_SANDBOX_H
 
