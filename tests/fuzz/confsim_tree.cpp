@@ -23,7 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             EXPECT_EQ(to_text(parse_path(to_text(where))), to_text(where));
             if (what == 0) {
                 const std::string value = in.ConsumeRandomLengthString(10);
-                set(top, where, value);
+                node changed = top;
+                set(changed, where, value);
+                top = std::move(changed);
             } else if (what == 1) {
                 const std::size_t count = find(top, where).size();
                 EXPECT_EQ(remove(top, where), count) << text;

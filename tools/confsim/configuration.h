@@ -34,8 +34,8 @@ public:
     // configuration and the running one as the old.
     void set_committing(bool now) { committing_ = now; }
 
-    // Takes the running configuration from a file, unless the store had one. Returns whether it did.
-    // Throws failure.
+    // Takes the running configuration from a file, unless the store had one. Returns whether it
+    // did. Throws failure.
     bool begin_with(const std::string &file);
 
     // Takes the candidate from a file whose root is <config>, <data> or the only top node. Throws
