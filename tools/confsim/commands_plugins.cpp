@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <list>
 #include <sstream>
 
 namespace confsim {
@@ -123,7 +124,8 @@ void interpreter::call(const words &line)
     if (input.starts_with('@')) {
         input = read_file(input.substr(1));
     }
-    for (const plugin_ptr &each : here_.service.plugins()) {
+    const std::list<plugin_ptr> present = here_.service.plugins(); // one that ends leaves the list
+    for (const plugin_ptr &each : present) {
         const auto found =
             std::find_if(each->operations.begin(), each->operations.end(),
                          [&line](const operation &known) { return is_called(known, line[1]); });
@@ -136,9 +138,8 @@ void interpreter::call(const words &line)
         xml::add(params.get(), "session-id", session_id);
         xml::add(params.get(), "callback", std::to_string(found->index));
         xml::add(params.get(), xml::copy(xmlDocGetRootElement(info.get())));
-        const plugin_ptr to = each; // it may leave the list before it answers
-        const answer got = here_.service.exchange(to, "publish", std::move(params));
-        say(xml::print_children(result_of(got, to->name)));
+        const answer got = here_.service.exchange(each, "publish", std::move(params));
+        say(xml::print_children(result_of(got, each->name)));
         return;
     }
     throw failure("no active plugin serves the operation " + line[1]);
