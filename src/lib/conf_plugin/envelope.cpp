@@ -13,11 +13,7 @@ namespace {
 // The text of the first child of that name; null when there is none or it holds no text.
 const char *child_text(const xmlNode *parent, const char *name)
 {
-    xmlNode *child = parent == nullptr ? nullptr : parent->children;
-    while (child != nullptr && !is_element(child, name)) {
-        child = child->next;
-    }
-    return conf_get_node_content(child);
+    return conf_get_node_content(parent == nullptr ? nullptr : child_element(parent, name));
 }
 
 // Hangs `child` below `parent`, which owns it from then on, and belongs to the document of the

@@ -1,6 +1,5 @@
-// The blocking exchange with the daemon over the non-blocking socket: a request and its reply, a
-// reply alone, and the recorded error that the next reply carries.
-// Relies on frame.cpp for the bytes and on envelope.cpp for the documents.
+// The blocking exchange with the daemon over the non-blocking socket: a request and its reply, and
+// a reply alone. Relies on frame.cpp for the bytes and on envelope.cpp for the documents.
 //
 // Before the first wait the message is written at once: a Unix socket reports no room while more
 // than a quarter of its buffer is unread, although a write would still succeed. Where something is
@@ -8,20 +7,15 @@
 // tell of new room only. A wait for the reply alone needs one when it takes long: that the daemon
 // takes the request out of the socket begins the limit anew.
 #include "plugin_internal.h"
-#include "support/bounded.h"
 #include "support/log.h"
 #include "wire.h"
 #include "xml.h"
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <utility>
-
-char def_err_msg[] = "Service process failed.";
 
 namespace {
 
@@ -154,23 +148,6 @@ int send_on(conf_plugin_data *plugin)
         (void)send_at_once(plugin);
     }
     return 0;
-}
-
-// The text in a block that is as large as it from the start: one that grows leaves its beginning
-// behind. Null when there is no memory or the format cannot be expanded.
-__attribute__((format(printf, 1, 0))) char *print_whole(const char *format, std::va_list arguments)
-{
-    std::va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    const std::size_t size = static_cast<std::size_t>(length) + 1;
-    char *text = length < 0 ? nullptr : static_cast<char *>(malloc(size));
-    if (text != nullptr && std::vsnprintf(text, size, format, arguments) < 0) {
-        free(text);
-        text = nullptr;
-    }
-    return text;
 }
 
 // Sends what is left of the request and receives until the reply is there. Without an epoll
@@ -306,27 +283,4 @@ int _plugin_single_rpc_send(conf_plugin_data *plugin, xmlNode *rpc)
         return -1;
     }
     return 0;
-}
-
-void release_error_text(char *err_msg)
-{
-    if (err_msg != nullptr && err_msg != def_err_msg) {
-        support::wipe(err_msg, std::strlen(err_msg));
-        free(err_msg);
-    }
-}
-
-void _plugin_set_error(conf_plugin_data *plugin, int err_code, const char *err_msg, ...)
-{
-    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
-    char *text = nullptr;
-    if (err_msg != nullptr) {
-        std::va_list arguments;
-        va_start(arguments, err_msg);
-        text = print_whole(err_msg, arguments);
-        va_end(arguments);
-    }
-    release_error_text(ctxt->err_msg); // last: the arguments may point into it
-    ctxt->err_code = err_code;
-    ctxt->err_msg = text != nullptr ? text : def_err_msg;
 }

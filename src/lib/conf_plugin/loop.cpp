@@ -33,18 +33,8 @@ void read_number(xmlNode *node, int *number)
 
 // ---- callbacks ---------------------------------------------------------------------------------
 
-// The callback of an index that was announced for that kind; null for every other number. Slot 0,
-// the kick-off, was never announced.
-econf_subpub_cb_t announced_callback(const conf_plugin_context_t *ctxt, callback_kind kind,
-                                     int index)
-{
-    const auto slot = static_cast<u32_t>(index);
-    const bool announced = slot < ctxt->cbs_nums && is_announced_as(ctxt, kind, slot);
-    return announced ? ctxt->cbs[index] : nullptr;
-}
-
-// The same, recording what is wrong.
-econf_subpub_cb_t find_callback(const request &request, callback_kind kind, int index)
+// The callback of an index, or null with what is wrong recorded.
+econf_subpub_cb_t find_callback(const daemon_request &request, callback_kind kind, int index)
 {
     const conf_plugin_context_t *ctxt = request.plugin->plugin_ctxt;
     const econf_subpub_cb_t callback = announced_callback(ctxt, kind, index);
@@ -143,7 +133,7 @@ int call_config(econf_subpub_cb_t callback, int version, int session_id,
     return result;
 }
 
-void _publish_config_proc(const request &request, int session_id, int index, xmlNode *info)
+void _publish_config_proc(const daemon_request &request, int session_id, int index, xmlNode *info)
 {
     conf_plugin_data *plugin = request.plugin;
     const config_change change = read_change(info);
@@ -171,7 +161,7 @@ void _publish_config_proc(const request &request, int session_id, int index, xml
 
 // ---- operations --------------------------------------------------------------------------------
 
-void _publish_operate_proc(const request &request, int session_id, int index, xmlNode *info)
+void _publish_operate_proc(const daemon_request &request, int session_id, int index, xmlNode *info)
 {
     conf_plugin_data *plugin = request.plugin;
     if (const econf_subpub_cb_t callback = find_callback(request, callback_kind::operate, index)) {
@@ -219,7 +209,7 @@ publish_args read_publish(xmlNode *params)
     return args;
 }
 
-void _method_publish_proc(const request &request)
+void _method_publish_proc(const daemon_request &request)
 {
     const publish_args args = read_publish(request.params);
     if (args.info == nullptr || args.type == nullptr) {
@@ -259,7 +249,7 @@ subscribe_args _method_subscribe_parse_args(xmlNode *params)
     return args;
 }
 
-void _method_subscribe_proc(const request &request)
+void _method_subscribe_proc(const daemon_request &request)
 {
     conf_plugin_data *plugin = request.plugin;
     const subscribe_args args = _method_subscribe_parse_args(request.params);
@@ -285,7 +275,7 @@ void _method_subscribe_proc(const request &request)
     reply_as_recorded(request);
 }
 
-void _method_kickoff_proc(const request &request)
+void _method_kickoff_proc(const daemon_request &request)
 {
     conf_plugin_context_t *ctxt = request.plugin->plugin_ctxt;
     LOG_FILE_INFO("Plugin %s kickoff now.", ctxt->name);
@@ -304,7 +294,7 @@ void _method_kickoff_proc(const request &request)
     reply_as_recorded(request);
 }
 
-void _method_default_proc(const request &request)
+void _method_default_proc(const daemon_request &request)
 {
     LOG_FILE_WARN("Receive an unknown rpc method %s.", request.method);
     if (request.id == 0) {
@@ -319,7 +309,7 @@ void _method_default_proc(const request &request)
 
 struct method {
     const char *name;
-    void (*proc)(const request &);
+    void (*proc)(const daemon_request &);
 };
 
 constexpr method methods[] = {
@@ -328,7 +318,7 @@ constexpr method methods[] = {
     {"kickoff", _method_kickoff_proc},
 };
 
-void dispatch(const request &request)
+void dispatch(const daemon_request &request)
 {
     for (const method &method : methods) {
         if (std::strcmp(request.method, method.name) == 0) {
@@ -348,7 +338,7 @@ void handle_message(conf_plugin_data *plugin)
         LOG_FILE_DEBUG("Plugin %s parse message failed.", ctxt->name);
         return;
     }
-    request request = {plugin, nullptr, nullptr, plugin_get_msgid(rpc.get())};
+    daemon_request request = {plugin, nullptr, nullptr, plugin_get_msgid(rpc.get())};
     if (plugin_parse_rpc(rpc.get(), &request.method, &request.params) != 0) {
         LOG_FILE_DEBUG("Plugin %s parse rpc failed.", ctxt->name);
         return;

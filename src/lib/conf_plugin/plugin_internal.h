@@ -5,10 +5,10 @@
 //     frame.cpp      _recv_message(): bytes from the socket until one message is whole
 //     frame.cpp      plugin_parse_message(): cut it out; xml_parse.cpp parses it
 //     envelope.cpp   plugin_parse_rpc(): method and parameters
-//   loop.cpp       method table, callback
-//     reply.cpp      result or error; envelope.cpp wraps it
+//   loop.cpp       method table; callbacks.cpp finds the callback
+//     reply.cpp      result, or what error.cpp has recorded; envelope.cpp wraps it
 //     exchange.cpp   _syn_send_reply(): queue, write, wait for room
-//     frame.cpp      _cache_message(), _send_message()
+//     frame.cpp      _cache_message(), send_at_once(), _send_message()
 // A request of the plugin goes the other way: built where it is made (registration.cpp,
 // activation.cpp, request.cpp), wrapped by envelope.cpp, exchanged by exchange.cpp with the help of
 // frame.cpp.
@@ -88,9 +88,6 @@ void close_service(int sock, const char *path);
 
 // ---- exchange.cpp ------------------------------------------------------------------------------
 
-// The text of an error that nobody described. Shared, never freed.
-extern char def_err_msg[];
-
 // An epoll instance that watches one socket; empty, with the cause logged, when it cannot be had.
 [[nodiscard]] support::unique_fd watch_socket(int sock, u32_t events);
 
@@ -104,13 +101,6 @@ extern char def_err_msg[];
 // Sends a request whose reply says no more than success or error. Returns 0 for a result, -1 for an
 // error and for every failure.
 [[nodiscard]] int _plugin_single_rpc_send(conf_plugin_data *plugin, xmlNode *rpc);
-
-// Records the error that the next reply carries; a null format gives the default text.
-__attribute__((format(printf, 3, 4))) void _plugin_set_error(conf_plugin_data *plugin, int err_code,
-                                                             const char *err_msg, ...);
-
-// Releases an error text unless it is null or the default text.
-void release_error_text(char *err_msg);
 
 // Tells the exchange, for its lifetime, that it runs inside the event loop, which will handle what
 // an exchange leaves in the receive buffer. Outside of it an exchange takes nothing beyond its
@@ -126,6 +116,26 @@ private:
     unsigned outer_;
 };
 
+// ---- error.cpp ---------------------------------------------------------------------------------
+
+// The text of an error that nobody described. Shared, never freed.
+extern char def_err_msg[];
+
+// Records the error that the next reply carries; a null format gives the default text.
+__attribute__((format(printf, 3, 4))) void _plugin_set_error(conf_plugin_data *plugin, int err_code,
+                                                             const char *err_msg, ...);
+
+// Forgets a recorded error.
+void clear_error(conf_plugin_context_t *ctxt);
+
+// Releases an error text unless it is null or the default text.
+void release_error_text(char *err_msg);
+
+// ---- callbacks.cpp -----------------------------------------------------------------------------
+
+// Kinds of callbacks, in the order in which they get their indices.
+enum class callback_kind { config, status, operate };
+
 // Callbacks of every type are stored as one type and converted back before they are called.
 template <typename target, typename source>
 target function_cast(source function)
@@ -133,16 +143,18 @@ target function_cast(source function)
     return reinterpret_cast<target>(reinterpret_cast<void (*)()>(function));
 }
 
+// Fill the table, which has room for all: slot 0 first, then kind by kind.
+void begin_table(conf_plugin_context_t *ctxt, void (*kick_off)());
+void announce_kind(const conf_plugin_context_t *ctxt, callback_kind kind);
+void announce_callback(conf_plugin_context_t *ctxt, econf_subpub_cb_t callback);
+void forget_table();
+
+// The callback of an index that was announced for that kind; null for every other number. Slot 0,
+// the kick-off, was never announced.
+[[nodiscard]] econf_subpub_cb_t announced_callback(const conf_plugin_context_t *ctxt,
+                                                   callback_kind kind, int index);
+
 // ---- registration.cpp, activation.cpp ----------------------------------------------------------
-
-// Kinds of callbacks, in the order in which they get their indices.
-enum class callback_kind { config, status, operate };
-
-// Whether an index below `cbs_nums` was announced for callbacks of that kind: only they can be
-// called with its signature. Of a context that did not register here that is not known, and only
-// the kick-off is excluded.
-[[nodiscard]] bool is_announced_as(const conf_plugin_context_t *ctxt, callback_kind kind,
-                                   u32_t index);
 
 // Releases the plugin context of the process, if any, with everything that it owns.
 void _free_plugin_context(conf_plugin_data *plugin);

@@ -7,7 +7,6 @@
 #include "wire.h"
 #include "xml.h"
 
-#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -80,23 +79,11 @@ int _init_plugin_context(conf_plugin_data *plugin, const char *name,
     }
     ctxt->version = 2;
     ctxt->rpc_id = 1;
-    ctxt->cbs_nums = 1;
-    ctxt->cbs[0] = function_cast<econf_subpub_cb_t>(cb_info->kick_off);
+    begin_table(ctxt, cb_info->kick_off);
     return 0;
 }
 
 // ---- the register request ----------------------------------------------------------------------
-
-// What was announced last: the first index of each kind.
-struct {
-    const conf_plugin_context_t *ctxt;
-    std::array<u32_t, 4> first;
-} g_announced = {nullptr, {0, 0, 0, UINT32_MAX}};
-
-std::size_t position(callback_kind kind)
-{
-    return static_cast<std::size_t>(kind);
-}
 
 struct section {
     callback_kind kind;
@@ -138,7 +125,7 @@ template <typename entry_type>
 bool add_section(conf_plugin_context_t *ctxt, xmlNode *params, const section &section,
                  const entry_type *entry)
 {
-    g_announced.first[position(section.kind)] = ctxt->cbs_nums;
+    announce_kind(ctxt, section.kind);
     if (entry == nullptr) {
         return true;
     }
@@ -151,7 +138,7 @@ bool add_section(conf_plugin_context_t *ctxt, xmlNode *params, const section &se
             _conf_write_log(DBG_ERROR, section.failure, entry->path);
             return false;
         }
-        ctxt->cbs[ctxt->cbs_nums++] = function_cast<econf_subpub_cb_t>(entry->callback);
+        announce_callback(ctxt, function_cast<econf_subpub_cb_t>(entry->callback));
     }
     return true;
 }
@@ -159,7 +146,6 @@ bool add_section(conf_plugin_context_t *ctxt, xmlNode *params, const section &se
 xmlNode *build_register_params(conf_plugin_context_t *ctxt,
                                const econf_plugin_subpub_info_t *cb_info)
 {
-    g_announced.ctxt = ctxt;
     node_ptr params(new_element("params"));
     if (params && add_text(params.get(), "plugin-name", ctxt->name) != nullptr &&
         add_section(ctxt, params.get(), config_section, cb_info->config_cbs) &&
@@ -196,14 +182,6 @@ int register_plugin(conf_plugin_data *plugin, const econf_plugin_subpub_info_t *
 }
 
 } // namespace
-
-bool is_announced_as(const conf_plugin_context_t *ctxt, callback_kind kind, u32_t index)
-{
-    const std::size_t at = position(kind);
-    return ctxt != g_announced.ctxt
-               ? index > 0
-               : index >= g_announced.first[at] && index < g_announced.first[at + 1];
-}
 
 int econf_plugin_init(const char *name, econf_plugin_subpub_info_t *cb_info)
 {
@@ -260,7 +238,7 @@ void _free_plugin_context(conf_plugin_data *plugin)
     release_error_text(ctxt->err_msg);
     free(ctxt);
     plugin->plugin_ctxt = nullptr;
-    g_announced.ctxt = nullptr;
+    forget_table();
     advance_context_generation();
     if (plugin->confd_hooks == nullptr) { // hooks outlive every context of their process
         del_plugin_from_hash();

@@ -7,7 +7,7 @@
 
 namespace {
 
-void record_failure(const request &request, const char *text)
+void record_failure(const daemon_request &request, const char *text)
 {
     _plugin_set_error(request.plugin, -1, "%s", text);
 }
@@ -55,7 +55,7 @@ int send_recorded(conf_plugin_data *plugin, u32_t msgid, int code, const char *t
 
 // Hands what a callback produced over to `parent`. A list that belongs to a tree of somebody else
 // is copied, as is what the wrapper of the older interface holds.
-bool take_over(const request &request, xmlNode *parent, callback_nodes &output)
+bool take_over(const daemon_request &request, xmlNode *parent, callback_nodes &output)
 {
     const bool is_wrapped = request.plugin->plugin_ctxt->version == 1;
     if (is_wrapped || output.are_shared()) {
@@ -80,7 +80,7 @@ bool take_over(const request &request, xmlNode *parent, callback_nodes &output)
     return true;
 }
 
-wiped_node build_output(const request &request, callback_nodes &output)
+wiped_node build_output(const daemon_request &request, callback_nodes &output)
 {
     wiped_node result(new_element("result"));
     if (!result) {
@@ -117,7 +117,7 @@ bool add_status(xmlNode *data, callback_nodes &status)
     return true;
 }
 
-wiped_node build_status(const request &request, const char *path, callback_nodes &status)
+wiped_node build_status(const daemon_request &request, const char *path, callback_nodes &status)
 {
     wiped_node result(new_element("result"));
     if (!result) {
@@ -141,15 +141,7 @@ wiped_node build_status(const request &request, const char *path, callback_nodes
     return result;
 }
 
-// Drops an error that a callback recorded although it then succeeded, lest a later reply carries
-// it.
-void clear_recorded(conf_plugin_context_t *ctxt)
-{
-    ctxt->err_code = 0;
-    release_error_text(std::exchange(ctxt->err_msg, nullptr));
-}
-
-bool reply_with(const request &request, wiped_node result)
+bool reply_with(const daemon_request &request, wiped_node result)
 {
     if (!result) {
         return false;
@@ -162,7 +154,9 @@ bool reply_with(const request &request, wiped_node result)
     if (_syn_send_reply(request.plugin, reply.get()) != 0) {
         LOG_FILE_ERROR("Send reply message to confd failed.");
     }
-    clear_recorded(request.plugin->plugin_ctxt);
+    // An error that was recorded although the callback succeeded goes, lest a later reply carries
+    // it.
+    clear_error(request.plugin->plugin_ctxt);
     return true;
 }
 
@@ -185,7 +179,7 @@ int _plugin_single_reply_send(conf_plugin_data *plugin, u32_t msgid)
     return sent;
 }
 
-void reply_as_recorded(const request &request)
+void reply_as_recorded(const daemon_request &request)
 {
     if (_plugin_single_reply_send(request.plugin, request.id) != 0) {
         LOG_FILE_ERROR("Plugin %s send reply for publish rpc failed.",
@@ -193,12 +187,12 @@ void reply_as_recorded(const request &request)
     }
 }
 
-bool reply_with_output(const request &request, callback_nodes &output)
+bool reply_with_output(const daemon_request &request, callback_nodes &output)
 {
     return reply_with(request, build_output(request, output));
 }
 
-bool reply_with_status(const request &request, const char *path, callback_nodes &status)
+bool reply_with_status(const daemon_request &request, const char *path, callback_nodes &status)
 {
     return reply_with(request, build_status(request, path, status));
 }

@@ -7,7 +7,7 @@
 #include "xml.h"
 
 // One request of the daemon on its way to its callback and to its reply.
-struct request {
+struct daemon_request {
     conf_plugin_data *plugin;
     const char *method;
     xmlNode *params;
@@ -38,12 +38,12 @@ struct callback_nodes {
 [[nodiscard]] int _plugin_single_reply_send(conf_plugin_data *plugin, u32_t msgid);
 
 // The same, with the failure logged.
-void reply_as_recorded(const request &request);
+void reply_as_recorded(const daemon_request &request);
 
 // Send the success of an operation and of a status request, with what its callback produced. Return
 // false when the reply cannot be built: the cause is then recorded for an error reply.
-[[nodiscard]] bool reply_with_output(const request &request, callback_nodes &output);
-[[nodiscard]] bool reply_with_status(const request &request, const char *path,
+[[nodiscard]] bool reply_with_output(const daemon_request &request, callback_nodes &output);
+[[nodiscard]] bool reply_with_status(const daemon_request &request, const char *path,
                                      callback_nodes &status);
 
 #endif

@@ -40,11 +40,7 @@ struct read_request {
 
 xmlNode *first_data(xmlNode *result)
 {
-    xmlNode *child = result->children;
-    while (child != nullptr && !is_element(child, "data")) {
-        child = child->next;
-    }
-    return child;
+    return child_element(result, "data");
 }
 
 xmlNode *result_itself(xmlNode *result)

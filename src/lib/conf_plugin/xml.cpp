@@ -130,6 +130,15 @@ bool is_element(const xmlNode *node, const char *name)
     return node->type == XML_ELEMENT_NODE && xmlStrEqual(node->name, chars(name)) == 1;
 }
 
+xmlNode *child_element(const xmlNode *parent, const char *name)
+{
+    xmlNode *child = parent->children;
+    while (child != nullptr && !is_element(child, name)) {
+        child = child->next;
+    }
+    return child;
+}
+
 xmlNode *new_element(const char *name)
 {
     const libxml_watch watch;

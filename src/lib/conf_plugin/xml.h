@@ -51,6 +51,9 @@ void clean_xml_content(xmlNode *node);
 // Whether the node is an element of that name, whatever its namespace.
 [[nodiscard]] bool is_element(const xmlNode *node, const char *name);
 
+// The first child element of that name; null when there is none.
+[[nodiscard]] xmlNode *child_element(const xmlNode *parent, const char *name);
+
 // A new element without content; null when it cannot be made.
 [[nodiscard]] xmlNode *new_element(const char *name);
 
