@@ -107,6 +107,9 @@ TEST_F(Xml, NoBodyTakesMuchLongerThanItsSize)
     const std::pair<std::string, bool> rows[] = {
         {"<a" + attributes(2000) + "/>", true},
         {"<a" + attributes(2001) + "/>", false},
+        {"<a><!-- <b" + attributes(2001) + "--><![CDATA[<b" + attributes(2001) + "]]></a>", true},
+        {"<a><?b <c" + attributes(2001) + "?></a>", true},
+        {"<a><![CDATA[<b]]><b" + attributes(2001) + "/></a>", false},
         {"<a><b/>" + repeat("x", 20000) + "<b" + attributes(2001) + "></b></a>", false},
         {quotes, true},
         {"<a><![CDATA[" + repeat("''", 5000) + "]]></a>", true},

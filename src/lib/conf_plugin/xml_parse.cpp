@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
 namespace {
 
@@ -111,9 +113,9 @@ std::ptrdiff_t count_values(const char *tag, const char *end)
     return count;
 }
 
-// Whether no tag has too many attributes. Their values hold no "<", so only where none stands in
-// as many bytes as these would take, there is something to count.
-bool has_sound_tags(std::span<const char> body)
+// Whether certainly no tag has too many attributes. Their values hold no "<", so only where none
+// stands in as many bytes as these would take, there is something to count.
+bool has_small_tags(std::span<const char> body)
 {
     const char *const end = body.data() + body.size();
     const auto find = [end](const char *from) {
@@ -133,6 +135,47 @@ bool has_sound_tags(std::span<const char> body)
         tag = next;
     }
     return true;
+}
+
+// What begins with "<" without being a tag, and how it ends: anything may stand in between.
+struct bracket {
+    std::string_view begin, end;
+};
+constexpr bracket no_tags[] = {{"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}};
+
+const bracket *no_tag_at(std::string_view text)
+{
+    const auto begins = [text](const bracket &each) {
+        return text.size() >= each.begin.size() &&
+               std::memcmp(text.data(), each.begin.data(), each.begin.size()) == 0;
+    };
+    const bracket *found = std::find_if(std::begin(no_tags), std::end(no_tags), begins);
+    return found == std::end(no_tags) ? nullptr : found;
+}
+
+// Looks at every tag for itself.
+bool has_sound_tags(std::string_view rest)
+{
+    const std::size_t none = std::string_view::npos;
+    for (std::size_t at = rest.find('<'); at != none;) {
+        rest.remove_prefix(at);
+        if (const bracket *no_tag = no_tag_at(rest)) {
+            at = rest.find(no_tag->end, no_tag->begin.size());
+            rest.remove_prefix(std::min(at, rest.size()));
+            at = rest.find('<');
+            continue;
+        }
+        at = rest.find('<', 1);
+        if (count_values(rest.data(), rest.data() + std::min(at, rest.size())) > most_attributes) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool is_sound(std::span<const char> body)
+{
+    return has_small_tags(body) || has_sound_tags({body.data(), body.size()});
 }
 
 // A message has no use for declared attributes, and their defaults would fill the memory.
@@ -157,7 +200,7 @@ parse_result parse_body(std::span<char> body)
 {
     const libxml_watch watch;
     const end_mark mark(body);
-    const parser_owner parser(has_sound_tags(body) ? xmlNewParserCtxt() : nullptr);
+    const parser_owner parser(is_sound(body) ? xmlNewParserCtxt() : nullptr);
     if (!parser) {
         return {nullptr, false};
     }
