@@ -2,10 +2,12 @@
 #include "demo_plugin.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 using namespace test;
 
@@ -36,9 +38,11 @@ TEST_F(ExchangeTest, EndsWithTheMessageThatCarriesItsId)
 {
     const std::string mine = framed(reply("<result>mine</result>", "3"));
     const std::string foreign = framed(reply("<result/>", "4")), request = framed(kick_off);
+    const std::string same_id = framed(rpc("publish", "<params/>", "3"));
     // First in the receive buffer, and then.
     const std::pair<std::string, std::string> cases[] = {
         {"", foreign + request + mine},
+        {same_id, same_id + mine},
         {"", framed("<reply><result/></reply>") + mine},
         {"", "rubbish" + framed("<reply>") + mine},
         {foreign + mine.substr(0, 20), mine.substr(20)},
@@ -91,11 +95,20 @@ TEST_F(ExchangeTest, WaitsForRoomOnlyWhereThereIsNone)
     EXPECT_EQ(take_errors(), "");
 }
 
-// A message of the daemon may carry the id of a request that has not been written whole, or not at
-// all: then the exchange ends early, or the message is none of its business.
-TEST_F(ExchangeTest, ForeignMessageWithTheIdOfARequest)
+TEST_F(ExchangeTest, ReportsARequestThatItDrops)
 {
-    const std::string foreign = rpc("other", "<params/>", "3");
+    peer->send(framed(rpc("publish", "<params/>", "4294967295")) + framed(reply("<x/>", "7")));
+    request_of([this] { exchange(); });
+    EXPECT_EQ(
+        debug_texts(DBG_WARN),
+        strings{"Request publish of confd with id 4294967295 is dropped, for a reply is awaited."});
+}
+
+// A reply may carry the id of a request that has not been written whole, or not at all: then the
+// exchange ends early, or the reply is none of its business.
+TEST_F(ExchangeTest, ReplyBeforeItsRequest)
+{
+    const std::string foreign = reply("<result>early</result>", "3");
     const int room = 4096;
     ASSERT_EQ(setsockopt(context->sock, SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
     peer->send(framed(foreign));
@@ -146,19 +159,43 @@ TEST_F(ExchangeTest, BrokenConnectionEndsEitherExchange)
     }
 }
 
-TEST_F(ExchangeTest, DescriptorClosedByTheProcessEndsTheWait)
+// The process closes the socket, so that its number goes to the next descriptor, or puts something
+// else in its place. Nothing is written there, and nothing waited for.
+TEST_F(ExchangeTest, DescriptorThatIsNoLongerTheSocket)
 {
-    static int sock;
-    sock = context->sock;
-    std::signal(SIGUSR1, [](int) { close(sock); });
-    daemon.play([plugin = pthread_self()](Peer &p) {
-        p.receive();
-        pthread_kill(plugin, SIGUSR1); // while nobody answers
-    });
-    EXPECT_EQ(exchange(), "");
-    daemon.finish();
-    EXPECT_EQ(take_errors(), "Epoll wait failed(Bad file descriptor).");
-    context->sock = -1;
+    static int sock, other;
+    std::signal(SIGUSR1, [](int) { other < 0 ? close(sock) : dup2(other, sock); });
+    const struct {
+        const char *name, *while_waiting, *before;
+    } cases[] = {
+        {"", "Epoll wait failed(Bad file descriptor).",
+         "Add socket to epoll fd failed(Invalid argument)."},
+        {"/dev/null", "Read message from confd failed(Socket operation on non-socket).",
+         "Add socket to epoll fd failed(Operation not permitted)."},
+        {"/var/tmp/file", "Read message from confd failed(Socket operation on non-socket).",
+         "Add socket to epoll fd failed(Operation not permitted)."},
+    };
+    for (const auto &[name, while_waiting, before] : cases) {
+        SCOPED_TRACE(name);
+        sock = context->sock;
+        other = open(name, O_RDWR | O_CREAT, 0600);
+        daemon.play([plugin = pthread_self()](Peer &p) {
+            p.receive();
+            pthread_kill(plugin, SIGUSR1);
+        });
+        EXPECT_EQ(exchange(), "");
+        daemon.finish();
+        EXPECT_EQ(take_errors(), while_waiting);
+        EXPECT_EQ(exchange(), "");
+        EXPECT_EQ(take_errors(), before);
+        struct stat written = {};
+        fstat(other, &written);
+        EXPECT_EQ(written.st_size, 0);
+        close(other);
+        context->sock = other < 0 ? -1 : sock;
+        end();
+        start();
+    }
     std::signal(SIGUSR1, SIG_DFL);
 }
 

@@ -2,10 +2,11 @@
 // finds in sound and damaged streams, however they are cut into reads.
 #include "demo_plugin.h"
 
+#include "conf_plugin/wire.h"
+
 #include <algorithm>
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
-#include <utility>
 
 using namespace test;
 
@@ -52,15 +53,6 @@ TEST_F(Frame, WritesAtMostTheFirstMessageInAsManyPartsAsTheSocketTakes)
     EXPECT_EQ(peer->head().seq, 65534);
     EXPECT_EQ(contents(context->send_buf), framed("<b/>", 65534));
     EXPECT_TRUE(idles(context->send_buf));
-
-    int ends[2]; // a pipe does as well
-    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
-    const int sock = std::exchange(context->sock, ends[1]);
-    EXPECT_TRUE(send_at_once(plugin));
-    context->sock = sock;
-    close(ends[0]);
-    close(ends[1]);
-    EXPECT_EQ(context->rpc_id, 2);
 }
 
 // What else it finds in a stream, the fuzz target "stream" compares with a model.
@@ -77,10 +69,38 @@ TEST_F(Frame, ReadsNoFurtherThanItShould)
         EXPECT_TRUE(reads(amount));
         drop_received(get_plugin_from_hash());
     }
-    clear_debug_file();
-    peer->send(large + large);
-    EXPECT_TRUE(reads());
-    EXPECT_EQ(debug_texts(DBG_INFO), strings(3, "Read message from confd(1024 bytes)."));
+    peer->send(large + one);
+    EXPECT_TRUE(reads(take::one_message));
+    EXPECT_EQ(contents(context->recv_buf), large);
+    drop_received(get_plugin_from_hash());
+}
+
+// What is too long, or damaged, is skipped in reads that are large enough, and no further than to
+// the next message.
+TEST_F(Frame, SkipsWhatItCannotTake)
+{
+    const std::string one = framed("<one/>"), junk(std::size_t{3} << 20, 'x');
+    for (const std::string &announced :
+         {head(wire::max_body + 1), head(UINT32_MAX), std::string()}) {
+        for (const take amount : {take::one_message, take::everything}) {
+            clear_debug_file();
+            daemon.play([&](Peer &p) { p.send(announced + junk + one + one); });
+            bool ready = reads(amount);
+            while (!ready) {
+                pollfd sock{context->sock, POLLIN, 0};
+                ASSERT_EQ(poll(&sock, 1, 60000), 1);
+                ready = reads(amount);
+            }
+            daemon.finish();
+            EXPECT_LT(debug_texts(DBG_INFO).size(), junk.size() / 1024);
+            EXPECT_EQ(debug_texts(DBG_WARN).size(), announced.empty() ? 0 : 1);
+            const std::string taken = contents(context->recv_buf);
+            EXPECT_EQ(taken, amount == take::one_message ? one : one + one);
+            drop_received(get_plugin_from_hash());
+            EXPECT_EQ(reads(), amount == take::one_message);
+            drop_received(get_plugin_from_hash());
+        }
+    }
 }
 
 TEST_F(Frame, CutsOutAndParsesTheFirstMessage)

@@ -6,6 +6,7 @@
 // left to write, the waits go through an epoll instance that lives for one exchange, whose events
 // tell of new room only. A wait for the reply alone needs one when it takes long: that the daemon
 // takes the request out of the socket begins the limit anew.
+#include "conf_misc.h"
 #include "plugin_internal.h"
 #include "support/log.h"
 #include "wire.h"
@@ -108,8 +109,29 @@ void note_received(u32_t msg_id, int result)
     LOG_FILE_INFO("Syn send rpc on recv evt msg_id:%u. ret:%u", msg_id, static_cast<u32_t>(result));
 }
 
-// Takes out every complete message until the one with the awaited id is found: no further event
-// may come for what has arrived already. Returns -1 when the stream is broken.
+bool is_request(const xmlNode *message)
+{
+    return is_element(message, "rpc");
+}
+
+// The daemon numbers its requests on its own, so one may carry the awaited id.
+bool is_awaited(xmlNode *message, u32_t msg_id)
+{
+    return msg_id != 0 && !is_request(message) && plugin_get_msgid(message) == msg_id;
+}
+
+// The daemon waits for the answer to a request; why none comes should be found out.
+void note_dropped(xmlNode *message)
+{
+    if (is_request(message)) {
+        LOG_FILE_WARN("Request %s of confd with id %u is dropped, for a reply is awaited.",
+                      conf_get_node_content(child_element(message, "method")),
+                      plugin_get_msgid(message));
+    }
+}
+
+// Takes out every complete message until the awaited reply is found: no further event may come for
+// what has arrived already. Returns -1 when the stream is broken.
 int receive_reply(conf_plugin_data *plugin, u32_t msg_id, xmlNode **reply)
 {
     const take amount = amount_to_take();
@@ -124,8 +146,10 @@ int receive_reply(conf_plugin_data *plugin, u32_t msg_id, xmlNode **reply)
             return 0;
         }
         wiped_node message(plugin_parse_message(&plugin->plugin_ctxt->recv_buf));
-        if (message && msg_id != 0 && plugin_get_msgid(message.get()) == msg_id) {
+        if (message && is_awaited(message.get(), msg_id)) {
             *reply = message.release();
+        } else if (message) {
+            note_dropped(message.get());
         }
         note_received(msg_id, 0);
     }

@@ -42,20 +42,16 @@ bool is_whole(const conf_buffer_t *buffer)
 
 // ---- writing -----------------------------------------------------------------------------------
 
-// A peer that is gone gives EPIPE, never a signal that could end the host process.
-ssize_t write_bytes(int fd, const char *bytes, std::size_t count)
-{
-    const ssize_t sent = send(fd, bytes, count, MSG_NOSIGNAL);
-    return sent < 0 && errno == ENOTSOCK ? write(fd, bytes, count) : sent;
-}
-
 enum class written { whole, part, nothing, failed };
 
 written write_first_message(conf_plugin_context_t *ctxt)
 {
     const int size = message_size(read_head(ctxt->send_buf));
     const auto pending = static_cast<u32_t>(size) - ctxt->send_pos;
-    const ssize_t count = write_bytes(ctxt->sock, ctxt->send_buf->buf + ctxt->send_pos, pending);
+    // A peer that is gone gives EPIPE, never a signal that could end the host process. Like recv()
+    // below, this fails for a descriptor that has come to be something else than a socket.
+    const ssize_t count =
+        send(ctxt->sock, ctxt->send_buf->buf + ctxt->send_pos, pending, MSG_NOSIGNAL);
     if (count < 0) {
         return errno == EAGAIN ? written::nothing : written::failed;
     }
@@ -73,35 +69,53 @@ written write_first_message(conf_plugin_context_t *ctxt)
 
 // ---- reading -----------------------------------------------------------------------------------
 
+// The offset of the first magic from `from` on; `end` when none begins before it.
+int find_magic(const char *bytes, int from, int end)
+{
+    const u32_t magic = MSG_MAGIC;
+    while (from < end && std::memcmp(bytes + from, &magic, sizeof magic) != 0) {
+        ++from;
+    }
+    return from;
+}
+
 // Drops what cannot be a message: up to the next magic or, without one, all but the last bytes,
-// which may be the beginning of a header.
+// which may be the beginning of a header. The body of a message that is too long goes the same way:
+// a magic cannot stand in UTF-8.
 void resynchronise(conf_buffer_t **buffer)
 {
     while ((*buffer)->used > wire::head_size && !is_sound(read_head(*buffer))) {
-        const int last = (*buffer)->used - wire::head_size;
-        const u32_t magic = MSG_MAGIC;
-        int skip = 1;
-        while (skip < last && std::memcmp((*buffer)->buf + skip, &magic, sizeof magic) != 0) {
-            ++skip;
+        const msg_head_t head = read_head(*buffer);
+        if (head.magic == MSG_MAGIC) {
+            LOG_FILE_WARN("Skip a message of %u bytes from confd, more than %u are not taken.",
+                          head.length, wire::max_body);
         }
-        conf_buffer_consume(buffer, skip);
+        const int last = (*buffer)->used - wire::head_size;
+        conf_buffer_consume(buffer, find_magic((*buffer)->buf, 1, last));
     }
+}
+
+bool is_damaged(const conf_buffer_t *buffer)
+{
+    return buffer->used >= wire::head_size && !is_sound(read_head(buffer));
 }
 
 // How many bytes the next read may take.
 int read_room(const conf_buffer_t *buffer, take amount)
 {
-    if (amount == take::everything) {
-        return wire::read_size;
+    if (is_damaged(buffer)) {
+        return wire::skip_size;
     }
-    if (buffer->used < wire::head_size) {
-        return wire::head_size - buffer->used;
+    const int missing = buffer->used < wire::head_size
+                            ? wire::head_size - buffer->used
+                            : message_size(read_head(buffer)) - buffer->used;
+    const int room = std::min(missing, wire::read_size);
+    if (amount == take::one_message) {
+        return room;
     }
-    const msg_head_t head = read_head(buffer);
-    if (!is_sound(head)) {
-        return 1; // the next message may begin anywhere
-    }
-    return std::min(wire::read_size, message_size(head) - buffer->used);
+    // Most messages are small: the buffer need not grow for what may not come.
+    const int free = buffer->total - buffer->used - 1;
+    return std::max(room, free >= wire::least_read ? free : wire::burst_read);
 }
 
 // Inlined into the pass over a body, as the exported form cannot be.
@@ -111,12 +125,43 @@ bool is_valid(char p)
     return byte >= 32 || byte == '\t' || byte == '\n' || byte == '\r';
 }
 
+// Of the bytes that were only looked at, those up to and with the header of the next message: a
+// reader that takes one message leaves everything behind it in the socket.
+ssize_t count_to_header(const conf_buffer_t *buffer, ssize_t seen)
+{
+    const int end = buffer->used + static_cast<int>(seen);
+    const int magic = find_magic(buffer->buf, 1, end - wire::magic_size + 1);
+    return std::min<ssize_t>(seen, magic + wire::head_size - buffer->used);
+}
+
+// Reads straight into the room behind the data of a buffer.
+ssize_t receive(int sock, conf_buffer_t *buffer, int room, take amount)
+{
+    char *const end = buffer->buf + buffer->used;
+    if (amount == take::everything || !is_damaged(buffer)) {
+        return recv(sock, end, static_cast<std::size_t>(room), 0);
+    }
+    const ssize_t seen = recv(sock, end, static_cast<std::size_t>(room), MSG_PEEK);
+    if (seen <= 0) {
+        return seen;
+    }
+    const ssize_t wanted = count_to_header(buffer, seen);
+    support::wipe(end + wanted, static_cast<std::size_t>(seen - wanted));
+    return recv(sock, end, static_cast<std::size_t>(wanted), 0);
+}
+
 enum class got { bytes, nothing, failed };
 
-got read_into(int fd, conf_buffer_t **buffer, int room)
+got read_into(int sock, conf_buffer_t **buffer, take amount)
 {
-    char bytes[wire::read_size];
-    const ssize_t count = read(fd, bytes, static_cast<std::size_t>(room));
+    const int room = read_room(*buffer, amount);
+    conf_buffer_t *const grown = conf_buffer_expand(*buffer, room);
+    if (grown == nullptr) {
+        LOG_FILE_ERROR("Cache receive message failed.");
+        return got::failed;
+    }
+    *buffer = grown;
+    const ssize_t count = receive(sock, grown, room, amount);
     if (count == 0 || (count < 0 && errno == EAGAIN)) {
         return got::nothing;
     }
@@ -124,14 +169,8 @@ got read_into(int fd, conf_buffer_t **buffer, int room)
         LOG_FILE_ERROR("Read message from confd failed(%s).", std::strerror(errno));
         return got::failed;
     }
-
     LOG_FILE_INFO("Read message from confd(%d bytes).", static_cast<int>(count));
-    const int appended = conf_buffer_append(buffer, bytes, static_cast<int>(count));
-    support::wipe(bytes, static_cast<std::size_t>(count));
-    if (appended != 0) {
-        LOG_FILE_ERROR("Cache receive message failed.");
-        return got::failed;
-    }
+    grown->used += static_cast<int>(count); // behind the data everything is zero already
     return got::bytes;
 }
 
@@ -201,7 +240,7 @@ int _recv_message(conf_plugin_data *plugin, bool_t *ready, take amount)
             *ready = true;
             return 0;
         }
-        switch (read_into(ctxt->sock, &ctxt->recv_buf, read_room(ctxt->recv_buf, amount))) {
+        switch (read_into(ctxt->sock, &ctxt->recv_buf, amount)) {
         case got::bytes:
             break;
         case got::nothing:

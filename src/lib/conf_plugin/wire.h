@@ -10,6 +10,7 @@
 namespace wire {
 
 inline constexpr int head_size = static_cast<int>(sizeof(msg_head_t));
+inline constexpr int magic_size = static_cast<int>(sizeof(u32_t));
 static_assert(offsetof(msg_head_t, magic) == 0 && offsetof(msg_head_t, length) == 4 &&
                   offsetof(msg_head_t, seq) == 8 && offsetof(msg_head_t, format) == 10,
               "readers and writers of other programs rely on these offsets");
@@ -19,9 +20,17 @@ static_assert(offsetof(msg_head_t, magic) == 0 && offsetof(msg_head_t, length) =
 // memory of the process.
 inline constexpr u32_t max_body = 64U * 1024 * 1024;
 
-// One read takes at most this much: small enough for the stack of any thread, and most messages
-// of the daemon fit.
-inline constexpr int read_size = 1024;
+// One read takes at most this much of a damaged stream, or of a message that is too long.
+inline constexpr int skip_size = 64 * 1024;
+
+// One read takes at most this much of a message, about what a socket holds: the buffer grows with
+// what arrives, not with what a header announces.
+inline constexpr int read_size = 256 * 1024;
+
+// A read that takes all there is fills the buffer, and grows it for a burst of small messages when
+// there is less room than for one of them.
+inline constexpr int least_read = 1024;
+inline constexpr int burst_read = 16 * 1024;
 
 // Room that the buffers of a new plugin are created with: one page.
 inline constexpr int buffer_room = 1000;
