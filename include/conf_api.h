@@ -14,13 +14,25 @@
  *     econf_config_cb_info_t configs[] = {{"/demo:settings", 10, on_settings}, {NULL, 0, NULL}};
  *     econf_plugin_subpub_info_t info = {configs, NULL, NULL, NULL};
  *
- *     int sock = econf_plugin_init("demo", &info);
- *     if (sock < 0 || econf_plugin_activate(ACTIVATE_WITH_NONE) != 0)
+ *     struct pollfd fd = {econf_plugin_init("demo", &info), 0, 0};
+ *     if (fd.fd < 0 || econf_plugin_activate(ACTIVATE_WITH_NONE) != 0)
  *         return 1;
- *     struct pollfd fd = {sock, POLLIN | POLLRDHUP, 0}; // POLLRDHUP needs _GNU_SOURCE
- *     while (poll(&fd, 1, -1) >= 0 && (fd.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0)
+ *     int active = 1; // 0 while the plugin has deactivated itself
+ *     for (;;) {
+ *         fd.events = active ? POLLIN | POLLRDHUP : POLLRDHUP; // POLLRDHUP needs _GNU_SOURCE
+ *         if (poll(&fd, 1, -1) < 0 || (fd.revents & (POLLERR | POLLHUP | POLLRDHUP)) != 0)
+ *             break;
  *         econf_plugin_run();
+ *     }
  *     econf_plugin_close();
+ *
+ * An inactive plugin watches for hang-up only: requests wait in the socket until it activates, and
+ * a loop that waits for input would spin meanwhile.
+ *
+ * Texts, names, paths and XML are UTF-8. What goes onto the wire is always well-formed: a request
+ * that is not fails at once with -1. In an answer, which the daemon waits for, each byte that is no
+ * part of a UTF-8 character becomes U+FFFD, and output that XML cannot hold otherwise is replaced
+ * by an error. A control character, which XML cannot hold, becomes a space in both.
  *
  * Threads: a process has one plugin. Registration, activation, the loop and the requests share its
  * socket and buffers without locks and are called from one thread; callbacks run on that thread,
@@ -34,7 +46,10 @@
  * A child made by fork() has no plugin of its own until it registers one.
  *
  * Failures are reported in the debug file, once econf_plugin_config_debug() has turned it on, or in
- * the system log: those of conf_notify_nonblock() and of what lies beneath (conf_debug.h).
+ * the system log: those of conf_notify_nonblock() and of what lies beneath (conf_debug.h). errno is
+ * no part of any result, and calls that succeed may change it, too. Only after a failed connection
+ * does econf_plugin_init() leave the cause there, that of connect(): ENOENT or ECONNREFUSED when
+ * there is no daemon, EACCES when this user may not reach it.
  */
 #ifndef CONF_API_H
 #define CONF_API_H
@@ -55,8 +70,8 @@ enum _ECONF_CONFIG_OPER_TYPE {
     CONFIG_OP_ADD = 1,
     CONFIG_OP_RM = 2,
     CONFIG_OP_MOD = 4,
-    CONFIG_OP_CHAIN = 8,
-    CONFIG_OP_MOVE = 16,
+    CONFIG_OP_CHAIN = 8,        /* follows from another change; confsim never sends it */
+    CONFIG_OP_MOVE = 16,        /* new place among its siblings; see econf_plugin_locate() */
     CONFIG_OP_CFGR = 16384,     /* part of the configuration sent after a start with-cfgr */
     CONFIG_OP_ROLLBACK = 32768, /* takes back a change that was applied before */
     CONFIG_OP_SMOOTH = 65536,   /* part of the configuration sent after a start with-smooth */
@@ -76,8 +91,9 @@ enum _ECONF_PLUGIN_ACTIVATE_MODE {
  *   oper        combination of _ECONF_CONFIG_OPER_TYPE bits
  *   more        as the daemon sends it: not 0 when further changes of the same commit follow
  *   priority    priority of the change
- *   path        the changed path, the quoting of its key values removed; may be null; valid only
- *               during the call
+ *   path        the changed path, the quoting of its key values removed, as in
+ *               /demo:list/entry[name=a]; a value that holds "]", ",", a backslash or a quote keeps
+ *               its quotes. May be null; valid only during the call
  * Returns 0 to accept. Any other value refuses the change: it becomes the code of the error reply,
  * with the text "Service process failed.", unless the callback recorded an error of its own with
  * econf_plugin_error().
@@ -87,7 +103,9 @@ typedef int (*econf_config_cb_t)(int session_id, int oper, int more, int priorit
 
 /*
  * A request for status data.
- *   path, filter  as sent by the daemon, each may be null; valid only during the call
+ *   path, filter  as sent by the daemon, each may be null; valid only during the call. The form of
+ *                 a filter is a matter between daemon and plugin, the library hands its text on; a
+ *                 filter made of elements has none and arrives as null
  *   status        where to store the status node (or the first of a list); the library frees it.
  *                 A node that still hangs in a tree of the plugin's own is copied, and stays the
  *                 plugin's. Left null, the reply carries empty data.
@@ -107,7 +125,12 @@ typedef int (*econf_status_cb_t)(int session_id, const char *path, const char *f
  */
 typedef int (*econf_operate_cb_t)(int session_id, xmlNode *input, xmlNode **output);
 
-/* A subscription to the configuration under `path`. */
+/*
+ * A subscription to the configuration under `path`, which also decides what one call is about: the
+ * path of a container gets one call for all that changed below it in a commit, that of a list one
+ * call for each entry, that of a leaf one for that leaf. Of the subscribers to a commit those with
+ * the smaller priority are called first.
+ */
 typedef struct _econf_config_cb_info {
     const char *path; /* null ends the array */
     int priority;
@@ -136,8 +159,10 @@ typedef struct _econf_plugin_subpub_info {
 
 /*
  * Connects to the daemon, without retry, and registers the plugin `name` with its callbacks.
- * Blocks until the daemon has answered. The records stay the caller's and are not needed
- * afterwards, only the functions are kept.
+ * Blocks until the daemon has answered: with a daemon that hangs about 300 seconds, and longer when
+ * signals interrupt the wait. While the daemon accepts no connection and its queue of them is full,
+ * the call blocks in connect() without a limit, until a signal ends it with -1. The records stay
+ * the caller's and are not needed afterwards, only the functions are kept.
  *
  * Paths and operation names go onto the wire as XML content without escaping: they hold no "&" or
  * "<" that is not meant as such. The name is escaped.
@@ -158,7 +183,11 @@ void econf_plugin_close(void);
 /*
  * Tells the daemon that the plugin is ready. `start_mode` is a value of
  * _ECONF_PLUGIN_ACTIVATE_MODE: with ACTIVATE_WITH_CFGR or ACTIVATE_WITH_SMOOTH the daemon is asked
- * for its present configuration first. Any other value is taken as ACTIVATE_WITH_NONE.
+ * for its present configuration first, as additions that carry the bit CONFIG_OP_CFGR or
+ * CONFIG_OP_SMOOTH. Choose CFGR when the plugin starts from nothing, as after a boot, and has to
+ * apply everything; refusals are then counted in g_rdb_recovery_status. Choose SMOOTH when what it
+ * has configured outlived it, and is to be compared with what arrives instead of disturbed. Neither
+ * tells what was removed meanwhile. Any other value is taken as ACTIVATE_WITH_NONE.
  * Requests that the daemon sends with its answer are not lost: the socket stays readable.
  * Returns 0, or -1 when there is no plugin, when it is active already and when the daemon refuses.
  */
@@ -184,10 +213,28 @@ void econf_plugin_run(void);
 /*
  * Requests to the daemon. They are made while the plugin is active, also from its callbacks, and
  * block until the daemon has answered: about 300 seconds without any sign of it, and without a
- * signal that interrupts the wait, end them. Other messages that arrive in the meantime are
- * dropped, requests of the daemon too; so the callbacks, during which the daemon waits, are the
- * best place for them. In the process of the daemon itself, once it has injected its hooks, each
- * call goes to the matching hook instead, with the same arguments and results.
+ * signal that interrupts the wait, end them. In the process of the daemon itself, once it has
+ * injected its hooks, each call goes to the matching hook instead, with the same arguments and
+ * results.
+ *
+ * +-----------------------------------------------------------------------------------------------+
+ * | A request that is made outside of a callback LOSES what the daemon sends until the reply is   |
+ * | there: a change, a status request or a call of an operation is dropped, the daemon waits for  |
+ * | its answer in vain, and may refuse everything else meanwhile. A warning in the debug file     |
+ * | names each of them. Inside of a callback nothing is lost, for the daemon waits for it.        |
+ * +-----------------------------------------------------------------------------------------------+
+ *
+ * So do not push from a timer what somebody might ask for: answer for it.
+ *
+ *     static int on_counters(int session_id, const char *path, const char *filter,
+ *                            xmlNode **status)
+ *     {
+ *         *status = count();               // fresh, whenever somebody wants to know
+ *         return 0;
+ *     }
+ *
+ * And do not pull the configuration after activation, when changes may come already: activate with
+ * ACTIVATE_WITH_CFGR or ACTIVATE_WITH_SMOOTH, and it arrives as changes.
  *
  * Each returns 0, or -1 when an argument is null, when there is no active plugin, when the hook is
  * missing, when the exchange fails and, where the daemon can refuse, when it does.
@@ -197,7 +244,11 @@ void econf_plugin_run(void);
  * Reads the configuration under `path`: the present one, or with `old_flag` not 0 the one before
  * the change. `*result` receives a list of nodes that the caller releases with xmlFreeNodeList(),
  * or null when there is nothing, also when the daemon answers with an error. It is null after every
- * failure.
+ * failure. To tell "nothing" from "refused", pull what is known to exist, such as the container
+ * above: null is then a refusal.
+ *
+ * A released list is not overwritten. Where it may hold secrets, the caller wipes their texts first
+ * (explicit_bzero(node->content, strlen((char *)node->content)) for each text node).
  *
  *     xmlNode *list = NULL;
  *     if (econf_plugin_pull(0, "/demo:settings", &list) == 0 && list != NULL)
@@ -245,7 +296,9 @@ extern int g_rdb_recovery_status;
 /*
  * Sends the element `data` and its subtree as a notification: one datagram, whose text has no
  * terminating zero byte. `name` only identifies it in failure messages. Needs no registration.
- * Blocks while the daemon's queue is full.
+ * Blocks while the daemon's queue is full, and without a limit when the daemon hangs. The largest
+ * notification is what a socket can send at once, 212,960 bytes where net.core.wmem_default is
+ * 212992; beyond that the call fails.
  * Returns 0 when the datagram was sent, else -1.
  */
 int econf_notify(const char *name, xmlNode *data);
@@ -255,7 +308,8 @@ int conf_notify(char *name, char *data);
 
 /*
  * Sends the text `data` without blocking in the send: in up to five attempts, with a sleep of 5
- * seconds after each that found the daemon's queue full.
+ * seconds after each that found the daemon's queue full. So the call may take 25 seconds: where
+ * that is too long, make it in a thread of its own.
  * Returns 0 when the datagram was sent, and also when it was given up because the queue stayed full
  * (a warning in the system log says so); -1 on every other failure.
  */

@@ -36,6 +36,10 @@ int conf_event_reset(int epfd, int fd, int event, int para);
 /*
  * The text of an element or attribute: the content of its first child when that is a text node,
  * else null. It belongs to the node and lives as long as it.
+ *
+ * Only a first child that is plain text counts. A CDATA section, and text that stands behind a
+ * comment, give null; xmlNodeGetContent() finds them, in a copy. So never let null pass for
+ * "absent" where a value is checked.
  */
 const char *conf_get_node_content(xmlNode *node);
 
@@ -81,10 +85,15 @@ CONF_STATIC_ASSERT(sizeof(conf_cli_info_t) == 24, "a client record has 24 bytes"
 CONF_STATIC_ASSERT(offsetof(conf_cli_info_t, addr_buf) == 8, "the flags take four bytes");
 
 /*
- * Creates an empty table of `max_num` records. A table that is there already makes the call fail
- * and is removed, so that a second call succeeds; a process whose own table has been replaced by
- * another process removes what it still knows of its own first, and may need a third.
- * Returns 0; or -1, then no table is left unless `max_num` is less than 1.
+ * Creates an empty table of `max_num` records.
+ * Returns 0; or -1, then no table is left unless `max_num` is less than 1. A table that is there
+ * already, perhaps left over from an earlier run, makes the call fail and is removed, so the way to
+ * a fresh table is:
+ *   1. Call. 0: the table is there.
+ *   2. -1: what stood in the way has been removed. Call again.
+ *   3. -1 once more: this process knew a table that another process had replaced, and has removed
+ *      what it knew of its own first. Call a third time.
+ *   4. -1 again: the cause is another one, and the system log names it.
  */
 int conf_clishm_create(int max_num);
 

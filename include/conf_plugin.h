@@ -94,8 +94,8 @@ confd_plugin_callback_t *get_plugin_hooks(void);
  * message is gone from the buffer in every case, so a stream stays in step; the buffer may move.
  * Returns a new element that belongs to no document, to be released with xmlFreeNode(), or null
  * when the body is not well-formed XML, declares attributes or has more than 2000 in one tag, or
- * memory runs out. Logs the cause. A buffer without a
- * complete message is left as it is, and gives null.
+ * memory runs out. Logs the cause. A buffer without a complete message is left as it is, and gives
+ * null.
  */
 xmlNode *plugin_parse_message(conf_buffer_t **buf);
 

@@ -2,7 +2,9 @@
 // the loop works.
 #include "demo_plugin.h"
 
+#include <cerrno>
 #include <fcntl.h>
+#include <unistd.h>
 
 using namespace test;
 
@@ -91,6 +93,22 @@ TEST_F(RegistrationTest, RefusalLeavesNothingBehind)
     econf_plugin_close();
     EXPECT_EQ(get_plugin_context(), nullptr);
     EXPECT_EQ(get_plugin_hooks(), &hooks);
+}
+
+TEST_F(RegistrationTest, LeavesTheCauseOfAFailedConnectionInErrno)
+{
+    econf_plugin_subpub_info_t info{};
+    ASSERT_EQ(conf_load_config(nullptr), 0);
+    const std::string path = g_conf_plugin_socket;
+    for (const int cause : {ENOENT, ECONNREFUSED}) {
+        unlink(path.c_str());
+        if (cause == ECONNREFUSED) {
+            close(open(path.c_str(), O_CREAT | O_WRONLY, 0600));
+        }
+        errno = 0;
+        EXPECT_EQ(econf_plugin_init("demo", &info), -1);
+        EXPECT_EQ(errno, cause);
+    }
 }
 
 using ActivationTest = DemoFixture;
