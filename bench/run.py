@@ -60,11 +60,14 @@ def expression(names):
     return f"^({'|'.join(map(literal, names))})$"
 
 
-def run_once(program, selected, seconds, samples):
-    """Adds to samples[(work, size)][contender] what one run of the program measures."""
+def run_once(program, selected, seconds, samples, before=None):
+    """Adds to samples[(work, size)][contender] what one run of the program measures, with the
+    library in the directory `before` in place of its own, if one is given."""
+    library = {"LD_LIBRARY_PATH": str(before)} if before else {}
     done = subprocess.run(
         [program, f"--benchmark_filter={selected}", f"--benchmark_min_time={seconds}",
-         "--benchmark_format=json"], capture_output=True, text=True, check=False)
+         "--benchmark_format=json"], capture_output=True, text=True, check=False,
+        env=os.environ | library)
     if done.returncode != 0 or not done.stdout.strip():
         raise SystemExit(f"{program.name} ended with {done.returncode}: {done.stderr}")
     for line in json.loads(done.stdout)["benchmarks"]:
@@ -72,6 +75,8 @@ def run_once(program, selected, seconds, samples):
             raise SystemExit(f"{program.name}: {line['name']}: {line['error_message']}")
         parts = parts_of(line["name"])
         work, contender, size = parts[0], parts[1], "/".join(parts[2:])
+        if before:
+            contender += "-before"
         unit = MICROSECONDS[line["time_unit"]]
         samples.setdefault((work, size), {}).setdefault(contender, []).append(
             (line["real_time"] * unit, line["cpu_time"] * unit))
@@ -231,6 +236,8 @@ def main():
                         help="least time for each benchmark in each round")
     parser.add_argument("--instructions", action="store_true",
                         help="count those of one operation, too, which takes minutes")
+    parser.add_argument("--before", type=pathlib.Path, metavar="DIRECTORY",
+                        help="measure the libconfsvc.so.1 in there, too, an earlier state's")
     parser.add_argument("--output", type=pathlib.Path, help="directory (the build directory)")
     options = parser.parse_intermixed_args()
     output = options.output or options.build
@@ -249,6 +256,9 @@ def main():
             print(f"\rround {number + 1} of {options.rounds}: {program.name:24}", end="",
                   file=sys.stderr, flush=True)
             run_once(program, expression(selected[program]), options.seconds, samples)
+            if options.before and program.name == f"bench_{OWN}":
+                run_once(program, expression(selected[program]), options.seconds, samples,
+                         options.before)
     print(file=sys.stderr)
     works = digest(samples)
     if options.instructions:
