@@ -77,6 +77,14 @@ TEST_F(Frame, ReadsNoFurtherThanItShould)
         EXPECT_TRUE(reads(amount));
         drop_received(get_plugin_from_hash());
     }
+    // A message of 64 MiB is awaited; what announces more is damage, of which the last bytes stay.
+    for (const auto &[length, kept] : {std::pair(64U << 20, 32), {(64U << 20) + 1, 12}}) {
+        const msg_head_t head{MSG_MAGIC, length, 0, 0};
+        leave_over(std::string(reinterpret_cast<const char *>(&head), 12) + std::string(20, 'x'));
+        EXPECT_FALSE(reads(take::one_message));
+        EXPECT_EQ(context->recv_buf->used, kept) << length;
+        drop_received(get_plugin_from_hash());
+    }
     clear_debug_file();
     peer->send(large + large);
     EXPECT_TRUE(reads());
