@@ -90,9 +90,10 @@ void safety_syslog(int priority, const char *format, ...)
 void REG_RemarkKeyInfo(char *buf, int dataLen);
 
 /*
- * The compiled patterns behind REG_RemarkKeyInfo(), all null until its first call. It skips an
- * entry that is null later on. A pattern that the program has put in place of an entry is run as
- * it is, without a bound on the time.
+ * The compiled patterns behind REG_RemarkKeyInfo(), all null until its first call. It compiles all
+ * of them anew when entry 0 is null, and forgets what the other entries held; it skips any other
+ * entry that is null. A pattern that the program has put in place of an entry is run as it is,
+ * without a bound on the time. The program may free a pattern that it has taken out of the table.
  */
 struct pcre2_real_code_8;
 extern struct pcre2_real_code_8 *g_oxelKeyInfoRe[21];

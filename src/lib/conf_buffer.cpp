@@ -1,8 +1,8 @@
 // Growable byte buffer in one private anonymous mapping of whole pages.
 //
 // Growing and giving back pages is left to mremap: pages move with what they hold, so nothing is
-// copied and nothing stays behind. Sizes are computed in 64 bits and checked against the largest
-// mapping that the 32-bit fields can describe.
+// copied and nothing stays behind. Where mremap fails, a new mapping takes a copy. Sizes are
+// computed in 64 bits and checked against the largest mapping that the 32-bit fields can describe.
 //
 // Relies on the system log only.
 #include "conf_buffer_internal.h"
@@ -76,17 +76,30 @@ conf_buffer_t *map(std::int64_t size)
                      size);
 }
 
-// The same buffer with more pages, which are zero, or fewer; null with errno on failure, and `buf`
-// is then as it was.
+// Moves a buffer into a mapping of another size, which its data fit in; null with errno on failure,
+// and `buf` is then as it was.
+conf_buffer_t *move(conf_buffer_t *buf, std::int64_t size)
+{
+    conf_buffer_t *const moved = map(size);
+    if (moved != nullptr) {
+        std::memcpy(moved->buf, buf->buf, static_cast<std::size_t>(buf->used));
+        moved->used = buf->used;
+        conf_buffer_destroy(buf);
+    }
+    return moved;
+}
+
+// The same with its pages, or fewer, and more that are zero. That cannot be when one of them was
+// locked, or advised on: they are then several mappings to the system.
 conf_buffer_t *remap(conf_buffer_t *buf, std::int64_t size)
 {
-    if (size > largest_mapping) {
-        errno = EOVERFLOW;
-        return nullptr;
+    conf_buffer_t *remapped = nullptr;
+    if (size <= largest_mapping) {
+        remapped = as_buffer(mremap(buf, static_cast<std::size_t>(mapping_size(buf)),
+                                    static_cast<std::size_t>(size), MREMAP_MAYMOVE),
+                             size);
     }
-    return as_buffer(mremap(buf, static_cast<std::size_t>(mapping_size(buf)),
-                            static_cast<std::size_t>(size), MREMAP_MAYMOVE),
-                     size);
+    return remapped != nullptr ? remapped : move(buf, size);
 }
 
 bool at_most_half_full(const conf_buffer_t *buf)
@@ -261,14 +274,11 @@ void conf_buffer_slim(conf_buffer_t **buf)
     if (!at_most_half_full(*buf)) {
         return;
     }
-    conf_buffer_t *const slim = map(fitting_size((*buf)->used));
+    conf_buffer_t *const slim = move(*buf, fitting_size((*buf)->used));
     if (slim == nullptr) {
         LOG_SYSTEM_ERROR("Allocate memory failed(%s).", std::strerror(errno));
         return;
     }
-    std::memcpy(slim->buf, (*buf)->buf, static_cast<std::size_t>((*buf)->used));
-    slim->used = (*buf)->used;
-    conf_buffer_destroy(*buf);
     *buf = slim;
 }
 

@@ -65,8 +65,19 @@ int open_debug_file()
 void limit_debug_file()
 {
     if (_conf_get_file_length(DEBUG_FILE) > debug_file_limit) {
-        // NOLINTNEXTLINE(cert-env33-c): a fixed text without any input
-        [[maybe_unused]] const int result = std::system("rm " DEBUG_FILE " >/dev/null 2>&1");
+        (void)unlink(DEBUG_FILE); // without a shell, which would look for a program in the PATH
+    }
+}
+
+// One write, so that lines of several threads and processes do not mix. The next line would run
+// into one that a full disk has cut short: that is taken back, with what others may have put behind
+// it.
+void write_line(int file, const char *line)
+{
+    const std::size_t length = std::strlen(line);
+    const ssize_t written = write(file, line, length);
+    if (written > 0 && static_cast<std::size_t>(written) < length) {
+        [[maybe_unused]] const int result = ftruncate(file, lseek(file, 0, SEEK_CUR) - written);
     }
 }
 
@@ -103,8 +114,7 @@ void _conf_write_log(int level, const char *format, ...)
         support::print_cut(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d[%s] - %s\r\n",
                            now.tm_year + 1900, now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min,
                            now.tm_sec, g_debug_desc[level], text);
-        // One write, so that lines of several threads and processes do not mix.
-        [[maybe_unused]] const ssize_t written = write(file.get(), line, std::strlen(line));
+        write_line(file.get(), line);
         support::wipe(line, sizeof line);
     }
     support::wipe(text, sizeof text);

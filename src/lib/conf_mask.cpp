@@ -23,9 +23,6 @@ pcre2_real_code_8 *g_oxelKeyInfoRe[pattern_count];
 
 namespace {
 
-// The patterns that this file compiled, each also in the exported table unless replaced there.
-std::array<pcre2_code_8 *, pattern_count> own_patterns;
-
 // ---- table --------------------------------------------------------------------------------------
 
 std::atomic_ref<pcre2_code_8 *> table_entry(std::size_t pattern)
@@ -33,24 +30,40 @@ std::atomic_ref<pcre2_code_8 *> table_entry(std::size_t pattern)
     return std::atomic_ref<pcre2_code_8 *>(g_oxelKeyInfoRe[pattern]);
 }
 
-// Two threads may build at once: the pattern that is compiled second is dropped again. Entry 0 says
-// that the table is complete, so it comes last.
-void build_table()
+// Whether an entry holds the library's own pattern. The name in it tells, not its address: a
+// program that frees the library's pattern may get the same address for its own.
+bool is_own(const pcre2_code_8 *entry, std::size_t pattern)
 {
-    for (std::size_t pattern = pattern_count; pattern-- > 0;) {
-        const std::atomic_ref<pcre2_code_8 *> own(own_patterns[pattern]);
-        pcre2_code_8 *known = own.load();
-        if (known == nullptr) {
-            pcre2_code_8 *fresh =
+    char name[] = GROUP_NAME "A";
+    name[sizeof name - 2] = static_cast<char>('A' + pattern);
+    return pcre2_substring_number_from_name_8(entry, reinterpret_cast<PCRE2_SPTR8>(name)) > 0;
+}
+
+// Compiles all patterns, whatever the table holds: that is the program's, and may be freed. Entry 0
+// says that the table is complete, so it is stored last. Returns whether it is: not without the
+// memory, and not while another thread is building, for which nobody waits.
+bool build_table()
+{
+    static std::atomic_flag building;
+    if (building.test_and_set()) {
+        return false;
+    }
+    if (table_entry(0).load() == nullptr) {
+        std::array<pcre2_code_8 *, pattern_count> fresh{};
+        for (std::size_t pattern = pattern_count; pattern-- > 0;) {
+            fresh[pattern] =
                 REG_CreateOxelKeyRe(sensitive_items[pattern / 3].patterns[pattern % 3]);
-            if (own.compare_exchange_strong(known, fresh)) {
-                known = fresh;
+        }
+        for (std::size_t pattern = pattern_count; pattern-- > 0;) {
+            if (fresh[0] != nullptr) {
+                table_entry(pattern).store(fresh[pattern]);
             } else {
-                pcre2_code_free_8(fresh);
+                pcre2_code_free_8(fresh[pattern]);
             }
         }
-        table_entry(pattern).store(known);
     }
+    building.clear();
+    return table_entry(0).load() != nullptr;
 }
 
 // ---- global match with PCRE2 --------------------------------------------------------------------
@@ -181,27 +194,23 @@ int REG_RemarkInfo(pcre2_code_8 *re, char *buf, int dataLen)
 
 void REG_RemarkKeyInfo(char *buf, int dataLen)
 {
-    if (table_entry(0).load() == nullptr) {
-        build_table();
-    }
+    const bool is_built = table_entry(0).load() != nullptr || build_table();
     if (buf == nullptr || dataLen <= 0) {
         return;
     }
     std::uint32_t newline = PCRE2_NEWLINE_LF;
     (void)pcre2_config_8(PCRE2_CONFIG_NEWLINE, &newline);
     const std::span text(buf, static_cast<std::size_t>(dataLen));
-    // Those not applied yet: a replaced pattern sees what the ones before it have left.
+    // Those not applied yet: a replaced pattern sees what the ones before it have left. Without a
+    // table all are the library's own, and their values are masked all the same.
     std::uint32_t own = 0;
     for (std::size_t pattern = 0; pattern < pattern_count; ++pattern) {
-        pcre2_code_8 *re = table_entry(pattern).load();
-        if (re == nullptr) {
-            continue;
-        }
-        if (re == own_patterns[pattern]) {
+        pcre2_code_8 *const entry = table_entry(pattern).load();
+        if (!is_built || (entry != nullptr && is_own(entry, pattern))) {
             own |= 1U << pattern;
-        } else {
+        } else if (entry != nullptr) {
             _conf_mask_values(text, std::exchange(own, 0), newline);
-            (void)REG_RemarkInfo(re, buf, dataLen);
+            (void)REG_RemarkInfo(entry, buf, dataLen);
         }
     }
     _conf_mask_values(text, own, newline);

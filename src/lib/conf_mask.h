@@ -19,24 +19,30 @@ struct sensitive_item {
     std::array<const char *, 3> patterns; // element, value pair, quoted name
 };
 
-#define ITEM(KEYWORD, LANDMARK)                                                                    \
+// Each pattern names its first group, with a letter that no other has: that tells it from what a
+// program may put in its place, which can get the same address.
+#define GROUP_NAME "_conf_mask_"
+#define VALUE(LETTER) "(?<" GROUP_NAME LETTER ">.*)"
+#define ITEM(KEYWORD, LANDMARK, FIRST, SECOND, THIRD)                                              \
     {                                                                                              \
         KEYWORD, std::string_view(KEYWORD).find(LANDMARK),                                         \
         {                                                                                          \
-            ".*" KEYWORD ".*>(.*)</.*" KEYWORD, ".*" KEYWORD ".*oldval=(.*),newval=(.*)",          \
-                ".*\".*" KEYWORD ".*\".*: (.*)"                                                    \
+            ".*" KEYWORD ".*>" VALUE(FIRST) "</.*" KEYWORD,                                        \
+                ".*" KEYWORD ".*oldval=" VALUE(SECOND) ",newval=(.*)",                             \
+                ".*\".*" KEYWORD ".*\".*: " VALUE(THIRD)                                           \
         }                                                                                          \
     }
 inline constexpr std::array<sensitive_item, 7> sensitive_items = {{
-    ITEM("password", 'w'),
-    ITEM("cipher", 'h'),
-    ITEM("psk", 'k'),
-    ITEM("authentication-text", 'x'),
-    ITEM("key", 'k'),
-    ITEM("text-name", 'x'),
-    ITEM("secret", 'c'),
+    ITEM("password", 'w', "A", "B", "C"),
+    ITEM("cipher", 'h', "D", "E", "F"),
+    ITEM("psk", 'k', "G", "H", "I"),
+    ITEM("authentication-text", 'x', "J", "K", "L"),
+    ITEM("key", 'k', "M", "N", "O"),
+    ITEM("text-name", 'x', "P", "Q", "R"),
+    ITEM("secret", 'c', "S", "T", "U"),
 }};
 #undef ITEM
+#undef VALUE
 
 // Compiles one pattern with the defaults of the PCRE2 build; null when that fails.
 [[nodiscard]] pcre2_real_code_8 *REG_CreateOxelKeyRe(const char *pattern);

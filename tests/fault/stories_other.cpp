@@ -4,6 +4,7 @@
 #include "lane.h"
 
 #include "conf_dlq.h"
+#include "conf_mask.h"
 #include "conf_vec.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
@@ -204,8 +205,7 @@ const story paths("paths", about::calls, [] {
 });
 
 const story containers("containers", about::calls, [] {
-    conf_dlq_node_t first{};
-    conf_dlq_node_t second{};
+    conf_dlq_node_t first{}, second{};
     conf_dlq_list_t list;
     step("list", [&] {
         conf_dlq_init(&list);
@@ -266,8 +266,6 @@ const story helpers("helpers", about::calls, [] {
     for (const int fd : {ends[0], ends[1], epoll}) {
         close(fd);
     }
-    const node_ptr tree(test::parse("<name>a</name>"));
-    step("content", [&] { return conf_get_node_content(tree.get()); });
     std::free(step("strip", [] { return conf_strip(" a b "); }));
     char number[32];
     step("number", [&] { return static_cast<const char *>(conf_itoa(-42, number, 32)); });
@@ -291,11 +289,7 @@ const story logs("logs", about::logs, [] {
     step("masked", [] { safety_syslog(11, "<password>abc</password> \"key\": abc"); });
 
     // A pattern that the program has put into the table.
-    int error = 0;
-    PCRE2_SIZE offset = 0;
-    pcre2_code_8 *const own = std::exchange(
-        g_oxelKeyInfoRe[0], pcre2_compile_8(reinterpret_cast<PCRE2_SPTR8>("a(b*)c"),
-                                            PCRE2_ZERO_TERMINATED, 0, &error, &offset, nullptr));
+    auto *const own = std::exchange(g_oxelKeyInfoRe[0], REG_CreateOxelKeyRe("a(b*)c"));
     char text[] = "abbc abc ac";
     step("own pattern", [&] { REG_RemarkKeyInfo(text, static_cast<int>(sizeof text - 1)); });
     note("text", text + 0);

@@ -309,7 +309,8 @@ int main(int count, char **arguments)
     }
     GTEST_FLAG_SET(break_on_failure, true);
     std::string error;
-    EXPECT_TRUE(count >= 2 && sandbox::enter({}, error)) << "soak CHANGES [SEED] " << error;
+    EXPECT_GE(count, 2) << "soak CHANGES [SEED]";
+    EXPECT_TRUE(sandbox::enter({}, error)) << error;
     changes = std::strtoull(arguments[1], nullptr, 10);
     const number seed =
         count > 2 ? std::strtoull(arguments[2], nullptr, 10) : std::random_device{}();

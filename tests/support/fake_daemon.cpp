@@ -128,8 +128,8 @@ FakeDaemon::FakeDaemon() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC,
     std::filesystem::remove(address.sun_path);
     std::ofstream("/dev/shm/yang_modules/confd.conf") << R"({"working-dir": "/var/tmp/daemon"})";
     const auto *const generic = reinterpret_cast<const sockaddr *>(&address);
-    EXPECT_EQ(bind(listener_.get(), generic, sizeof address) | listen(listener_.get(), 8), 0)
-        << std::strerror(errno);
+    EXPECT_EQ(bind(listener_.get(), generic, sizeof address), 0) << std::strerror(errno);
+    EXPECT_EQ(listen(listener_.get(), 8), 0) << std::strerror(errno);
     limit_waits(listener_.get());
 }
 
@@ -204,8 +204,7 @@ std::string PluginFixture::request_of(const std::function<void()> &call, const s
 void PluginFixture::leave_over(std::string bytes)
 {
     const int size = static_cast<int>(bytes.size());
-    conf_buffer_t **const buffer = &get_plugin_context()->recv_buf;
-    EXPECT_TRUE(bytes.empty() || conf_buffer_append(buffer, bytes.data(), size) == 0);
+    EXPECT_EQ(conf_buffer_append(&get_plugin_context()->recv_buf, bytes.data(), size), 0);
 }
 
 void PluginFixture::expect_idle()

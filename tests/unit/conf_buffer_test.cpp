@@ -22,7 +22,8 @@ void expect_holds(const conf_buffer_t *buf, int total, const std::string &text)
 {
     EXPECT_EQ(buf->total, total);
     const std::string all(buf->buf, static_cast<std::size_t>(buf->total));
-    EXPECT_TRUE(static_cast<std::size_t>(buf->used) == text.size() && all.starts_with(text));
+    EXPECT_EQ(buf->used, static_cast<int>(text.size()));
+    EXPECT_TRUE(all.starts_with(text));
     EXPECT_EQ(all.find_first_not_of('\0', text.size()), std::string::npos);
 }
 
@@ -40,7 +41,8 @@ TEST_F(BufferTest, Sizes)
         const std::string one(static_cast<std::size_t>(first), 'a');
         const std::string two(static_cast<std::size_t>(second), 'b');
         conf_buffer_t *buf = conf_buffer_create(created);
-        EXPECT_TRUE(append(&buf, one) == 0 && append(&buf, two) == 0);
+        EXPECT_EQ(append(&buf, one), 0);
+        EXPECT_EQ(append(&buf, two), 0);
         expect_holds(buf, 4096 * pages - 8, one + two);
         const conf_buffer_t *const before = buf;
         conf_buffer_slim(&buf);
@@ -63,6 +65,12 @@ TEST_F(BufferTest, NothingThatLeavesABufferStaysInItsMemory)
         {[](auto **buf) { conf_buffer_slim(buf); }, 20472, secret + "public"},
         {[](auto **buf) { conf_buffer_consume(buf, 20000); }, 4088, "public"},
         {[](auto **buf) { conf_buffer_clear(buf); }, 4088, ""},
+        // Two more mappings in the system's eyes: one page does not go into a dump.
+        {[](auto **buf) {
+             EXPECT_EQ(madvise(reinterpret_cast<char *>(*buf) + 4096, 4096, MADV_DONTDUMP), 0);
+             EXPECT_EQ(append(buf, std::string(65536, 'x')), 0);
+         },
+         131064, secret + "public" + std::string(65536, 'x')},
     };
     for (const auto &[action, total, kept] : rows) {
         const support::unique_fd file(memfd_create("buffer", MFD_CLOEXEC));
@@ -131,7 +139,12 @@ TEST_F(BufferTest, Refusals)
     EXPECT_EQ(append(&buf, "12345"), 0);
     char text[] = "text";
     char *const mapping = reinterpret_cast<char *>(buf); // which no source may reach into
-    refused(conf_buffer_append(&none, text, 4), -1, "(buf=%, context=%).", {&none, text});
+    const std::tuple<conf_buffer_t **, void *, int> sources[] = {
+        {&none, text, 4}, {nullptr, text, 4},     {&buf, nullptr, 4},
+        {&buf, text, -1}, {&buf, mapping - 1, 2}, {&buf, mapping + 4095, 1}};
+    for (const auto &[to, from, len] : sources) {
+        refused(conf_buffer_append(to, from, len), -1, "(buf=%, context=%).", {to, from});
+    }
     refused(conf_buffer_insert(&buf, 1, mapping, 1), -1, "(buf=%, context=%).", {&buf, mapping});
     refused(conf_buffer_insert(&buf, -1, text, 4), -1, "Error offset(offset=-1, buf.used=5).");
     refused(conf_buffer_insert(&buf, 6, text, 4), -1, "Error offset(offset=6, buf.used=5).");
@@ -141,15 +154,11 @@ TEST_F(BufferTest, Refusals)
     refused(conf_buffer_length(nullptr), 0, ".");
     refused(conf_buffer_create(-1) != nullptr, 0, "(size=-1).");
     refused((conf_buffer_flush(nullptr), conf_buffer_destroy(nullptr), 0), 0, "");
-    EXPECT_EQ(conf_buffer_append(nullptr, text, 4) + conf_buffer_append(&buf, nullptr, 4) +
-                  conf_buffer_append(&buf, text, -1) + conf_buffer_append(&buf, mapping - 1, 2) +
-                  conf_buffer_append(&buf, mapping + 4095, 1),
-              -5);
     conf_buffer_slim(nullptr);
     for (const auto &[start, len] : {std::pair(-1, 1), {0, 0}, {5, 1}}) {
         conf_buffer_remove(buf, start, len);
     }
-    EXPECT_EQ(test::take_system_log().size(), 9U);
+    EXPECT_EQ(test::take_system_log().size(), 4U);
     expect_holds(buf, 4088, "12345");
     conf_buffer_destroy(buf);
 }

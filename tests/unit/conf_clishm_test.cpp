@@ -98,9 +98,10 @@ protected:
 TEST_F(ClientTable, KeepsRecordsByProcess)
 {
     both_ways(2, [] {
-        EXPECT_TRUE(save(record(5, 50)) == 0 && save(record(6, 60)) == 0);
+        EXPECT_EQ(save(record(5, 50)), 0);
+        EXPECT_EQ(save(record(6, 60)), 0);
         refused(save(record(7, 70)), -1, "Share memory for client info is full(2).");
-        EXPECT_TRUE(look_up(5) == 50 && look_up(6) == 60);
+        EXPECT_EQ(std::pair(look_up(5), look_up(6)), std::pair(50, 60));
 
         const Words words;
         conf_free_client_info(5);
@@ -117,7 +118,7 @@ TEST_F(ClientTable, KeepsRecordsByProcess)
         info.ipv6 = 1;
         info.reserved = 0x2001;
         EXPECT_EQ(save(info), 0);
-        EXPECT_TRUE(words[1] == 0xfffffffdU && words[2] == 0x80060007U) << std::hex << words[2];
+        EXPECT_EQ(std::pair(words[1], words[2]), std::pair(0xfffffffdU, 0x80060007U));
         EXPECT_EQ(std::memcmp(&words[3], info.addr_buf, 16), 0);
     });
     refused(conf_save_client_info(nullptr), -1, "Input parameter is not valid.");
@@ -156,11 +157,13 @@ TEST_F(ClientTable, IsCreatedEmptyAndReplacesWhatAnEarlierRunLeft)
         EXPECT_EQ(conf_clishm_create(3), 0);
         shmid_ds status{};
         semid_ds set{};
-        EXPECT_EQ(shmctl(segment(), IPC_STAT, &status) + semctl(semaphore(), 0, IPC_STAT, &set), 0);
-        EXPECT_TRUE(status.shm_segsz == 4 + 3 * 24 && (status.shm_perm.mode & 0777U) == 0660U);
-        EXPECT_TRUE(set.sem_nsems == 1 && (set.sem_perm.mode & 0777U) == 0660U);
+        EXPECT_EQ(shmctl(segment(), IPC_STAT, &status), 0);
+        EXPECT_EQ(semctl(semaphore(), 0, IPC_STAT, &set), 0);
+        EXPECT_EQ(std::tuple(status.shm_segsz, status.shm_perm.mode), std::tuple(76U, 0660U));
+        EXPECT_EQ(std::tuple(set.sem_nsems, set.sem_perm.mode), std::tuple(1U, 0660U));
         const Words words;
-        EXPECT_TRUE(words[0] == 3 && std::count(&words[1], &words[19], 0) == 18);
+        EXPECT_EQ(words[0], 3U);
+        EXPECT_EQ(std::count(&words[1], &words[19], 0), 18);
         conf_clishm_destroy();
     }
 }
@@ -169,7 +172,7 @@ TEST_F(ClientTable, CanBeRemovedAndCreatedAnewByAnyProcess)
 {
     ASSERT_EQ(conf_clishm_create(3), 0);
     EXPECT_EQ(in_another_process([] { return conf_clishm_destroy(), 0; }), 0);
-    EXPECT_TRUE(segment() == -1 && semaphore() == -1);
+    EXPECT_EQ(std::pair(segment(), semaphore()), std::pair(-1, -1));
     refused(save(record(5)), -1,
             "<12>[WARN] Try to lock share memory failed(Invalid argument).\n"
             "Share memory for client info is full(3).");

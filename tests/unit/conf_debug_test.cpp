@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -26,7 +27,7 @@ TEST_F(Logs, LevelsOfTheDebugFile)
     for (const auto &[level, enable, result, enabled_after, level_after] : switches) {
         SCOPED_TRACE(::testing::Message() << level << ", " << enable);
         EXPECT_EQ(econf_plugin_config_debug(level, enable), result);
-        EXPECT_TRUE(g_log_enable == enabled_after && g_log_level == level_after);
+        EXPECT_EQ(std::pair(g_log_enable, g_log_level), std::pair(enabled_after, level_after));
         strings expected;
         test::clear_debug_file();
         for (int each = -4; each <= 9; ++each) {
@@ -60,7 +61,8 @@ TEST_F(Logs, LinesOfTheDebugFile)
     std::tm stamp{};
     ASSERT_EQ(strptime(line.c_str(), "%Y-%m-%d %H:%M:%S", &stamp), &line[19]);
     stamp.tm_isdst = -1;
-    EXPECT_TRUE(before <= std::mktime(&stamp) && std::mktime(&stamp) <= std::time(nullptr));
+    EXPECT_GE(std::mktime(&stamp), before);
+    EXPECT_LE(std::mktime(&stamp), std::time(nullptr));
 }
 
 TEST_F(Logs, DebugFileIsLimitedAndNotForEverybodyAndNotLedAstray)
@@ -74,7 +76,18 @@ TEST_F(Logs, DebugFileIsLimitedAndNotForEverybodyAndNotLedAstray)
     EXPECT_EQ(_conf_get_file_length(debug_path.c_str()), 2097152 + 35);
     _conf_write_log(DBG_ERROR, "first");
     EXPECT_EQ(test::debug_lines(), strings{"[ERROR] - first"});
-    EXPECT_TRUE(_conf_get_file_length(nullptr) == -1 && _conf_get_file_length("/none") == -1);
+    EXPECT_EQ(_conf_get_file_length(nullptr), -1);
+    EXPECT_EQ(_conf_get_file_length("/none"), -1);
+
+    // What a full disk leaves of a line goes; a limit of this process stands in for the disk.
+    rlimit limit{};
+    EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    for (const rlim_t room : {rlim_t{fs::file_size(debug_path)} + 20, limit.rlim_cur}) {
+        const rlimit now{room, limit.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &now), 0);
+        _conf_write_log(DBG_ERROR, "next");
+    }
+    EXPECT_EQ(test::debug_lines(), (strings{"[ERROR] - first", "[ERROR] - next"}));
 
     fs::remove(debug_path);
     fs::create_symlink("/var/log/elsewhere", debug_path);

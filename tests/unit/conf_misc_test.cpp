@@ -34,7 +34,8 @@ TEST_F(MiscTest, Texts)
     EXPECT_EQ(conf_itoa(1, nullptr, 32), nullptr);
     const long long second = 1000000;
     const long long before = time(nullptr) * second, now = conf_get_unix_time();
-    EXPECT_TRUE(before <= now && now < (time(nullptr) + 1) * second) << now;
+    EXPECT_GE(now, before);
+    EXPECT_LT(now, (time(nullptr) + 1) * second);
 
     xmlNode *node = test::parse("<a key='value'>text</a>");
     EXPECT_STREQ(conf_get_node_content(reinterpret_cast<xmlNode *>(node->properties)), "value");

@@ -29,9 +29,9 @@ TEST_F(Containers, ListRefusesForeignNodesAndIsEmptyAfterInitAndFree)
     released.clear();
     std::memset(nodes, 0, sizeof nodes);
     conf_dlq_node_t *const in = &nodes[0], *const out = &nodes[3], *const free = &nodes[2];
-    EXPECT_EQ(conf_dlq_append(&other, out) | conf_dlq_append(&list, in) |
-                  conf_dlq_insert(&list, nullptr, &nodes[1]),
-              0);
+    EXPECT_EQ(conf_dlq_append(&other, out), 0);
+    EXPECT_EQ(conf_dlq_append(&list, in), 0);
+    EXPECT_EQ(conf_dlq_insert(&list, nullptr, &nodes[1]), 0);
     refused((conf_dlq_init(nullptr), 0), 0, ".");
     refused((conf_dlq_free(&list, nullptr), 0), 0, "(list=%, free_func=(nil)).", {&list});
     refused((conf_dlq_free(nullptr, release), 0), 0, "(list=(nil), free_func=%).",
@@ -49,10 +49,10 @@ TEST_F(Containers, ListRefusesForeignNodesAndIsEmptyAfterInitAndFree)
         refused((conf_dlq_remove(from, node), conf_dlq_next(from, node) != nullptr), 0, "");
         refused(conf_dlq_prev(from, node) != nullptr, 0, "(list=%, node=%).", {from, node});
     }
-    EXPECT_TRUE(list.num == 2 && other.num == 1 && free->list == nullptr);
+    EXPECT_EQ(std::tuple(list.num, other.num, free->list), std::tuple(2U, 1U, nullptr));
     conf_dlq_free(&list, release);
     EXPECT_EQ(released, "01");
-    EXPECT_TRUE(list.num == 0 && list.head == nullptr && list.tail == nullptr);
+    EXPECT_EQ(std::tuple(list.num, list.head, list.tail), std::tuple(0U, nullptr, nullptr));
 }
 
 TEST_F(Containers, SeedsAndBuckets)
@@ -63,7 +63,7 @@ TEST_F(Containers, SeedsAndBuckets)
     };
     for (const auto &[buckets, seed] : seeds) {
         conf_hash_tbl_t *table = conf_hash_create(buckets);
-        EXPECT_TRUE(table->num == buckets && table->seed == seed) << buckets;
+        EXPECT_EQ(std::pair(table->num, table->seed), std::pair(buckets, seed));
         conf_hash_destroy(table);
     }
     conf_hash_tbl_t *large = conf_hash_create(1000);
@@ -115,9 +115,10 @@ TEST_F(Containers, VectorRefusesAndReleases)
     EXPECT_EQ(conf_vector_add(&vector, &nodes[0]), 0);
     refused(conf_vector_get(vector, 1) != nullptr, 0, "(vector=%, index=1).", {vector});
     refused(conf_vector_remove(vector, 1), -1, "(vector=%, index=1).", {vector});
-    EXPECT_TRUE(conf_vector_add(&vector, &nodes[1]) == 1 &&
-                conf_vector_add(&vector, &nodes[2]) == 2);
-    EXPECT_TRUE(conf_vector_remove(vector, 0) == 0 && conf_vector_add(&vector, &nodes[3]) == 0);
+    EXPECT_EQ(conf_vector_add(&vector, &nodes[1]), 1);
+    EXPECT_EQ(conf_vector_add(&vector, &nodes[2]), 2);
+    EXPECT_EQ(conf_vector_remove(vector, 0), 0);
+    EXPECT_EQ(conf_vector_add(&vector, &nodes[3]), 0);
     refused(conf_vector_create(0) != nullptr, 0, "(size=0).");
     refused(conf_vector_create(UINT_MAX) != nullptr, 0,
             "Allocate memory failed(Cannot allocate memory).");

@@ -83,8 +83,10 @@ TEST_F(Envelope, Splits)
     const node_ptr root(parse("<r/>"));
     const char *method = nullptr;
     xmlNode *r = root.get(), *node = nullptr;
-    EXPECT_EQ(plugin_parse_rpc(r, nullptr, &node) + plugin_parse_rpc(r, &method, nullptr), -2);
-    EXPECT_EQ(plugin_parse_reply(r, nullptr, &node) + plugin_parse_reply(r, &node, nullptr), -2);
+    EXPECT_EQ(plugin_parse_rpc(r, nullptr, &node), -1);
+    EXPECT_EQ(plugin_parse_rpc(r, &method, nullptr), -1);
+    EXPECT_EQ(plugin_parse_reply(r, nullptr, &node), -1);
+    EXPECT_EQ(plugin_parse_reply(r, &node, nullptr), -1);
 }
 
 TEST_F(Envelope, ReadsIdsAndErrors)

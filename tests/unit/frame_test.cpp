@@ -69,6 +69,13 @@ TEST_F(Frame, ReadsNoFurtherThanItShould)
         EXPECT_TRUE(reads(amount));
         drop_received(get_plugin_from_hash());
     }
+    // A message of 64 MiB is awaited; what announces more is damage, of which the last bytes stay.
+    for (const auto &[length, kept] : {std::pair(wire::max_body, 32), {wire::max_body + 1, 12}}) {
+        leave_over(head(length) + std::string(20, 'x'));
+        EXPECT_FALSE(reads(take::one_message));
+        EXPECT_EQ(context->recv_buf->used, kept) << length;
+        drop_received(get_plugin_from_hash());
+    }
     peer->send(large + one);
     EXPECT_TRUE(reads(take::one_message));
     EXPECT_EQ(contents(context->recv_buf), large);

@@ -153,6 +153,7 @@ TEST_F(LegacyTest, ReadsAndWritesConfiguration)
     EXPECT_EQ(given.data, nullptr);
     EXPECT_EQ(conf_run(handle, 0), 0);
     EXPECT_EQ(conf_run(handle, 1), -1);
+    EXPECT_EQ(debug_texts(DBG_ERROR).back(), "Plugin context is not ready.");
 }
 
 TEST_F(LegacyTest, ReadsNodesWhoseStringsBelongToADocumentOfTheDaemon)

@@ -32,7 +32,7 @@ protected:
                 log += line + '\n';
             }
             EXPECT_NE(log.find(row.log), std::string::npos) << log;
-            EXPECT_TRUE(context->err_code == 0 && context->err_msg == nullptr);
+            EXPECT_EQ(std::tuple(context->err_code, context->err_msg), std::tuple(0, nullptr));
         }
     }
 };

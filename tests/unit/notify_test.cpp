@@ -52,22 +52,24 @@ TEST_F(Notify, SendsOneDatagramWithoutAnythingAdded)
         EXPECT_TRUE(log.empty() || log == strings{sent + "4 tryTime=4"}) << log[0];
         ASSERT_EQ(conf_notify_nonblock(event, text), 0);
     }
-    EXPECT_TRUE(interruptions > 0 && rests == interruptions) << interruptions << ' ' << rests;
+    EXPECT_GT(interruptions, 0);
+    EXPECT_EQ(rests, interruptions);
     unlink(g_conf_notifier_socket);
 }
 
 TEST_F(Notify, RefusesNullArguments)
 {
     xmlNode node{};
-    EXPECT_EQ(econf_notify(nullptr, &node) + econf_notify(event, nullptr) +
-                  conf_notify(nullptr, text) + conf_notify(event, nullptr),
-              -4);
-    const std::string wrong = "Error input parameter(", no_data = place(event) + ", node=(nil)).";
-    EXPECT_EQ(take_errors(), wrong + "name=(nil), node=" + place(&node) + ").\n" + wrong + "name=" +
-                                 no_data + "\n" + wrong + "list=(nil), node=" + place(text) +
-                                 ").\n" + wrong + "list=" + no_data);
-    refused(conf_notify_nonblock(event, nullptr), -1, "(list=%, node=(nil)).", {event});
-    refused(conf_notify_nonblock(nullptr, text), -1, "(list=(nil), node=%).", {text});
+    const std::tuple<char *, xmlNode *, char *> wrong[] = {{nullptr, &node, text}, {event, {}, {}}};
+    for (const auto &[name, element, data] : wrong) {
+        EXPECT_EQ(econf_notify(name, element), -1);
+        EXPECT_EQ(conf_notify(name, data), -1);
+        refused(conf_notify_nonblock(name, data), -1, "(list=%, node=%).", {name, data});
+        EXPECT_EQ(take_errors(), "Error input parameter(name=" + place(name) +
+                                     ", node=" + place(element) +
+                                     ").\nError input parameter(list=" + place(name) +
+                                     ", node=" + place(data) + ").");
+    }
 }
 
 } // namespace

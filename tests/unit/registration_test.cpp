@@ -54,7 +54,7 @@ TEST_F(RegistrationTest, AnnouncesEverySubscriptionWithItsIndex)
         EXPECT_EQ(fcntl(sock, F_GETFD), FD_CLOEXEC);
         context = get_plugin_context();
         ASSERT_NE(context, nullptr);
-        EXPECT_TRUE(context->sock == sock && context->version == 2);
+        EXPECT_EQ(std::tuple(context->sock, context->version), std::tuple(sock, 2U));
         ASSERT_EQ(context->cbs_nums, slots.size());
         for (std::size_t i = 0; i < slots.size(); ++i) {
             EXPECT_EQ(reinterpret_cast<std::uintptr_t>(context->cbs[i]), slots[i]);
@@ -73,10 +73,12 @@ TEST_F(RegistrationTest, RefusalLeavesNothingBehind)
 {
     econf_plugin_subpub_info_t info{};
     const char *name = "demo";
-    EXPECT_EQ(econf_plugin_init(nullptr, &info) + econf_plugin_init(name, nullptr), -2);
-    EXPECT_EQ(take_errors(), "Input parameters error(name=(nil), reg_info=" + place(&info) +
-                                 ").\nInput parameters error(name=" + place(name) +
-                                 ", reg_info=(nil)).");
+    const std::pair<const char *, econf_plugin_subpub_info_t *> wrong[] = {{name, {}}, {{}, &info}};
+    for (const auto &[given, data] : wrong) {
+        EXPECT_EQ(econf_plugin_init(given, data), -1);
+        EXPECT_EQ(take_errors(), "Input parameters error(name=" + place(given) +
+                                     ", reg_info=" + place(data) + ").");
+    }
     request_of([&] { EXPECT_EQ(econf_plugin_init(name, &info), -1); }, error("3", "no &lt;room"));
     EXPECT_EQ(take_errors(), "Confd reply error(no <room) for plugin demo rpc.\n"
                              "Plugin demo register to confd failed.");

@@ -225,7 +225,8 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
 {
     std::random_device random;
     int tokens[2], done[2];
-    ASSERT_EQ(pipe(tokens) | pipe(done), 0);
+    ASSERT_EQ(pipe(tokens), 0);
+    ASSERT_EQ(pipe(done), 0);
     const pid_t plugin = fork();
     if (plugin == 0) {
         play_plugin(tokens[0], done[1]);
@@ -252,7 +253,8 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
                 (void)connection.receive();
             }
             char answer = 'n';
-            EXPECT_TRUE(read(done[0], &answer, 1) == 1 && answer == 'y') << each.name;
+            EXPECT_EQ(read(done[0], &answer, 1), 1) << each.name;
+            EXPECT_EQ(answer, 'y') << each.name;
             for (const std::string &message : take_system_log()) {
                 EXPECT_EQ(message.find(secret), std::string::npos) << each.name << ": " << message;
             }

@@ -57,6 +57,13 @@ TEST_F(Service, OpensItsSocketForOwnerAndGroupInPlaceOfWhatStandsThere)
         socklen_t size = sizeof found;
         getsockopt(sock, SOL_SOCKET, listens ? SO_ACCEPTCONN : SO_RCVBUF, &found, &size);
         EXPECT_EQ(found, listens ? 1 : 65536); // Linux doubles the room
+        const sockaddr_un address = socket_address(path);
+        std::vector<support::unique_fd> waiting;
+        do {
+            waiting.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        } while (connect(waiting.back().get(), reinterpret_cast<const sockaddr *>(&address),
+                         sizeof address) == 0);
+        EXPECT_EQ(waiting.size(), listens ? 10U : 1U) << "8, one more on Linux, and one too many";
         EXPECT_NE(fcntl(sock, F_GETFL) & O_NONBLOCK, 0);
         EXPECT_EQ(fcntl(sock, F_GETFD), FD_CLOEXEC);
         disable(sock);
@@ -97,6 +104,7 @@ TEST_F(Service, InstallsACopyOfTheHooksOnceInTheRecordOfTheProcess)
               (strings{"[ERROR] - Error input parameter.", "[INFO] - Hash key = " + key + ".",
                        "[ERROR] - Conf API had initialized."}));
     del_plugin_from_hash();
-    EXPECT_TRUE(conf_hash_get(g_plugin_hash, key.data()) == nullptr && g_plugin_hash->num == 8);
+    EXPECT_EQ(conf_hash_get(g_plugin_hash, key.data()), nullptr);
+    EXPECT_EQ(g_plugin_hash->num, 8U);
     std::free(hooks);
 }

@@ -85,6 +85,7 @@ int run_blocking(const conf_plugin_data *plugin)
 {
     const conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
     if (ctxt == nullptr) {
+        LOG_FILE_ERROR("Plugin context is not ready.");
         return -1;
     }
     const context_guard guard(ctxt);

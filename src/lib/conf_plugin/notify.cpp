@@ -28,6 +28,16 @@ ssize_t send_to_notifier(const support::unique_fd &sock, std::span<const char> p
                   reinterpret_cast<const sockaddr *>(&address), sizeof address);
 }
 
+// Waits for room in the socket, also in a process with a timer that interrupts it.
+ssize_t send_and_wait(const support::unique_fd &sock, std::span<const char> payload)
+{
+    ssize_t sent = -1;
+    do {
+        sent = send_to_notifier(sock, payload, 0);
+    } while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
 // A text goes out with its terminating zero byte.
 std::span<const char> payload_of(const char *text)
 {
@@ -76,7 +86,7 @@ int econf_notify(const char *name, xmlNode *data)
         LOG_FILE_ERROR("Create notification socket failed(%s).", std::strerror(errno));
         return -1;
     }
-    if (!is_whole(send_to_notifier(sock, text.text(), 0), text.text())) {
+    if (!is_whole(send_and_wait(sock, text.text()), text.text())) {
         LOG_FILE_ERROR("Send notification %s failed failed(%s).", name, std::strerror(errno));
         return -1;
     }
@@ -95,7 +105,7 @@ int conf_notify(char *name, char *data)
         LOG_FILE_ERROR("Create notifier socket failed(%s).", std::strerror(errno));
         return -1;
     }
-    const ssize_t sent = send_to_notifier(sock, payload_of(data), 0);
+    const ssize_t sent = send_and_wait(sock, payload_of(data));
     const int cause = errno;
     LOG_FILE_INFO("Sent notification to confd, length is %d", static_cast<int>(sent));
     if (!is_whole(sent, payload_of(data))) {
