@@ -73,15 +73,15 @@ void take_turn(fuzz::input &in, int &peer)
         close(std::exchange(peer, -1));
         return;
     }
-    fuzz::forms all = is_agent ? agent_forms : plugin_forms;
+    std::span<const std::string> all = is_agent ? agent_forms : plugin_forms;
     if (peer < 0) {
         peer = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         const sockaddr_un address =
             socket_address(is_agent ? g_conf_agent_socket : g_conf_plugin_socket);
         (void)connect(peer, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-        all.resize(1);
+        all = all.first(1);
     } else {
-        all.erase(all.begin());
+        all = all.subspan(1);
         static std::array<char, 65536> ignored;
         (void)(in.rarely(4) || recv(peer, ignored.data(), ignored.size(), 0) != 0);
     }
@@ -113,7 +113,7 @@ void check_stored(configuration &config, const char *name)
     module_table modules;
     node read = from_xml(xmlDocGetRootElement(doc.get()), "", modules);
     read.module = kept->module;
-    EXPECT_TRUE(is_equal(read, *kept)) << text;
+    MUST(is_equal(read, *kept), text);
 }
 
 } // namespace
@@ -126,7 +126,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     console out;
     event_loop loop;
     tracer trace(out);
-    trace.enable(in.rarely(4));
+    trace.enable(in.seldom(4));
     configuration config("");
     conf_daemon service(loop, out, trace, config, where, seconds(3600));
     interpreter operating({loop, out, trace, config, service, seconds(3600)});
@@ -154,7 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
     (void)loop.run_until([&service] { return service.plugins().empty(); }, after(seconds(60)));
-    EXPECT_TRUE(service.plugins().empty());
+    MUST(service.plugins().empty());
     loop.forget(always);
     for (const int each : {always, peers[0], peers[1]}) {
         close(each);
