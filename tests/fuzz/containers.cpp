@@ -42,7 +42,7 @@ void check_buffer(fuzz::input &in)
         const auto length = static_cast<std::size_t>(conf_buffer_length(buffer));
         MUST(conf_buffer_length(buffer) < buffer->total);
         const std::string_view held(conf_buffer_data(buffer), length);
-        MUST(held == expected && *held.end() == '\0', std::string(held), expected);
+        MUST(held == expected && held.data()[length] == '\0', std::string(held), expected);
     }
     conf_buffer_destroy(buffer);
 }
