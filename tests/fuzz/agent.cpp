@@ -14,6 +14,7 @@ std::string_view content(conf_buffer_t *buffer)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    static conf_buffer_t *own = conf_buffer_create(0);
     fuzz::input in(data, size);
     conf_buffer_t *buffer = conf_buffer_create(in.ConsumeIntegralInRange(0, 20000));
     std::string expected;
@@ -23,12 +24,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (kind < 3) {
             int (*const build[])(conf_buffer_t **, int) = {
                 conf_agent_build_session, conf_agent_build_capability, conf_agent_build_notify_rpc};
-            conf_buffer_t *own = conf_buffer_create(0);
-            EXPECT_EQ(build[kind](&own, sequence) + build[kind](&buffer, sequence), 0);
+            conf_buffer_flush(own);
+            MUST(build[kind](&own, sequence) == 0 && build[kind](&buffer, sequence) == 0);
             const std::string body(content(own).substr(sizeof(msg_head_t)));
-            EXPECT_EQ(kind < 2, body.find("message-id=\"" + std::to_string(sequence) + '"') < 200);
+            const std::string id = "message-id=\"" + std::to_string(sequence) + '"';
+            MUST((body.find(id) < 200) == (kind < 2), body);
             expected += test::framed(body, static_cast<u16_t>(sequence));
-            conf_buffer_destroy(own);
         } else if (kind == 3 && !expected.empty()) {
             const std::size_t start = in.below(expected.size());
             const std::size_t count = 1 + in.below(300);
@@ -38,10 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             conf_buffer_slim(&buffer);
         } else if (kind == 5) {
             std::string more = in.text(100);
-            EXPECT_EQ(conf_buffer_append(&buffer, more.data(), static_cast<int>(more.size())), 0);
+            MUST(conf_buffer_append(&buffer, more.data(), static_cast<int>(more.size())) == 0);
             expected += more;
         }
-        EXPECT_EQ(content(buffer), expected);
+        MUST(content(buffer) == expected, std::string(content(buffer)), expected);
     }
     conf_buffer_destroy(buffer);
     return 0;

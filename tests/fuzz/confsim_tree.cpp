@@ -20,7 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const std::size_t what = in.below(4);
         try {
             const path where = parse_path(text);
-            EXPECT_EQ(to_text(parse_path(to_text(where))), to_text(where));
+            const std::string written = to_text(where);
+            MUST(to_text(parse_path(written)) == written, text, written);
             if (what == 0) {
                 const std::string value = in.ConsumeRandomLengthString(10);
                 node changed = top;
@@ -28,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 top = std::move(changed);
             } else if (what == 1) {
                 const std::size_t count = find(top, where).size();
-                EXPECT_EQ(remove(top, where), count) << text;
+                MUST(remove(top, where) == count, text);
             } else if (what == 2) {
                 (void)find_neighbours(top, where);
             } else {
@@ -38,12 +39,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 node changed = top;
                 put(changed, where,
                     {from_xml(xmlDocGetRootElement(doc.get()), where.back().module, modules)});
-                EXPECT_EQ(find(changed, where).size(), 1U) << text;
+                MUST(find(changed, where).size() == 1, text);
                 add_missing(changed, top);
                 top = depth_of(changed) > 250 ? top : std::move(changed);
             }
         } catch (const failure &) {
-            EXPECT_EQ(printed(top), before);
+            MUST(printed(top) == before, text);
         }
         const xml::doc_ptr doc = xml::parse_text(printed(top), "tree"); // or fails
     }

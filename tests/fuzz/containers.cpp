@@ -24,10 +24,10 @@ void check_buffer(fuzz::input &in)
         const int count = in.rarely(8) ? in.ConsumeIntegral<int>() : size;
         const std::size_t what = in.below(5);
         if (what == 0) {
-            EXPECT_EQ(conf_buffer_append(&buffer, more.data(), size), 0);
+            MUST(conf_buffer_append(&buffer, more.data(), size) == 0);
             expected += more;
         } else if (what == 1) {
-            EXPECT_EQ(conf_buffer_insert(&buffer, at, more.data(), size) == 0, is_inside);
+            MUST((conf_buffer_insert(&buffer, at, more.data(), size) == 0) == is_inside);
             expected.insert(std::min(place, expected.size()), is_inside ? more : "");
         } else if (what == 2) {
             conf_buffer_remove(buffer, at, count);
@@ -40,8 +40,9 @@ void check_buffer(fuzz::input &in)
             expected.clear();
         }
         const auto length = static_cast<std::size_t>(conf_buffer_length(buffer));
-        EXPECT_LT(conf_buffer_length(buffer), buffer->total);
-        EXPECT_EQ(std::string(conf_buffer_data(buffer), length + 1), expected + '\0');
+        MUST(conf_buffer_length(buffer) < buffer->total);
+        const std::string_view held(conf_buffer_data(buffer), length);
+        MUST(held == expected && held.data()[length] == '\0', std::string(held), expected);
     }
     conf_buffer_destroy(buffer);
 }
@@ -61,16 +62,16 @@ void check_list(fuzz::input &in)
             conf_dlq_remove(&list, node);
             conf_dlq_remove(&list, node); // changes nothing
         } else {
-            EXPECT_EQ(conf_dlq_insert(&list, other, node) == 0, can);
+            MUST((conf_dlq_insert(&list, other, node) == 0) == can);
             expected.insert(position, can ? 1 : 0, node);
         }
         conf_dlq_node_t *last = nullptr;
         for (conf_dlq_node_t *each : expected) {
-            EXPECT_EQ(each, last == nullptr ? conf_dlq_head(&list) : conf_dlq_next(&list, last));
-            EXPECT_EQ(conf_dlq_prev(&list, each), last);
+            MUST(each == (last == nullptr ? conf_dlq_head(&list) : conf_dlq_next(&list, last)));
+            MUST(conf_dlq_prev(&list, each) == last);
             last = each;
         }
-        EXPECT_TRUE(list.num == expected.size() && conf_dlq_tail(&list) == last);
+        MUST(list.num == expected.size() && conf_dlq_tail(&list) == last);
     }
 }
 
@@ -86,14 +87,14 @@ void check_hash(fuzz::input &in)
             conf_hash_del(table, key.data());
             expected.erase(key);
         } else {
-            EXPECT_EQ(conf_hash_add(table, key.data(), value.data(), size), 0);
+            MUST(conf_hash_add(table, key.data(), value.data(), size) == 0);
             expected[key] = value;
         }
         key = in.ConsumeRandomLengthString(3).c_str();
-        EXPECT_EQ(conf_hash_get(table, key.data()) != nullptr, expected.contains(key));
+        MUST((conf_hash_get(table, key.data()) != nullptr) == expected.contains(key), key);
         for (const auto &[name, text] : expected) {
             const auto *got = static_cast<char *>(conf_hash_get(table, std::string(name).data()));
-            EXPECT_TRUE(got != nullptr && std::equal(text.begin(), text.end(), got)) << name;
+            MUST(got != nullptr && std::equal(text.begin(), text.end(), got), name);
         }
     }
     for (const auto &[name, text] : expected) {
@@ -110,19 +111,19 @@ void check_vector(fuzz::input &in)
         const auto index = in.ConsumeIntegralInRange<std::size_t>(0, expected.size() + 1);
         if (in.rarely(3)) {
             const bool is_inside = index < expected.size();
-            EXPECT_EQ(conf_vector_remove(vector, static_cast<u32_t>(index)) == 0, is_inside);
+            MUST((conf_vector_remove(vector, static_cast<u32_t>(index)) == 0) == is_inside);
             expected[is_inside ? index : 0] = is_inside ? nullptr : expected[0];
         } else {
             const auto slot = std::find(expected.begin(), expected.end(), nullptr);
             const auto place = static_cast<std::size_t>(slot - expected.begin());
             expected.resize(expected.size() * (slot == expected.end() ? 2 : 1));
             expected[place] = &expected;
-            EXPECT_EQ(conf_vector_add(&vector, &expected), static_cast<int>(place));
+            MUST(conf_vector_add(&vector, &expected) == static_cast<int>(place));
         }
-        EXPECT_EQ(conf_vector_size(vector), static_cast<int>(expected.size()));
-        EXPECT_EQ(conf_vector_get(vector, static_cast<u32_t>(expected.size())), nullptr);
+        MUST(conf_vector_size(vector) == static_cast<int>(expected.size()));
+        MUST(conf_vector_get(vector, static_cast<u32_t>(expected.size())) == nullptr);
         for (std::size_t i = 0; i < expected.size(); ++i) {
-            EXPECT_EQ(conf_vector_get(vector, static_cast<u32_t>(i)), expected[i]);
+            MUST(conf_vector_get(vector, static_cast<u32_t>(i)) == expected[i]);
         }
     }
     conf_vector_destroy(vector, nullptr);

@@ -1,38 +1,41 @@
-// What the fuzz targets share: private namespaces, the end of a run with the first expectation that
-// fails, and texts, paths, documents and messages that are made from the bytes of an input.
+// What the fuzz targets share: the end of a run with the first condition that does not hold, and
+// texts, paths, documents and messages that are made from the bytes of an input.
+//
+// Speed counts: a target is as good as the number of inputs that it takes. What every input needs
+// is made once, and what costs much is left to the few inputs that are lavish.
 #ifndef CONFSVC_FUZZ_H
 #define CONFSVC_FUZZ_H
 
 #include "fake_daemon.h"
-#include "sandbox.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <libxml/xmlerror.h>
+#include <initializer_list>
+#include <span>
+#include <string_view>
 
-// Freed memory is kept from use for long enough, without touching fresh pages all the time.
-extern "C" const char *__asan_default_options()
-{
-    return "quarantine_size_mb=8:allocator_may_return_null=1";
-}
-
-// The library's fixed paths, sockets and both logs belong to this process alone from here on. Every
-// target includes this header once. Not inline: only libFuzzer refers to it.
-extern "C" int LLVMFuzzerInitialize(int *count, char ***arguments)
-{
-    GTEST_FLAG_SET(throw_on_failure, true);                        // which nobody catches
-    xmlSetStructuredErrorFunc(nullptr, [](void *, xmlError *) {}); // malformed texts are many
-    sandbox::options options;
-    options.keep.assign(*arguments + 1, *arguments + *count);
-    std::string error;
-    EXPECT_TRUE(sandbox::enter(options, error)) << error;
-    return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;
-}
+// Ends the run, with the input kept, unless the condition holds. What is to be shown then follows.
+#define MUST(condition, ...)                                                                       \
+    ((condition) ? void() : fuzz::fail(__FILE__, __LINE__, #condition, {__VA_ARGS__}))
 
 namespace fuzz {
+
+[[noreturn]] inline void fail(const char *file, int line, const char *condition,
+                              std::initializer_list<std::string> shown)
+{
+    std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, condition);
+    for (const std::string &each : shown) {
+        std::fprintf(stderr, "%s\n", each.c_str());
+    }
+    std::abort();
+}
+
+// The last byte of an input that may cost much: the mutator sees to it that these are few.
+inline constexpr std::uint8_t lavish = 1;
 
 // Forms of messages, see input::filled().
 using forms = std::vector<std::string>;
@@ -45,17 +48,23 @@ inline std::string rpc(const std::string &method, const std::string &params, con
 // An input that has come to its end gives zeros, so 0 is always the harmless choice.
 class input : public FuzzedDataProvider {
 public:
-    using FuzzedDataProvider::FuzzedDataProvider;
+    input(const std::uint8_t *data, std::size_t size)
+        : FuzzedDataProvider(data, size - (size > 0 ? 1 : 0)),
+          is_lavish_(size > 0 && data[size - 1] == lavish)
+    {
+    }
 
     std::size_t below(std::size_t count)
     {
         return ConsumeIntegralInRange<std::size_t>(0, count - 1);
     }
     bool rarely(std::size_t count) { return below(count) == count - 1; }
+    // The same for what costs much.
+    bool seldom(std::size_t count) { return rarely(count) && is_lavish_; }
     [[nodiscard]] bool ended() { return remaining_bytes() == 0; }
 
     // One of the texts between the bars.
-    std::string pick(const std::string &texts)
+    std::string_view pick(std::string_view texts)
     {
         const auto bars = static_cast<std::size_t>(std::count(texts.begin(), texts.end(), '|'));
         std::size_t at = 0;
@@ -65,29 +74,27 @@ public:
         return texts.substr(at, texts.find('|', at) - at);
     }
     // Now and then, once in an input, very long: what takes more than linear time is then noticed.
-    std::string stretched(const std::string &piece)
+    std::string stretched(std::string piece)
     {
-        std::string made = piece;
-        if (!is_stretched_ && rarely(24)) {
+        if (!is_stretched_ && seldom(24)) {
             is_stretched_ = true;
-            while (!piece.empty() && made.size() < 150000) {
-                made += piece;
-            }
+            piece = repeated(piece, piece.empty() ? 0 : 1 + 149999 / piece.size());
         }
-        return made;
+        return piece;
     }
     std::string text(std::size_t most) { return stretched(ConsumeRandomLengthString(most)); }
     std::string number()
     {
-        return pick("1|2|3|0|4|-1|17|16385|65535|2147483648|4294967297|99999999999999999999| 5x|");
+        return std::string(
+            pick("1|2|3|0|4|-1|17|16385|65535|2147483648|4294967297|99999999999999999999| 5x|"));
     }
     std::string path()
     {
         std::string made;
         for (std::size_t left = below(8); left > 0; --left) {
-            made +=
-                stretched(pick("/a:b|/c|/name|/d:e|/|:|[name=\"x\"]|[id='1']|[2]|[k=\"v\",l=\"w\"]"
-                               "|[.=\"y\"]|[k=x]|[m:k=\"\\\"\"]|[?=\"z\"]|[|]|=\"|\"|\\|,|a|.."));
+            made += stretched(std::string(
+                pick("/a:b|/c|/name|/d:e|/|:|[name=\"x\"]|[id='1']|[2]|[k=\"v\",l=\"w\"]"
+                     "|[.=\"y\"]|[k=x]|[m:k=\"\\\"\"]|[?=\"z\"]|[|]|=\"|\"|\\|,|a|..")));
         }
         return made;
     }
@@ -95,44 +102,49 @@ public:
     {
         std::string made;
         for (std::size_t left = below(4); left > 0 && depth < 8; --left) {
-            const std::string name = pick("b|c|name|id|p:d|data|path|next|error");
+            const std::string_view name = pick("b|c|name|id|p:d|data|path|next|error");
             const std::size_t kind = below(6);
-            std::string more =
-                kind == 0
-                    ? pick("x| |&amp;|&#13;|<!--x-->|<![CDATA[<]]>|<?p x?>|&e;|\x01|\xc3\xa9|1")
-                : kind == 1 ? ConsumeRandomLengthString(12)
-                            : document(depth + 1);
-            if (kind > 1) {
-                const std::string attribute =
+            if (kind == 0) {
+                made += pick("x| |&amp;|&#13;|<!--x-->|<![CDATA[<]]>|<?p x?>|&e;|\x01|\xc3\xa9|1");
+            } else if (kind == 1) {
+                made += ConsumeRandomLengthString(12);
+            } else {
+                const std::string content = document(depth + 1);
+                const std::string_view attribute =
                     pick("|| xmlns='urn:a'| xmlns:p='urn:q'| k='v'| xml:lang='x'"
                          "| xmlns='http://x/y z'| xmlns='u:'");
-                for (int times = rarely(32) ? 300 : 1; times > 0; --times) {
-                    more = "<" + name + attribute + ">" + more + "</" + name + ">";
-                }
+                const std::size_t times = seldom(32) ? 300 : 1;
+                made += repeated(joined({"<", name, attribute, ">"}), times);
+                made += content;
+                made += repeated(joined({"</", name, ">"}), times);
             }
-            made += more;
         }
         return made;
     }
 
     // A form with %n a number, %p a path, %x a document, %t a text and %i the id filled in.
-    std::string filled(const std::string &form, const std::string &id = "")
+    std::string filled(std::string_view form, std::string_view id = "")
     {
         std::string made;
-        for (std::size_t i = 0; i < form.size(); ++i) {
-            const char kind = form[i] == '%' ? form[++i] : '\0';
+        for (;;) {
+            const std::size_t sign = form.find('%');
+            made += form.substr(0, sign);
+            if (sign == std::string_view::npos) {
+                return made;
+            }
+            const char kind = form[sign + 1];
             made += kind == 'n'   ? number()
                     : kind == 'p' ? path()
                     : kind == 'x' ? document()
                     : kind == 't' ? word()
-                    : kind == 'i' ? (rarely(16) ? number() : id)
-                                  : std::string(1, form[i]);
+                    : rarely(16)  ? number()
+                                  : std::string(id);
+            form.remove_prefix(sign + 2);
         }
-        return made;
     }
 
     // The bytes of a message: one of the forms, mostly as it should be.
-    std::string message(const forms &all, const std::string &id = "")
+    std::string message(std::span<const std::string> all, std::string_view id = "")
     {
         std::string body = filled(all[below(all.size())], id);
         while (rarely(6)) {
@@ -162,8 +174,26 @@ public:
     }
 
 private:
+    bool is_lavish_;
     bool is_stretched_ = false;
 
+    static std::string joined(std::initializer_list<std::string_view> parts)
+    {
+        std::string made;
+        for (const std::string_view part : parts) {
+            made += part;
+        }
+        return made;
+    }
+    static std::string repeated(const std::string &piece, std::size_t times)
+    {
+        std::string made;
+        made.reserve(piece.size() * times);
+        for (; times > 0; --times) {
+            made += piece;
+        }
+        return made;
+    }
     std::string word()
     {
         std::string made = text(40);

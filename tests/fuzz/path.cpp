@@ -73,16 +73,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // The plain ways take more than linear time.
     const std::string seen = path.size() > 1000 ? "" : path;
     char *bare = strdup(path.c_str());
-    EXPECT_EQ(datastore_path_rm_quotes(bare), bare);
+    MUST(datastore_path_rm_quotes(bare) == bare);
     const std::size_t end = std::strlen(bare);
-    EXPECT_EQ(std::string(bare + end, path.size() - end), std::string(path.size() - end, '\0'));
+    MUST(std::all_of(bare + end, bare + path.size(), [](char c) { return c == '\0'; }), path);
     const std::pair<char *, std::string> made[] = {
         {plugin_path_schema2std(path.c_str()), standard_form(true, seen)},
         {plugin_path_data2std(path.c_str()), standard_form(false, seen)},
         {plugin_path_std2db(path.c_str()), standard_to_database(seen)},
         {bare, without_quotes(seen)}};
     for (const auto &[given, plain] : made) {
-        EXPECT_TRUE(given != nullptr && (seen != path || given == plain)) << path;
+        MUST(given != nullptr && (seen != path || given == plain), path, plain);
         free(given);
     }
     return 0;

@@ -4,8 +4,8 @@
 #include "conf_plugin/xml.h"
 #include "fuzz.h"
 
+#include <array>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -48,13 +48,20 @@ std::string parsed_plainly(std::string body)
     return test::list_of(node_ptr(test::parse(body)).get());
 }
 
+std::array<int, 2> stream_of_bytes()
+{
+    std::array<int, 2> ends{};
+    MUST(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends.data()) == 0);
+    return ends;
+}
+
 std::string piece(fuzz::input &in)
 {
     static const fuzz::forms bodies = {
         "<m>%n</m>", "%x", "<!DOCTYPE m [<!ENTITY e '<a>x</a>'>]><m xml:lang='x'>&e;%x</m>"};
     const std::size_t kind = in.below(4);
     return kind == 0   ? in.stretched(in.message(bodies))
-           : kind == 1 ? in.stretched(in.pick("\xff\xba\xdc\xfe|\xff|\xff\xba\xdc"))
+           : kind == 1 ? in.stretched(std::string(in.pick("\xff\xba\xdc\xfe|\xff|\xff\xba\xdc")))
            : kind == 2 ? std::string(in.below(20), '\0')
                        : in.text(64);
 }
@@ -65,8 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::input in(data, size);
     const take amount = in.ConsumeBool() ? take::one_message : take::everything;
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    static const std::array<int, 2> ends = stream_of_bytes(); // empty behind each input
     conf_plugin_context_t context{};
     context.sock = ends[0];
     context.recv_buf = conf_buffer_create(0);
@@ -75,26 +81,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     while (!in.ended()) {
         const std::string sent = piece(in).substr(0, 50000); // fits the socket
         std::string_view left = sent;
-        EXPECT_EQ(send(ends[1], sent.data(), sent.size(), 0), static_cast<ssize_t>(sent.size()));
+        MUST(send(ends[1], sent.data(), sent.size(), 0) == static_cast<ssize_t>(sent.size()));
         for (bool_t ready = true; ready;) {
             expected.read_from(left, amount);
-            EXPECT_EQ(_recv_message(&plugin, &ready, amount), 0);
-            EXPECT_EQ(ready != 0, expected.is_whole());
+            MUST(_recv_message(&plugin, &ready, amount) == 0);
+            MUST((ready != 0) == expected.is_whole());
             const std::string_view buffered(context.recv_buf->buf,
                                             static_cast<std::size_t>(context.recv_buf->used));
             const bool is_exact = amount == take::one_message && ready;
-            EXPECT_EQ(buffered,
-                      is_exact ? expected.bytes.substr(0, 12 + expected.field(4)) : expected.bytes);
+            MUST(buffered == std::string_view(expected.bytes)
+                                 .substr(0, is_exact ? 12U + expected.field(4) : std::string::npos),
+                 std::string(buffered), expected.bytes);
             if (ready) {
                 const std::string body = expected.bytes.substr(12, expected.field(4));
                 expected.bytes.erase(0, 12 + body.size());
                 const node_ptr root(plugin_parse_message(&context.recv_buf));
-                EXPECT_EQ(test::list_of(root.get()), parsed_plainly(body)) << body;
+                MUST(test::list_of(root.get()) == parsed_plainly(body), body);
             }
         }
     }
     conf_buffer_destroy(context.recv_buf);
-    close(ends[0]);
-    close(ends[1]);
     return 0;
 }
