@@ -33,10 +33,14 @@ statistic()
 all_findings=0
 printf '%-16s %12s %10s %12s %10s\n' target executions 'a second' 'new inputs' findings
 for target in "${targets[@]}"; do
+    options=()
+    if [[ -f tests/fuzz/$target.dict ]]; then
+        options+=(-dict="tests/fuzz/$target.dict")
+    fi
     found=$build/findings/$target
     log=$build/logs/fuzz-$target.log
     mkdir -p "$build/corpus/$target" "$build/logs" "$found"
-    "$build/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -max_len=4096 -timeout=25 \
+    "$build/tests/fuzz/fuzz_$target" "${options[@]}" -max_total_time="$seconds" -max_len=4096 -timeout=25 \
         -print_final_stats=1 -artifact_prefix="$found/" "$build/corpus/$target" \
         "tests/fuzz/corpus/$target" >"$log" 2>&1 || printf '%s: see %s\n' "$target" "$log" >&2
     findings=$(find "$found" -type f | wc -l)
