@@ -25,16 +25,16 @@ bool is_in(const range (&ranges)[count], std::uint32_t code)
     });
 }
 
-bool starts_name(std::uint32_t code)
+bool may_start(std::uint32_t code)
 {
-    return (code >= 'a' && code <= 'z') || (code >= 'A' && code <= 'Z') || code == '_' ||
-           code == ':' || (code >= 0x80 && is_in(name_starts, code));
+    return code < 0x80 ? code == ':' || xml::is(static_cast<xml::byte>(code), xml::starts_name)
+                       : is_in(name_starts, code);
 }
 
-bool continues_name(std::uint32_t code)
+bool may_continue(std::uint32_t code)
 {
-    return starts_name(code) || (code >= '0' && code <= '9') || code == '-' || code == '.' ||
-           (code >= 0x80 && is_in(name_parts, code));
+    return code < 0x80 ? code == ':' || xml::is(static_cast<xml::byte>(code), xml::continues_name)
+                       : is_in(name_starts, code) || is_in(name_parts, code);
 }
 
 constexpr std::size_t most_digits = 8; // no character needs more
@@ -115,13 +115,21 @@ std::uint32_t xml::resolve(std::string_view reference)
     return 0;
 }
 
-bool xml::is_name(const byte *text)
+std::size_t xml::name_length(const byte *text)
 {
-    character next = decode(text);
-    bool is_sound = next.length > 0 && starts_name(next.code);
-    while (is_sound && *(text += next.length) != 0) {
-        next = decode(text);
-        is_sound = next.length > 0 && continues_name(next.code);
+    const byte *end = text;
+    if (is(*end, starts_name)) { // nearly all names are ASCII
+        do {
+            ++end;
+        } while (is(*end, continues_name));
     }
-    return is_sound;
+    while (*end != 0) {
+        const character next = decode(end);
+        const bool may_stand = end == text ? may_start(next.code) : may_continue(next.code);
+        if (next.length == 0 || !may_stand) {
+            return 0;
+        }
+        end += next.length;
+    }
+    return static_cast<std::size_t>(end - text);
 }

@@ -5,6 +5,7 @@
 #ifndef CONF_PLUGIN_XML_CHARS_H
 #define CONF_PLUGIN_XML_CHARS_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -17,6 +18,45 @@ using byte = unsigned char;
 {
     return (code >= 0x20 && code <= 0xd7ff) || code == '\t' || code == '\n' || code == '\r' ||
            (code >= 0xe000 && code <= 0xfffd) || (code >= 0x10000 && code <= 0x10ffff);
+}
+
+// What an ASCII byte is, and where it stands for itself. Bytes beyond ASCII are nothing of these.
+enum kind : byte {
+    starts_name = 1,
+    continues_name = 2,
+    is_blank = 4,
+    is_plain_text = 8, // to a reader: neither "]", which may begin "]]>", nor a new line
+    is_plain_value = 16,
+    prints_raw = 32,
+    prints_as_text = 64,
+    prints_as_value = 128,
+};
+
+constexpr std::array<byte, 256> make_kinds()
+{
+    std::array<byte, 256> kinds{};
+    for (unsigned c = 0; c < 0x80; ++c) {
+        const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+        const bool blank = c == ' ' || c == '\t' || c == '\n' || c == '\r';
+        const bool plain = c >= ' ' && c != '<' && c != '&';
+        kinds[c] = static_cast<byte>(
+            (letter ? starts_name : 0) |
+            (letter || (c >= '0' && c <= '9') || c == '-' || c == '.' ? continues_name : 0) |
+            (blank ? is_blank : 0) | //
+            ((plain && c != ']') || c == '\t' ? is_plain_text : 0) |
+            (plain ? is_plain_value : 0) | //
+            (c >= ' ' || blank ? prints_raw : 0) |
+            ((plain && c != '>') || c == '\t' || c == '\n' ? prints_as_text : 0) |
+            (plain && c != '>' && c != '"' ? prints_as_value : 0));
+    }
+    return kinds;
+}
+
+inline constexpr std::array<byte, 256> kinds = make_kinds();
+
+inline bool is(byte c, kind wanted)
+{
+    return (kinds[c] & wanted) != 0;
 }
 
 struct character {
@@ -34,8 +74,8 @@ byte *encode(std::uint32_t code, byte *to);
 // predefined entities, or a number. 0 for any other.
 [[nodiscard]] std::uint32_t resolve(std::string_view reference);
 
-// Whether the whole text is a name. Colons count as letters.
-[[nodiscard]] bool is_name(const byte *text);
+// The length of a text that is a name as a whole, where colons count as letters; 0 if it is none.
+[[nodiscard]] std::size_t name_length(const byte *text);
 
 } // namespace xml
 

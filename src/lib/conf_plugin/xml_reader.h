@@ -8,43 +8,11 @@
 #include "xml_read.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cstring>
 #include <string_view>
 
 namespace xml {
-
-enum kind : byte {
-    starts_name = 1,
-    continues_name = 2,
-    is_blank = 4,
-    is_plain_text = 8, // neither "]", which may begin what a text cannot hold, nor a new line
-    is_plain_value = 16,
-};
-
-constexpr std::array<byte, 256> make_kinds()
-{
-    std::array<byte, 256> kinds{};
-    for (unsigned c = 0; c < 256; ++c) {
-        const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-        const bool blank = c == ' ' || c == '\t' || c == '\n' || c == '\r';
-        const bool plain = c >= ' ' && c < 0x80 && c != '<' && c != '&';
-        kinds[c] = static_cast<byte>(
-            (letter ? starts_name : 0) |
-            (letter || (c >= '0' && c <= '9') || c == '-' || c == '.' ? continues_name : 0) |
-            (blank ? is_blank : 0) | ((plain && c != ']') || c == '\t' ? is_plain_text : 0) |
-            (plain ? is_plain_value : 0));
-    }
-    return kinds;
-}
-
-inline constexpr std::array<byte, 256> kinds = make_kinds();
-
-inline bool is(byte c, kind wanted)
-{
-    return (kinds[c] & wanted) != 0;
-}
 
 inline std::string_view view(const byte *from, const byte *to)
 {
