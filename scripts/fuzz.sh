@@ -45,8 +45,12 @@ for target in "${targets[@]}"; do
         wait -n || true
     done
     mkdir -p "$build/corpus/$target" "$build/findings/$target" "$build/logs"
-    "$build/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -max_len=4096 -timeout=25 \
-        -entropic_number_of_rarest_features=10 -print_final_stats=1 \
+    dictionary=()
+    if [[ -f tests/fuzz/$target.dict ]]; then
+        dictionary=(-dict="tests/fuzz/$target.dict")
+    fi
+    "$build/tests/fuzz/fuzz_$target" "${dictionary[@]}" -max_total_time="$seconds" -max_len=4096 \
+        -timeout=25 -entropic_number_of_rarest_features=10 -print_final_stats=1 \
         -artifact_prefix="$build/findings/$target/" "$build/corpus/$target" \
         "tests/fuzz/corpus/$target" >"$build/logs/fuzz-$target.log" 2>&1 &
     process[$target]=$!
