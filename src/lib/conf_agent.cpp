@@ -22,25 +22,22 @@ constexpr const char *confd_namespace = "com:volmar:netconf:private:oxel:device:
 constexpr const char *notification_namespace = "urn:ietf:params:xml:ns:netconf:notification:1.0";
 
 // Appends a document as one framed message, whole or not at all.
-int conf_agent_dump_xml(conf_buffer_t **buffer, xmlNode *node, int seq)
+int conf_agent_dump_xml(conf_buffer_t **buffer, const xmlNode *node, int seq)
 {
-    const node_text body(node);
-    if (body.result() != node_text::outcome::made) {
-        LOG_SYSTEM_ERROR("Create xml buffer failed.");
-        return -1;
-    }
-    const int length = static_cast<int>(body.text().size());
-    msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(length), static_cast<u16_t>(seq), 0};
-    if (conf_buffer_append(buffer, &head, wire::head_size) != 0) {
+    switch (append_message(buffer, node, static_cast<u16_t>(seq), odd_bytes::refused)) {
+    case appended::whole:
+        return 0;
+    case appended::no_head:
         LOG_SYSTEM_ERROR("Append message header to buffer failed.");
-        return -1;
-    }
-    if (conf_buffer_append(buffer, const_cast<char *>(body.text().data()), length) != 0) {
+        break;
+    case appended::no_body:
         LOG_SYSTEM_ERROR("Append message body to outbound buffer failed.");
-        conf_buffer_remove(*buffer, (*buffer)->used - wire::head_size, wire::head_size);
-        return -1;
+        break;
+    case appended::not_printable:
+        LOG_SYSTEM_ERROR("Create xml buffer failed.");
+        break;
     }
-    return 0;
+    return -1;
 }
 
 // The `rpc` with a `get-config` of the running datastore whose filter names the operation.

@@ -125,7 +125,7 @@ const story full_buffers("full_buffers", about::calls, [] {
     plugin.plugin_ctxt = &context;
     for (const int room : {5, 30}) { // for no head, or no body
         context.send_buf = filled(4087 - room);
-        step("queue", [&] { return _cache_message(&plugin, rpc.get()); });
+        step("queue", [&] { return _cache_message(&plugin, rpc.get(), odd_bytes::refused); });
         note("queued", conf_buffer_length(context.send_buf));
         conf_buffer_destroy(context.send_buf);
     }

@@ -40,7 +40,7 @@ TEST_F(Frame, WritesAtMostTheFirstMessageInAsManyPartsAsTheSocketTakes)
     ASSERT_EQ(setsockopt(context->sock, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest), 0);
     context->rpc_id = 65535;
     for (const std::string &body : {large, std::string("<b/>")}) {
-        ASSERT_EQ(_cache_message(plugin, node_ptr(parse(body)).get()), 0);
+        ASSERT_EQ(_cache_message(plugin, node_ptr(parse(body)).get(), odd_bytes::refused), 0);
     }
     int parts = 0;
     for (u32_t before = 0; context->rpc_id == 65535; before = context->send_pos, ++parts) {

@@ -174,6 +174,46 @@ TEST_F(LoopTest, Operations)
     xmlFreeDoc(doc);
 }
 
+// The daemon waits for each answer, so it gets one that can be parsed, whatever a callback hands
+// over.
+TEST_F(LoopTest, AnswersAreWellFormed)
+{
+    const std::string call = "operate 3 <a/>", status = "status 4 null null";
+    const std::string mended = "Gr\ufffd\ufffde\ufffd\ufffd\ufffd \u00f6\ufffd";
+    const auto latin = [](const char *name) {
+        return gives([=](xmlNode *) {
+            xmlNode *node = xmlNewNode(nullptr, BAD_CAST name);
+            xmlNewProp(node, BAD_CAST "p", BAD_CAST "\xf6");
+            xmlAddChild(node, xmlNewText(BAD_CAST "Gr\xf6\xdf"
+                                                  "e\xed\xa0\x80\x01\u00f6\xe2"));
+            xmlAddChild(node, xmlNewCDataBlock(nullptr, BAD_CAST "\xf6", 1));
+            return node;
+        });
+    };
+    const auto document = gives([](xmlNode *) {
+        xmlDoc *doc = xmlReadDoc(BAD_CAST "<own/>", nullptr, nullptr, 0);
+        return reinterpret_cast<xmlNode *>(doc);
+    });
+    const auto comment = gives([](xmlNode *) { return xmlNewComment(BAD_CAST "a--b"); });
+    const auto entity = gives([](xmlNode *) { return xmlNewReference(nullptr, BAD_CAST "e"); });
+    const std::string nodes = "<o p=\"&#xFFFD;\">" + mended + "<![CDATA[\ufffd]]></o>";
+    const std::string unfit = failed("-1", "Build reply message failed.");
+    check({
+        {config("/a"), "config 3 1 0 10 /a", failed("7", mended),
+         records(1, 7,
+                 "Gr\xf6\xdf"
+                 "e\xed\xa0\x80\x01\u00f6\xe2")},
+        {operate("<a/>"), call, result(nodes), latin("o")},
+        {subscribe(""), status, result("<path/><data>" + nodes + "</data>"), latin("o")},
+        {operate("<a/>"), call, failed("-1", "add &lt;output&gt; xml node failed."), document},
+        {subscribe(""), status, failed("-1", "Add status as a child failed."), document},
+        {operate("<a/>"), call, unfit, latin("not a name")},
+        {subscribe(""), status, unfit, latin("\xf6")},
+        {operate("<a/>"), call, unfit, comment},
+        {subscribe(""), status, unfit, entity},
+    });
+}
+
 TEST_F(LoopTest, CallbackMayEndThePlugin)
 {
     const std::pair<std::string, std::string> kinds[] = {

@@ -35,11 +35,14 @@ TEST_F(Notify, SendsOneDatagramWithoutAnythingAdded)
         return size < 0 ? "nothing" : std::string(datagram, static_cast<std::size_t>(size));
     };
     const node_ptr parent(parse("<l><one/><a k='1'>&lt;<b> </b></a><three/></l>"));
-    xmlAddChild(parent->children->next, xmlNewReference(nullptr, BAD_CAST "e"));
+    xmlAddChild(parent->children->next, xmlNewReference(nullptr, BAD_CAST "lt"));
     xmlAddChild(parent->children->next, xmlNewText(nullptr));
     xmlAddChild(parent->children->next, xmlNewCDataBlock(nullptr, BAD_CAST "]]>", 3));
     EXPECT_EQ(econf_notify(event, parent->children->next), 0);
-    EXPECT_EQ(received(), "<a k=\"1\">&lt;<b> </b>&e;<![CDATA[]]]]><![CDATA[>]]></a>");
+    EXPECT_EQ(received(), "<a k=\"1\">&lt;<b> </b>&lt;<![CDATA[]]]]><![CDATA[>]]></a>");
+    xmlAddChild(parent->children->next, xmlNewText(BAD_CAST "\xf6")); // no UTF-8
+    EXPECT_EQ(econf_notify(event, parent->children->next), -1);
+    EXPECT_EQ(take_errors(), "Dump data node failed.");
     EXPECT_EQ(conf_notify(event, text + 3), 0);
     EXPECT_EQ(received(), "\0"s);
     EXPECT_EQ(conf_notify(event, text), 0);

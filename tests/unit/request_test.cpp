@@ -75,6 +75,29 @@ protected:
     }
 };
 
+// The daemon could not parse it, and would not answer.
+TEST_F(RequestTest, WhatIsNotUtf8FailsAtOnce)
+{
+    start();
+    const node_ptr latin(xmlNewText(BAD_CAST "Gr\xf6\xdf"
+                                             "e"));
+    const node_ptr unnamed(xmlNewNode(nullptr, BAD_CAST "1"));
+    const std::string cause = "Dump rpc node failed.\nPlugin demo send rpc to confd failed.";
+    for (xmlNode *each : {latin.get(), unnamed.get()}) {
+        EXPECT_EQ(econf_plugin_push(path, each), -1);
+        EXPECT_EQ(take_errors(), cause + "\nPlugin demo publish data failed.");
+    }
+    xmlNode *list = nullptr;
+    EXPECT_EQ(econf_plugin_pull(0, "/\xf6", &list), -1);
+    EXPECT_EQ(take_errors(), cause);
+    EXPECT_EQ(peer->received(), strings());
+    expect_idle();
+    end();
+    econf_plugin_subpub_info_t info{};
+    EXPECT_EQ(econf_plugin_init("d\xe9mo", &info), -1);
+    daemon.forget_connection();
+}
+
 TEST_F(RequestTest, OverTheWire)
 {
     start();

@@ -333,7 +333,8 @@ TEST_F(SecretsTest, LeaveNothingOnTheStack)
              const node_ptr node(new_element("a"));
              (void)add_text(node.get(), "b", ("\xc3\xa9<" + secret).c_str());
              support::wipe_stack();
-             const node_text text(node.get());
+             text_block text;
+             (void)print_node(&text, node.get(), odd_bytes::refused);
          }},
         {"to the debug file",
          [](const std::string &secret) { _conf_write_log(DBG_ERROR, "%s", secret.c_str()); }},

@@ -122,24 +122,4 @@ TEST_F(Xml, NoBodyTakesMuchLongerThanItsSize)
     }
 }
 
-int grown; // buffers of libxml2
-
-// What it leaves behind when it grows, nobody wipes.
-TEST_F(Xml, APrintNeedsOneBuffer)
-{
-    xmlMemSetup(
-        std::free, std::malloc,
-        [](void *old, std::size_t size) { return ++grown, std::realloc(old, size); }, strdup);
-    for (const std::string unit : {"&amp;", "&lt;", "&quot;", "\xc3\xa9", "&#13;", "x"}) {
-        const std::string many = repeat(unit, 3000);
-        for (const std::string &body : {"<a>" + many + "</a>", "<a k=\"" + many + "\"/>"}) {
-            const node_ptr node(parse(body));
-            grown = 0;
-            const node_text text(node.get());
-            EXPECT_EQ(grown, 0) << body.substr(0, 30);
-        }
-    }
-    xmlMemSetup(std::free, std::malloc, std::realloc, strdup);
-}
-
 } // namespace

@@ -246,7 +246,7 @@ support::unique_fd watch_socket(int sock, u32_t events)
 int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
 {
     *reply = nullptr;
-    if (_cache_message(plugin, rpc) != 0) {
+    if (_cache_message(plugin, rpc, odd_bytes::refused) != 0) {
         return -1;
     }
     const conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
@@ -272,7 +272,7 @@ int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
 
 int _syn_send_reply(conf_plugin_data *plugin, xmlNode *reply)
 {
-    if (_cache_message(plugin, reply) != 0) {
+    if (_cache_message(plugin, reply, odd_bytes::replaced) != 0) {
         return -1;
     }
     if (send_at_once(plugin)) {

@@ -176,33 +176,40 @@ got read_into(int sock, conf_buffer_t **buffer, take amount)
 
 } // namespace
 
-int _cache_message(conf_plugin_data *plugin, xmlNode *root)
+appended append_message(conf_buffer_t **buffer, const xmlNode *root, u16_t seq, odd_bytes odd)
+{
+    msg_head_t head = {MSG_MAGIC, 0, seq, 0};
+    if (conf_buffer_append(buffer, &head, wire::head_size) != 0) {
+        return appended::no_head;
+    }
+    const int begin = (*buffer)->used;
+    const printed body = print_node(buffer, root, odd);
+    if (body != printed::whole) {
+        conf_buffer_remove(*buffer, begin - wire::head_size, wire::head_size);
+        return body == printed::no_room ? appended::no_body : appended::not_printable;
+    }
+    head.length = static_cast<u32_t>((*buffer)->used - begin);
+    std::memcpy((*buffer)->buf + begin - wire::head_size, &head, sizeof head);
+    return appended::whole;
+}
+
+int _cache_message(conf_plugin_data *plugin, const xmlNode *root, odd_bytes odd)
 {
     conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
-    const node_text body(root);
-    if (body.result() == node_text::outcome::no_buffer) {
-        LOG_FILE_ERROR("Create xml buffer for cache rpc failed.");
-        return -1;
-    }
-    if (body.result() != node_text::outcome::made) {
-        LOG_FILE_ERROR("Dump rpc node failed.");
-        return -1;
-    }
-
-    const int length = static_cast<int>(body.text().size());
-    msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(length), static_cast<u16_t>(ctxt->rpc_id - 1),
-                       0};
-    const int queued = conf_buffer_length(ctxt->send_buf);
-    if (conf_buffer_append(&ctxt->send_buf, &head, wire::head_size) != 0) {
+    switch (append_message(&ctxt->send_buf, root, static_cast<u16_t>(ctxt->rpc_id - 1), odd)) {
+    case appended::whole:
+        return 0;
+    case appended::no_head:
         LOG_FILE_ERROR("Append rpc message header to buffer failed.");
-        return -1;
+        break;
+    case appended::no_body:
+        LOG_FILE_ERROR("Create xml buffer for cache rpc failed.");
+        break;
+    case appended::not_printable:
+        LOG_FILE_ERROR("Dump rpc node failed.");
+        break;
     }
-    if (conf_buffer_append(&ctxt->send_buf, const_cast<char *>(body.text().data()), length) != 0) {
-        conf_buffer_remove(ctxt->send_buf, queued, wire::head_size);
-        LOG_FILE_ERROR("Append rpc message body to buffer failed.");
-        return -1;
-    }
-    return 0;
+    return -1;
 }
 
 int _send_message(conf_plugin_data *plugin)

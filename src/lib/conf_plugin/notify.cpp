@@ -3,7 +3,7 @@
 #include "plugin_internal.h"
 #include "support/log.h"
 #include "support/owners.h"
-#include "xml.h"
+#include "xml_write.h"
 
 #include <cerrno>
 #include <cstring>
@@ -66,18 +66,15 @@ int econf_notify(const char *name, xmlNode *data)
                        static_cast<void *>(data));
         return -1;
     }
-    const node_text text(data);
-    switch (text.result()) {
-    case node_text::outcome::no_buffer:
+    text_block text;
+    switch (print_node(&text, data, odd_bytes::refused)) {
+    case printed::no_room:
         LOG_FILE_ERROR("Create xml buffer for cache rpc failed.");
         return -1;
-    case node_text::outcome::not_dumped:
+    case printed::not_printable:
         LOG_FILE_ERROR("Dump data node failed.");
         return -1;
-    case node_text::outcome::no_content:
-        LOG_FILE_ERROR("get content from xmlbuf fail.");
-        return -1;
-    case node_text::outcome::made:
+    case printed::whole:
         break;
     }
 
@@ -86,7 +83,8 @@ int econf_notify(const char *name, xmlNode *data)
         LOG_FILE_ERROR("Create notification socket failed(%s).", std::strerror(errno));
         return -1;
     }
-    if (!is_whole(send_and_wait(sock, text.text()), text.text())) {
+    const std::span<const char> payload(text.bytes, text.size);
+    if (!is_whole(send_and_wait(sock, payload), payload)) {
         LOG_FILE_ERROR("Send notification %s failed failed(%s).", name, std::strerror(errno));
         return -1;
     }

@@ -8,7 +8,7 @@
 //   loop.cpp       method table; callbacks.cpp finds the callback
 //     reply.cpp      result, or what error.cpp has recorded; envelope.cpp wraps it
 //     exchange.cpp   _syn_send_reply(): queue, write, wait for room
-//     frame.cpp      _cache_message(), send_at_once(), _send_message()
+//     frame.cpp      _cache_message(): xml_write.cpp prints it; send_at_once(), _send_message()
 // A request of the plugin goes the other way: built where it is made (registration.cpp,
 // activation.cpp, request.cpp), wrapped by envelope.cpp, exchanged by exchange.cpp with the help of
 // frame.cpp.
@@ -20,6 +20,7 @@
 
 #include "conf_plugin.h"
 #include "support/owners.h"
+#include "xml_write.h"
 
 #include <sys/un.h>
 
@@ -57,8 +58,13 @@ char *datastore_path_rm_quotes(char *src);
 // that a later message still makes the socket readable.
 enum class take { everything, one_message };
 
-// Appends a framed message to the send buffer. Returns 0, or -1 with the buffer as before.
-[[nodiscard]] int _cache_message(conf_plugin_data *plugin, xmlNode *root);
+// Appends a framed message to a buffer, whose data are as before unless the result is `whole`.
+enum class appended { whole, no_head, no_body, not_printable };
+[[nodiscard]] appended append_message(conf_buffer_t **buffer, const xmlNode *root, u16_t seq,
+                                      odd_bytes odd);
+
+// Appends a framed message to the send buffer. Returns 0, or -1 with its data as before.
+[[nodiscard]] int _cache_message(conf_plugin_data *plugin, const xmlNode *root, odd_bytes odd);
 
 // Writes once, at most the rest of the first queued message. Returns 0 when something, everything
 // or, for now, nothing could be written; -1 when the socket is broken.

@@ -53,11 +53,34 @@ int send_recorded(conf_plugin_data *plugin, u32_t msgid, int code, const char *t
     return sent;
 }
 
+// Whether all nodes of a list can be children of an element: a document, for instance, cannot.
+bool fit_into_element(const xmlNode *list)
+{
+    for (const xmlNode *node = list; node != nullptr; node = node->next) {
+        switch (node->type) {
+        case XML_ELEMENT_NODE:
+        case XML_TEXT_NODE:
+        case XML_CDATA_SECTION_NODE:
+        case XML_ENTITY_REF_NODE:
+        case XML_PI_NODE:
+        case XML_COMMENT_NODE:
+            break;
+        default:
+            return false;
+        }
+    }
+    return true;
+}
+
 // Hands what a callback produced over to `parent`. A list that belongs to a tree of somebody else
 // is copied, as is what the wrapper of the older interface holds.
 bool take_over(const daemon_request &request, xmlNode *parent, callback_nodes &output)
 {
     const bool is_wrapped = request.plugin->plugin_ctxt->version == 1;
+    if (!fit_into_element(is_wrapped ? output.first->children : output.first)) {
+        record_failure(request, "add <output> xml node failed.");
+        return false;
+    }
     if (is_wrapped || output.are_shared()) {
         xmlNode *source = is_wrapped ? output.first->children : output.first;
         wiped_list copy(copy_list(source));
@@ -102,6 +125,9 @@ wiped_node build_output(const daemon_request &request, callback_nodes &output)
 // itself when it hangs in a tree, since its siblings need not be meant.
 bool add_status(xmlNode *data, callback_nodes &status)
 {
+    if (!fit_into_element(status.first)) {
+        return false;
+    }
     if (status.are_shared()) {
         wiped_list copy(status.are_attached() ? copy_node(status.first) : copy_list(status.first));
         if (!copy || !add_children(data, copy.get())) {
@@ -141,6 +167,13 @@ wiped_node build_status(const daemon_request &request, const char *path, callbac
     return result;
 }
 
+// Tells a reply that never was on its way, so that another can take its place.
+bool is_printable(const xmlNode *reply)
+{
+    text_block text;
+    return print_node(&text, reply, odd_bytes::replaced) != printed::not_printable;
+}
+
 bool reply_with(const daemon_request &request, wiped_node result)
 {
     if (!result) {
@@ -153,6 +186,10 @@ bool reply_with(const daemon_request &request, wiped_node result)
     }
     if (_syn_send_reply(request.plugin, reply.get()) != 0) {
         LOG_FILE_ERROR("Send reply message to confd failed.");
+        if (!is_printable(reply.get())) {
+            record_failure(request, "Build reply message failed.");
+            return false;
+        }
     }
     // An error that was recorded although the callback succeeded goes, lest a later reply carries
     // it.

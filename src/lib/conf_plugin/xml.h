@@ -1,4 +1,4 @@
-// Every call of libxml2 that builds, parses, prints or wipes a document, behind functions that
+// Every call of libxml2 that builds, parses or wipes a document, behind functions that
 // cannot hand out half a result.
 //
 // libxml2 reports exhausted memory to its error handler but often returns a tree that merely lacks
@@ -83,25 +83,6 @@ void clean_xml_content(xmlNode *node);
 // namespaces that are declared above them. Null when there are none, and when the copy cannot be
 // made whole.
 [[nodiscard]] xmlNode *take_children(xmlNode *parent);
-
-// A node as text, as it goes onto the wire. Wiped when it goes out of scope.
-class node_text {
-public:
-    enum class outcome { made, no_buffer, not_dumped, no_content };
-
-    explicit node_text(xmlNode *node);
-    ~node_text();
-    node_text(const node_text &) = delete;
-    node_text &operator=(const node_text &) = delete;
-
-    [[nodiscard]] outcome result() const { return result_; }
-    // Of use only when the result is `made`.
-    [[nodiscard]] std::span<const char> text() const;
-
-private:
-    xmlBuffer *buffer_;
-    outcome result_;
-};
 
 // Parses the body of a message where it stands; the byte behind it is in use meanwhile, and its own
 // again afterwards. Returns a tree that belongs to no document, or null. `failed_copy`
