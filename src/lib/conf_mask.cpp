@@ -32,10 +32,8 @@ std::atomic_ref<pcre2_code_8 *> table_entry(std::size_t pattern)
 
 // Whether an entry holds the library's own pattern. The name in it tells, not its address: a
 // program that frees the library's pattern may get the same address for its own.
-bool is_own(const pcre2_code_8 *entry, std::size_t pattern)
+bool is_own(const pcre2_code_8 *entry, const char *name)
 {
-    char name[] = GROUP_NAME "A";
-    name[sizeof name - 2] = static_cast<char>('A' + pattern);
     return pcre2_substring_number_from_name_8(entry, reinterpret_cast<PCRE2_SPTR8>(name)) > 0;
 }
 
@@ -204,9 +202,10 @@ void REG_RemarkKeyInfo(char *buf, int dataLen)
     // Those not applied yet: a replaced pattern sees what the ones before it have left. Without a
     // table all are the library's own, and their values are masked all the same.
     std::uint32_t own = 0;
-    for (std::size_t pattern = 0; pattern < pattern_count; ++pattern) {
+    char name[] = GROUP_NAME "A";
+    for (std::size_t pattern = 0; pattern < pattern_count; ++pattern, ++name[sizeof name - 2]) {
         pcre2_code_8 *const entry = table_entry(pattern).load();
-        if (!is_built || (entry != nullptr && is_own(entry, pattern))) {
+        if (!is_built || (entry != nullptr && is_own(entry, name))) {
             own |= 1U << pattern;
         } else if (entry != nullptr) {
             _conf_mask_values(text, std::exchange(own, 0), newline);
