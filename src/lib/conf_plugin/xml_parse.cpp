@@ -1,8 +1,9 @@
-// Parsing of bodies, see xml.h: without a copy of the body or of any text of it that would stay in
-// freed memory.
+// Parsing of bodies, see xml.h: by the reader of plain documents or, where that leaves one, by
+// libxml2; without a copy of the body or of any text of it that would stay in freed memory.
 #include "xml.h"
 
 #include "support/bounded.h"
+#include "xml_read.h"
 
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
@@ -151,12 +152,18 @@ bool open_body(xmlParserCtxt *parser, std::span<char> body)
     return input != nullptr && inputPush(parser, input) >= 0; // which frees it when it fails
 }
 
-} // namespace
+// What XML cannot hold counts as blank.
+void blank_control_characters(std::span<char> body)
+{
+    for (char &each : body) {
+        const auto byte = static_cast<unsigned char>(each);
+        each = byte >= ' ' || byte == '\t' || byte == '\n' || byte == '\r' ? each : ' ';
+    }
+}
 
-parse_result parse_body(std::span<char> body)
+parse_result parse_by_libxml2(std::span<char> body)
 {
     const libxml_watch watch;
-    const end_mark mark(body);
     const parser_owner parser(has_sound_tags(body) ? xmlNewParserCtxt() : nullptr);
     if (!parser) {
         return {nullptr, false};
@@ -180,4 +187,17 @@ parse_result parse_body(std::span<char> body)
     }
     xmlNode *root = take_root(document.get());
     return {root, root == nullptr};
+}
+
+} // namespace
+
+parse_result parse_body(std::span<char> body)
+{
+    const end_mark mark(body);
+    const read_result read = read_plain(body);
+    if (read.outcome != read_outcome::left) {
+        return {read.root, false};
+    }
+    blank_control_characters(body);
+    return parse_by_libxml2(body);
 }
