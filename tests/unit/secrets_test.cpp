@@ -328,6 +328,11 @@ TEST_F(SecretsTest, LeaveNothingOnTheStack)
              std::string body = "<a>\xc3\xa9" + secret + "\xc3\xa9</a>";
              wipe_and_free(parse_body({body.data(), body.size()}).root);
          }},
+        {"parsed by libxml2",
+         [](const std::string &secret) {
+             std::string body = "<a>\xc3\xa9" + secret + "\xc3\xa9<!----></a>";
+             wipe_and_free(parse_body({body.data(), body.size()}).root);
+         }},
         {"printed",
          [](const std::string &secret) {
              const node_ptr node(new_element("a"));

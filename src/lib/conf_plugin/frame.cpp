@@ -118,13 +118,6 @@ int read_room(const conf_buffer_t *buffer, take amount)
     return std::max(room, free >= wire::least_read ? free : wire::burst_read);
 }
 
-// Inlined into the pass over a body, as the exported form cannot be.
-bool is_valid(char p)
-{
-    const auto byte = static_cast<unsigned char>(p);
-    return byte >= 32 || byte == '\t' || byte == '\n' || byte == '\r';
-}
-
 // Of the bytes that were only looked at, those up to and with the header of the next message: a
 // reader that takes one message leaves everything behind it in the socket.
 ssize_t count_to_header(const conf_buffer_t *buffer, ssize_t seen)
@@ -279,10 +272,7 @@ xmlNode *plugin_parse_message(conf_buffer_t **buf)
     const msg_head_t head = read_head(*buf);
     const std::span<char> body((*buf)->buf + wire::head_size, head.length);
 
-    // The message leaves the buffer in any case, so its bytes can be changed where they stand.
-    for (char &byte : body) {
-        byte = is_valid(byte) ? byte : ' ';
-    }
+    // The message leaves the buffer in any case, so its bytes may be changed where they stand.
     const parse_result parsed = parse_body(body);
     if (parsed.root == nullptr) {
         LOG_FILE_ERROR("%s", parsed.failed_copy ? "Copy node failed when parse plugin message."
@@ -290,9 +280,4 @@ xmlNode *plugin_parse_message(conf_buffer_t **buf)
     }
     conf_buffer_consume(buf, message_size(head));
     return parsed.root;
-}
-
-bool_t is_valid_xmlchr(const char p)
-{
-    return is_valid(p);
 }

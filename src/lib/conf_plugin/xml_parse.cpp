@@ -1,8 +1,10 @@
-// Parsing of bodies, see xml.h: without a copy of the body or of any text of it that would stay in
-// freed memory.
+// Parsing of bodies, see xml.h: by the reader of plain documents or, where that leaves one, by
+// libxml2; without a copy of the body or of any text of it that would stay in freed memory.
 #include "xml.h"
 
+#include "conf_plugin.h"
 #include "support/bounded.h"
+#include "xml_read.h"
 
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
@@ -93,7 +95,6 @@ void take_characters(void *parser, const xmlChar *bytes, int count)
 // libxml2 compares each attribute of a tag with all others: a tag with many more would take
 // minutes.
 constexpr std::ptrdiff_t most_attributes = 2000;
-constexpr std::ptrdiff_t shortest_attribute = 5; // a=""
 
 // The quoted values of the tag that begins at `tag`; up to `end` there is no further one.
 std::ptrdiff_t count_values(const char *tag, const char *end)
@@ -113,30 +114,6 @@ std::ptrdiff_t count_values(const char *tag, const char *end)
     return count;
 }
 
-// Whether certainly no tag has too many attributes. Their values hold no "<", so only where none
-// stands in as many bytes as these would take, there is something to count.
-bool has_small_tags(std::span<const char> body)
-{
-    const char *const end = body.data() + body.size();
-    const auto find = [end](const char *from) {
-        const void *found = std::memchr(from, '<', static_cast<std::size_t>(end - from));
-        return found == nullptr ? end : static_cast<const char *>(found);
-    };
-    for (const char *tag = find(body.data()); tag != end;) {
-        const std::ptrdiff_t rest = end - tag - 1;
-        const std::ptrdiff_t room = std::min(rest, most_attributes * shortest_attribute);
-        const void *last = memrchr(tag + 1, '<', static_cast<std::size_t>(room));
-        const char *const next =
-            last == nullptr ? find(tag + 1 + room) : static_cast<const char *>(last);
-        const bool is_tag = last == nullptr && rest > 0 && tag[1] != '!' && tag[1] != '?';
-        if (is_tag && count_values(tag, next) > most_attributes) {
-            return false;
-        }
-        tag = next;
-    }
-    return true;
-}
-
 // What begins with "<" without being a tag, and how it ends: anything may stand in between.
 struct bracket {
     std::string_view begin, end;
@@ -153,7 +130,7 @@ const bracket *no_tag_at(std::string_view text)
     return found == std::end(no_tags) ? nullptr : found;
 }
 
-// Looks at every tag for itself.
+// Whether no tag has too many attributes.
 bool has_sound_tags(std::string_view rest)
 {
     const std::size_t none = std::string_view::npos;
@@ -161,7 +138,8 @@ bool has_sound_tags(std::string_view rest)
         rest.remove_prefix(at);
         if (const bracket *no_tag = no_tag_at(rest)) {
             at = rest.find(no_tag->end, no_tag->begin.size());
-            rest.remove_prefix(std::min(at, rest.size()));
+            const std::size_t end = rest.find(no_tag->end, no_tag->begin.size());
+            rest.remove_prefix(std::min(end, rest.size()));
             at = rest.find('<');
             continue;
         }
@@ -171,11 +149,6 @@ bool has_sound_tags(std::string_view rest)
         }
     }
     return true;
-}
-
-bool is_sound(std::span<const char> body)
-{
-    return has_small_tags(body) || has_sound_tags({body.data(), body.size()});
 }
 
 // A message has no use for declared attributes, and their defaults would fill the memory.
@@ -194,13 +167,11 @@ bool open_body(xmlParserCtxt *parser, std::span<char> body)
     return input != nullptr && inputPush(parser, input) >= 0; // which frees it when it fails
 }
 
-} // namespace
-
-parse_result parse_body(std::span<char> body)
+parse_result parse_by_libxml2(std::span<char> body)
 {
     const libxml_watch watch;
-    const end_mark mark(body);
-    const parser_owner parser(is_sound(body) ? xmlNewParserCtxt() : nullptr);
+    const parser_owner parser(has_sound_tags({body.data(), body.size()}) ? xmlNewParserCtxt()
+                                                                         : nullptr);
     if (!parser) {
         return {nullptr, false};
     }
@@ -223,4 +194,25 @@ parse_result parse_body(std::span<char> body)
     }
     xmlNode *root = take_root(document.get());
     return {root, root == nullptr};
+}
+
+} // namespace
+
+parse_result parse_body(std::span<char> body)
+{
+    const end_mark mark(body);
+    const read_result read = read_plain(body);
+    if (read.outcome != read_outcome::left) {
+        return {read.root, false};
+    }
+    for (char &byte : body) { // what XML cannot hold
+        byte = is_valid_xmlchr(byte) ? byte : ' ';
+    }
+    return parse_by_libxml2(body);
+}
+
+bool_t is_valid_xmlchr(const char p)
+{
+    const auto byte = static_cast<unsigned char>(p);
+    return byte >= 32 || byte == '\t' || byte == '\n' || byte == '\r';
 }

@@ -1,0 +1,106 @@
+// What the printer makes of bytes and nodes that XML cannot hold. That it prints all others as
+// libxml2 does, the fuzz target "xml" shows.
+#include "conf_plugin/xml.h"
+#include "conf_plugin/xml_write.h"
+#include "test_support.h"
+#include "timing.h"
+
+#include <libxml/parserInternals.h>
+
+using namespace test;
+
+namespace {
+
+// The text, "-" for what is not printable.
+std::string text_of(const xmlNode *node, odd_bytes odd)
+{
+    text_block block;
+    const printed result = print_node(&block, node, odd);
+    return result == printed::whole ? std::string(block.bytes, block.size) : "-";
+}
+
+using XmlWrite = Fixture;
+
+TEST_F(XmlWrite, OddBytesAreRefusedOrReplaced)
+{
+    const struct {
+        const char *text, *strict, *lenient;
+    } rows[] = {
+        {"x\x01y", "x y", "x y"},
+        {"\xff\xc3", "-", "\xef\xbf\xbd\xef\xbf\xbd"},
+        {"\xc0\x80", "-", "\xef\xbf\xbd\xef\xbf\xbd"},
+        {"\xed\xa0\x80", "-", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd"},
+        {"\xef\xbf\xbf<", "-", "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd&lt;"},
+        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"},
+    };
+    for (const auto &[text, strict, lenient] : rows) {
+        const node_ptr node(xmlNewText(BAD_CAST text));
+        EXPECT_EQ(text_of(node.get(), odd_bytes::refused), strict) << text;
+        EXPECT_EQ(text_of(node.get(), odd_bytes::replaced), lenient) << text;
+    }
+    const node_ptr node(new_element("a"));
+    ASSERT_TRUE(set_attribute(node.get(), "k", "\x02"));
+    node->properties->children->content[0] = 0xff;
+    EXPECT_EQ(text_of(node.get(), odd_bytes::refused), "-");
+    EXPECT_EQ(text_of(node.get(), odd_bytes::replaced), "<a k=\"&#xFFFD;\"/>");
+    ASSERT_NE(declare_namespace(node.get(), "p", "?a&b&amp;'\"<"), nullptr); // not by libxml2
+    EXPECT_EQ(text_of(node.get(), odd_bytes::replaced),
+              "<a xmlns:p=\"?a&amp;b&amp;'&quot;&lt;\" k=\"&#xFFFD;\"/>");
+}
+
+TEST_F(XmlWrite, WhatHasNoTextIsRefusedAndNothingOfItStays)
+{
+    xmlDoc *document = xmlNewDoc(nullptr);
+    const auto refused = [document](const char *name, xmlNode *odd) {
+        const node_ptr parent(new_element("a"));
+        ASSERT_NE(add_text(parent.get(), "b", "text"), nullptr);
+        odd->parent = parent.get();
+        odd->prev = parent->last;
+        parent->last = parent->last->next = odd;
+        conf_buffer_t *buffer = conf_buffer_create(0);
+        EXPECT_EQ(print_node(&buffer, parent.get(), odd_bytes::replaced), printed::not_printable)
+            << name;
+        EXPECT_EQ(std::string(buffer->buf, 100), std::string(100, '\0')) << name;
+        conf_buffer_destroy(buffer);
+        parent->last = odd->prev;
+        parent->last->next = nullptr;
+        odd->parent = odd->prev = nullptr;
+        if (odd->type != XML_DOCUMENT_NODE) {
+            xmlFreeNode(odd);
+        }
+    };
+    refused("document", reinterpret_cast<xmlNode *>(document));
+    refused("declarations",
+            reinterpret_cast<xmlNode *>(xmlNewDtd(nullptr, BAD_CAST "a", nullptr, nullptr)));
+    refused("entity", xmlNewReference(nullptr, BAD_CAST "e"));
+    refused("name", xmlNewNode(nullptr, BAD_CAST "a b"));
+    refused("target", xmlNewPI(BAD_CAST "XML", nullptr));
+    refused("instruction", xmlNewPI(BAD_CAST "p", BAD_CAST "x?>"));
+    refused("comment", xmlNewComment(BAD_CAST "x--y"));
+    refused("comment", xmlNewComment(BAD_CAST "x-"));
+    xmlNode *broken = new_element("a");
+    xmlNode *child = add_element(broken, "b");
+    child->parent = nullptr;
+    refused("links", broken);
+    const node_ptr empty(xmlNewText(BAD_CAST ""));
+    EXPECT_EQ(text_of(empty.get(), odd_bytes::refused), "-");
+    xmlFreeDoc(document);
+}
+
+TEST_F(XmlWrite, GrowsWhileItPrints)
+{
+    const node_ptr node(new_element("a"));
+    ASSERT_NE(add_text(node.get(), "b", repeat("x<\xc3\xa9", 200000).c_str()), nullptr);
+    const std::string expected = "<a><b>" + repeat("x&lt;\xc3\xa9", 200000) + "</b></a>";
+    EXPECT_TRUE(text_of(node.get(), odd_bytes::refused) == expected);
+    conf_buffer_t *buffer = conf_buffer_create(0);
+    for (const char *round : {"first", "second"}) {
+        const auto used = static_cast<std::size_t>(buffer->used);
+        ASSERT_EQ(print_node(&buffer, node.get(), odd_bytes::refused), printed::whole) << round;
+        EXPECT_TRUE(std::string(buffer->buf + used) == expected) << round;
+        EXPECT_EQ(static_cast<std::size_t>(buffer->used), used + expected.size());
+    }
+    conf_buffer_destroy(buffer);
+}
+
+} // namespace
