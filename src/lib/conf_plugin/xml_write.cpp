@@ -162,6 +162,9 @@ bool printer::make_room(std::size_t more)
 
 bool printer::put(std::string_view text)
 {
+    if (text.empty()) { // for which there need not be a place
+        return true;
+    }
     if (!make_room(text.size())) {
         return false;
     }
