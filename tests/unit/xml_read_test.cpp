@@ -138,7 +138,7 @@ TEST_F(XmlRead, LeavesNothingBehindWithoutMemoryAndInWhatItLeaves)
         EXPECT_EQ(blocks, 0) << enough;
         EXPECT_FALSE(was_secret_freed) << enough;
     }
-    EXPECT_EQ(enough, 21); // each node, name, namespace and text
+    EXPECT_EQ(enough, 21);    // each node, name, namespace and text
     was_secret_freed = false; // of the whole tree, which its owner wipes or does not
     for (const std::string &document : {unfinished, late}) {
         left = 1000;

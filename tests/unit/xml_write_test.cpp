@@ -51,7 +51,7 @@ TEST_F(XmlWrite, OddBytesAreRefusedOrReplaced)
 TEST_F(XmlWrite, WhatHasNoTextIsRefusedAndNothingOfItStays)
 {
     xmlDoc *document = xmlNewDoc(nullptr);
-    const auto refused = [document](const char *name, xmlNode *odd) {
+    const auto refused = [](const char *name, xmlNode *odd) {
         const node_ptr parent(new_element("a"));
         ASSERT_NE(add_text(parent.get(), "b", "text"), nullptr);
         odd->parent = parent.get();

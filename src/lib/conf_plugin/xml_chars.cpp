@@ -115,6 +115,18 @@ std::uint32_t xml::resolve(std::string_view reference)
     return 0;
 }
 
+xml::character xml::reference(const byte *at)
+{
+    const byte *end = at + 1;
+    while (is(*end, continues_name) || *end == '#') {
+        ++end;
+    }
+    const std::string_view inside(reinterpret_cast<const char *>(at + 1),
+                                  static_cast<std::size_t>(end - at - 1));
+    const std::uint32_t code = *end == ';' ? resolve(inside) : 0;
+    return {code, code == 0 ? 0 : inside.size() + 2};
+}
+
 std::size_t xml::name_length(const byte *text)
 {
     const byte *end = text;

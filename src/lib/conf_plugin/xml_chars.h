@@ -74,6 +74,9 @@ byte *encode(std::uint32_t code, byte *to);
 // predefined entities, or a number. 0 for any other.
 [[nodiscard]] std::uint32_t resolve(std::string_view reference);
 
+// The same for the whole reference that begins at `at`, with its length.
+[[nodiscard]] character reference(const byte *at);
+
 // The length of a text that is a name as a whole, where colons count as letters; 0 if it is none.
 [[nodiscard]] std::size_t name_length(const byte *text);
 

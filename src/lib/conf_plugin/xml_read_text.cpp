@@ -79,16 +79,12 @@ bool reader::decode_value(const byte *closing, byte **to)
 // Never writes more bytes than the reference has.
 bool reader::reference(byte **to)
 {
-    const byte *const from = ++at_;
-    while (is(*at_, continues_name) || *at_ == '#') {
-        ++at_;
-    }
-    const std::uint32_t code = *at_ == ';' ? xml::resolve(view(from, at_)) : 0;
-    if (code == 0) {
+    const character found = xml::reference(at_);
+    at_ += found.length;
+    if (found.length == 0) {
         return false;
     }
-    ++at_;
-    *to = xml::encode(code, *to);
+    *to = encode(found.code, *to);
     return true;
 }
 
@@ -219,7 +215,7 @@ bool reader::cut_chunks()
 {
     while (*at_ != '<' && *at_ != '&') {
         const byte *const from = at_;
-        const byte *to = from;
+        const byte *to = nullptr;
         std::size_t length = 0;
         do {
             const std::size_t bytes = xml::decode(at_).length;

@@ -76,16 +76,6 @@ xml::kind plain_in(style how)
                                 : xml::prints_as_value;
 }
 
-bool is_reference(const byte *at)
-{
-    const byte *end = at;
-    while (xml::is(*end, xml::continues_name) || *end == '#') {
-        ++end;
-    }
-    const auto length = static_cast<std::size_t>(end - at);
-    return *end == ';' && xml::resolve({reinterpret_cast<const char *>(at), length}) != 0;
-}
-
 // What stands for a byte that cannot stand for itself; null if it can.
 const char *escape(const byte *at, style how, char quote)
 {
@@ -93,7 +83,7 @@ const char *escape(const byte *at, style how, char quote)
     switch (*at) {
     case '&':
         // Names of namespaces keep some of their references when they are read.
-        return how == style::space && is_reference(at + 1) ? "&" : "&amp;";
+        return how == style::space && xml::reference(at).length > 0 ? "&" : "&amp;";
     case '<':
         return "&lt;";
     case '>':
@@ -162,6 +152,9 @@ bool printer::make_room(std::size_t more)
 
 bool printer::put(std::string_view text)
 {
+    if (text.empty()) { // for which there need not be a place
+        return true;
+    }
     if (!make_room(text.size())) {
         return false;
     }
