@@ -10,7 +10,7 @@ extern "C" std::size_t LLVMFuzzerMutate(uint8_t *data, std::size_t size, std::si
 extern "C" std::size_t LLVMFuzzerCustomMutator(uint8_t *data, std::size_t size, std::size_t most,
                                                unsigned int seed)
 {
-    constexpr std::size_t usual_size = 256;
+    constexpr std::size_t usual_size = 128;
     const std::uint8_t mark = seed % 512 == 0 ? fuzz::lavish : seed % 16 == 0 ? fuzz::verbose : 0;
     const std::size_t room = mark == fuzz::lavish ? most - 1 : std::min(most - 1, usual_size);
     size -= size > 0 ? 1 : 0; // the mark
