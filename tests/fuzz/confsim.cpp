@@ -130,7 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     console out;
     event_loop loop;
     tracer trace(out);
-    trace.enable(in.seldom(4));
+    trace.enable(in.writes(4));
     configuration config("");
     conf_daemon service(loop, out, trace, config, where, seconds(3600));
     interpreter operating({loop, out, trace, config, service, seconds(3600)});

@@ -34,8 +34,10 @@ namespace fuzz {
     std::abort();
 }
 
-// The last byte of an input that may cost much: the mutator sees to it that these are few.
+// The last byte of an input that may cost much, and of one that only has the debug file or the
+// trace written: the mutator sees to it that these are few.
 inline constexpr std::uint8_t lavish = 1;
+inline constexpr std::uint8_t verbose = 2;
 
 // Forms of messages, see input::filled().
 using forms = std::vector<std::string>;
@@ -49,8 +51,7 @@ inline std::string rpc(const std::string &method, const std::string &params, con
 class input : public FuzzedDataProvider {
 public:
     input(const std::uint8_t *data, std::size_t size)
-        : FuzzedDataProvider(data, size - (size > 0 ? 1 : 0)),
-          is_lavish_(size > 0 && data[size - 1] == lavish)
+        : FuzzedDataProvider(data, size - (size > 0 ? 1 : 0)), mark_(size > 0 ? data[size - 1] : 0)
     {
     }
 
@@ -59,8 +60,9 @@ public:
         return ConsumeIntegralInRange<std::size_t>(0, count - 1);
     }
     bool rarely(std::size_t count) { return below(count) == count - 1; }
-    // The same for what costs much.
-    bool seldom(std::size_t count) { return rarely(count) && is_lavish_; }
+    // The same for what costs much, and for what is written.
+    bool seldom(std::size_t count) { return rarely(count) && mark_ == lavish; }
+    bool writes(std::size_t count) { return rarely(count) && mark_ != 0; }
     [[nodiscard]] bool ended() { return remaining_bytes() == 0; }
 
     // One of the texts between the bars.
@@ -174,7 +176,7 @@ public:
     }
 
 private:
-    bool is_lavish_;
+    std::uint8_t mark_;
     bool is_stretched_ = false;
 
     static std::string joined(std::initializer_list<std::string_view> parts)

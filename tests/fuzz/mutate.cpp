@@ -10,16 +10,15 @@ extern "C" std::size_t LLVMFuzzerMutate(uint8_t *data, std::size_t size, std::si
 extern "C" std::size_t LLVMFuzzerCustomMutator(uint8_t *data, std::size_t size, std::size_t most,
                                                unsigned int seed)
 {
-    constexpr unsigned int inputs_for_a_lavish_one = 1024;
-    constexpr std::size_t usual_size = 256;
-    const bool is_lavish = seed % inputs_for_a_lavish_one == 0;
-    const std::size_t room = is_lavish ? most - 1 : std::min(most - 1, usual_size);
+    constexpr std::size_t usual_size = 128;
+    const std::uint8_t mark = seed % 512 == 0 ? fuzz::lavish : seed % 16 == 0 ? fuzz::verbose : 0;
+    const std::size_t room = mark == fuzz::lavish ? most - 1 : std::min(most - 1, usual_size);
     size -= size > 0 ? 1 : 0; // the mark
     if (size > room) {        // the end is what most choices are made from
         std::memmove(data, data + size - room, room);
         size = room;
     }
     size = LLVMFuzzerMutate(data, size, room);
-    data[size] = is_lavish ? fuzz::lavish : 0;
+    data[size] = mark;
     return size + 1;
 }

@@ -267,7 +267,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fuzz::input in(data, size);
     hostile_daemon daemon{in, listener};
     peer = &daemon;
-    econf_plugin_config_debug(DBG_ALL, in.seldom(8) ? 1 : 0);
+    econf_plugin_config_debug(DBG_ALL, in.writes(8) ? 1 : 0);
     start();
     daemon.is_sound = false;
     while (!in.ended() && get_plugin_context() != nullptr) {
