@@ -3,6 +3,7 @@
 # Everything happens in the sandbox of "confsim run".
 # shellcheck disable=SC2016 # the shells that run the quoted programs expand them
 # shellcheck disable=SC3045 # the usual shells know ulimit -S
+# shellcheck disable=SC2059 # the bytes of a case are written as escapes of printf
 set -eu
 cd "$(dirname "$0")"
 confsim=$2/confsim
@@ -99,7 +100,8 @@ unreadable)
     ends_with 1 run --store "$store" --config "$work/deep.xml" -- true
     says 'nested too deep'
     for value in '\357\277\277' '\355\240\200' '\001' '\303' '\215\215' '\301\201'; do
-        for command in "set /a:b $value" "set /a:b[c='$value']" "set /a:b$value" "status /a:$value"; do
+        for command in "set /a:b $value" "set /a:b[c='$value']" "set /a:b$value" \
+            "status /a:$value"; do
             type_in "$(printf "$command")"
             ends_with 1 run -- true
             says '/a:'
