@@ -3,6 +3,7 @@
 # Everything happens in the sandbox of "confsim run".
 # shellcheck disable=SC2016 # the shells that run the quoted programs expand them
 # shellcheck disable=SC3045 # the usual shells know ulimit -S
+# shellcheck disable=SC2059 # the bytes of a case are written as escapes of printf
 set -eu
 cd "$(dirname "$0")"
 confsim=$2/confsim
@@ -98,10 +99,14 @@ unreadable)
     echo "$nested" | sed 's| |<a>|g; p; s|<|</|g' >"$work/deep.xml"
     ends_with 1 run --store "$store" --config "$work/deep.xml" -- true
     says 'nested too deep'
-    for value in '\357\277\277' '\355\240\200' '\001' '\303'; do
-        type_in "$(printf "set /a:b $value")"
-        ends_with 1 run -- true
-        says 'characters that XML cannot hold'
+    for value in '\357\277\277' '\355\240\200' '\001' '\303' '\215\215' '\301\201'; do
+        for command in "set /a:b $value" "set /a:b[c='$value']" "set /a:b$value" \
+            "status /a:$value"; do
+            type_in "$(printf "$command")"
+            ends_with 1 run -- true
+            says '/a:'
+            says 'characters that XML cannot hold'
+        done
     done
     printf '<!DOCTYPE a [<!ENTITY b "text">]>\n<a>&b;</a>\n' >"$work/entity.xml"
     ends_with 1 run --config "$work/entity.xml" -- true
@@ -111,7 +116,7 @@ unreadable)
         head -c 10000001 /dev/zero | tr '\0' x
     } >"$input"
     ends_with 1 run -- true >"$work/log"
-    says 'error: the value is too long'
+    says 'error: /a:b: the value is too long'
     type_in "$(printf 'set /a:b \360\237\230\200\ncommit')"
     ends_with 0 run --store "$store" -- true
     ;;

@@ -2,6 +2,7 @@
 #include "commands.h"
 
 #include "failure.h"
+#include "nearest.h"
 #include "words.h"
 
 #include <algorithm>
@@ -93,8 +94,12 @@ void interpreter::status(const words &line)
     const path where = parse_path(line[1]);
     plugin_ptr best;
     subscription published{};
+    std::vector<std::string> names;
     for (const plugin_ptr &each : here_.service.plugins()) {
         for (const subscription &status : each->statuses) {
+            if (each->is_active()) {
+                names.push_back(to_text(status.where));
+            }
             if (each->is_active() && leads_to(status.where, where) &&
                 status.where.size() > published.where.size()) {
                 best = each;
@@ -103,17 +108,22 @@ void interpreter::status(const words &line)
         }
     }
     if (best == nullptr) {
-        throw failure("no active plugin publishes status of " + line[1]);
+        throw failure("no active plugin publishes status of " + line[1] +
+                      hint_of_nearest(to_text(where), names));
     }
     xml::node_ptr params = xml::element("params");
     xml::add(params.get(), "path", to_text(where));
     xml::add(params.get(), "session-id", session_id);
     if (line.size() > 2) {
+        if (!xml::can_hold(line[2])) {
+            throw failure("status of " + line[1] +
+                          ": the filter holds characters that XML cannot hold");
+        }
         xml::add(params.get(), "filter", line[2]);
     }
     xml::add(params.get(), "callback", std::to_string(published.index));
     const answer got = here_.service.exchange(best, "subscribe", std::move(params));
-    const xmlNode *data = xml::child(result_of(got, best->name), "data");
+    const xmlNode *data = xml::child(result_of(got, best->name + ", " + to_text(where)), "data");
     const std::string printed = data == nullptr ? "" : xml::print_children(data);
     say(printed.empty() ? "no data" : printed);
 }
@@ -125,11 +135,18 @@ void interpreter::call(const words &line)
         input = read_file(input.substr(1));
     }
     const std::list<plugin_ptr> present = here_.service.plugins(); // one that ends leaves the list
+    std::vector<std::string> names;
     for (const plugin_ptr &each : present) {
         const auto found =
             std::find_if(each->operations.begin(), each->operations.end(),
                          [&line](const operation &known) { return is_called(known, line[1]); });
-        if (!each->is_active() || found == each->operations.end()) {
+        if (!each->is_active()) {
+            continue;
+        }
+        if (found == each->operations.end()) {
+            for (const operation &served : each->operations) {
+                names.push_back(served.name);
+            }
             continue;
         }
         const xml::doc_ptr info = xml::parse_text("<info>" + input + "</info>", "input");
@@ -139,10 +156,11 @@ void interpreter::call(const words &line)
         xml::add(params.get(), "callback", std::to_string(found->index));
         xml::add(params.get(), xml::copy(xmlDocGetRootElement(info.get())));
         const answer got = here_.service.exchange(each, "publish", std::move(params));
-        say(xml::print_children(result_of(got, each->name)));
+        say(xml::print_children(result_of(got, each->name + ", " + line[1])));
         return;
     }
-    throw failure("no active plugin serves the operation " + line[1]);
+    throw failure("no active plugin serves the operation " + line[1] +
+                  hint_of_nearest(line[1], names));
 }
 
 plugin_ptr interpreter::active_plugin(const std::string &name) const

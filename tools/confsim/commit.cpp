@@ -3,6 +3,7 @@
 
 #include "conf_api.h"
 #include "failure.h"
+#include "nearest.h"
 
 #include <algorithm>
 
@@ -70,10 +71,29 @@ void roll_back(conf_daemon &service, std::vector<publication> applied, const spe
     }
 }
 
+// A subscription that is mistyped shows in what nobody is told of.
+void report_unsubscribed(const std::list<plugin_ptr> &plugins,
+                         const std::vector<difference> &changes, const speaker &say)
+{
+    constexpr std::size_t most = 10;
+    std::vector<std::string> names;
+    for (const path &each : subscribed_paths(plugins)) {
+        names.push_back(to_text(each));
+    }
+    const std::vector<std::string> all = unsubscribed(plugins, changes);
+    for (std::size_t i = 0; i < std::min(all.size(), most); ++i) {
+        say("no active plugin subscribed to " + all[i] + hint_of_nearest(all[i], names));
+    }
+    if (all.size() > most) {
+        say("nor to " + counted(all.size() - most, "further path"));
+    }
+}
+
 void carry_out(conf_daemon &service, configuration &config, const speaker &say)
 {
     const std::vector<difference> changes = differences(config.running(), config.candidate());
     std::vector<publication> all = publications(service.plugins(), changes);
+    report_unsubscribed(service.plugins(), changes, say);
     const committing_scope scope(config);
     const auto give_up = [&](const std::string &why) {
         roll_back(service, std::move(all), say);

@@ -12,24 +12,11 @@ namespace {
 // What plugins can make confsim keep.
 constexpr std::size_t most_bytes = std::size_t{64} << 20;
 
-// Parsers of XML stop at 256; a reply wraps the data in three elements more.
-constexpr std::size_t deepest = 250;
-
-// What would not be read again once it is stored.
-void refuse_unreadable(const node &tree)
-{
-    if (depth_of(tree) > deepest) {
-        throw failure("The data are nested too deep.");
-    }
-    refuse_duplicates(tree, {});
-}
-
-void refuse_excess(const node &tree)
+void refuse_excess(const node &tree, const path &where)
 {
     if (size_of(tree) > most_bytes) {
-        throw failure("There is no room for more.");
+        throw failure("There is no room for " + (where.empty() ? "more" : to_text(where)) + ".");
     }
-    refuse_unreadable(tree);
 }
 
 } // namespace
@@ -80,15 +67,17 @@ node configuration::read(const std::string &file)
     node loaded = top();
     module_table modules = modules_; // a refused file names no modules
     try {
+        std::vector<node> children;
         if (name != "config" && name != "data") {
-            loaded.children.push_back(from_xml(root, "", modules));
+            children.push_back(from_xml(root, "", modules));
         } else {
             for (const xmlNode *child = xml::first_element(root); child != nullptr;
                  child = xml::next_element(child)) {
-                loaded.children.push_back(from_xml(child, "", modules));
+                children.push_back(from_xml(child, "", modules));
             }
         }
-        refuse_unreadable(loaded);
+        loaded.children = siblings(std::move(children));
+        refuse_unreadable(loaded, {});
     } catch (const failure &error) {
         throw failure(file + ": " + error.what());
     }
@@ -102,9 +91,16 @@ bool configuration::begin_with(const std::string &file)
         return false;
     }
     running_ = read(file);
-    store_.write("running", as_file(running_));
+    keep("running", running_);
     discard();
     return true;
+}
+
+void configuration::keep(const std::string &name, const node &tree)
+{
+    if (store_.is_open()) {
+        store_.write(name, as_file(tree));
+    }
 }
 
 std::string configuration::as_file(const node &tree)
@@ -117,26 +113,11 @@ std::string configuration::as_file(const node &tree)
     return text + "\n";
 }
 
-void configuration::set(const path &where, const std::optional<std::string> &text)
-{
-    node changed = candidate_;
-    confsim::set(changed, where, text);
-    refuse_unreadable(changed);
-    candidate_ = std::move(changed);
-}
-
-std::size_t configuration::remove(const path &where)
-{
-    node changed = candidate_;
-    const std::size_t count = confsim::remove(changed, where);
-    refuse_unreadable(changed);
-    candidate_ = std::move(changed);
-    return count;
-}
-
 void configuration::accept()
 {
-    store_.write_and_keep("running", as_file(candidate_), "old");
+    if (store_.is_open()) {
+        store_.write_and_keep("running", as_file(candidate_), "old");
+    }
     old_ = std::move(running_);
     running_ = candidate_;
 }
@@ -156,7 +137,7 @@ void configuration::publish(const path &where, const std::vector<const xmlNode *
 {
     node changed = published_;
     put(changed, where, instances(where, data));
-    refuse_excess(changed);
+    refuse_excess(changed, where);
     published_ = std::move(changed);
 }
 
@@ -175,7 +156,7 @@ void configuration::stage(const path &where, const std::string &oper,
     } else {
         put(changed, where, instances(where, data));
     }
-    refuse_excess(changed);
+    refuse_excess(changed, where);
     deployment_ = std::move(changed);
 }
 
@@ -187,7 +168,8 @@ void configuration::copy_running_to_deployment(bool replace)
     }
     node changed = deployment_;
     add_missing(changed, running_);
-    refuse_excess(changed);
+    refuse_excess(changed, {});
+    refuse_unreadable(changed, {});
     deployment_ = std::move(changed);
 }
 

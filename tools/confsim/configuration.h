@@ -6,7 +6,9 @@
 //   deployment  staged by plugins, for a device that is to be set up later
 //   published   what plugins pushed: no configuration, and gone with confsim
 //
-// Running and old are stored at each commit; the deployment when a plugin saves it.
+// Running and old are stored at each commit; the deployment when a plugin saves it. They are
+// versions that share what they have in common, so a commit without a store, and what plugins ask,
+// takes the time of what changed; only a store writes, and reads back, the whole.
 #ifndef CONFSIM_CONFIGURATION_H
 #define CONFSIM_CONFIGURATION_H
 
@@ -43,8 +45,11 @@ public:
     void load(const std::string &file) { candidate_ = read(file); }
 
     // As the functions of these names do with a tree. Throw failure, with the candidate as before.
-    void set(const path &where, const std::optional<std::string> &text);
-    std::size_t remove(const path &where);
+    void set(const path &where, const std::optional<std::string> &text)
+    {
+        confsim::set(candidate_, where, text);
+    }
+    std::size_t remove(const path &where) { return confsim::remove(candidate_, where); }
     void discard() { candidate_ = running_; }
 
     // The candidate becomes the running configuration. Throws failure when it cannot be stored,
@@ -56,7 +61,7 @@ public:
     void publish(const path &where, const std::vector<const xmlNode *> &data);
     void stage(const path &where, const std::string &oper,
                const std::vector<const xmlNode *> &data);
-    void save_deployment() { store_.write("deployment", as_file(deployment_)); }
+    void save_deployment() { keep("deployment", deployment_); }
 
     // The running configuration replaces the deployment, or adds what that lacks.
     void copy_running_to_deployment(bool replace);
@@ -71,6 +76,7 @@ private:
     [[nodiscard]] std::vector<node> instances(const path &where,
                                               const std::vector<const xmlNode *> &data);
     [[nodiscard]] std::string as_file(const node &tree);
+    void keep(const std::string &name, const node &tree);
 
     store store_;
     module_table modules_;

@@ -22,6 +22,9 @@ struct difference {
 
 [[nodiscard]] std::string to_text(const difference &change);
 
+// Whether a subscribed node, or one below it, changed.
+[[nodiscard]] bool concerns(const difference &change, const path &subscribed);
+
 // One changed instance of a subscribed node.
 struct instance_change {
     path where;

@@ -4,8 +4,7 @@
 
 #include "conf_plugin.h"
 #include "failure.h"
-
-#include <libxml/tree.h>
+#include "xml.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -24,8 +23,7 @@ constexpr std::size_t longest_name = 1000;
 bool is_name(const std::string &text)
 {
     const auto *chars = reinterpret_cast<const xmlChar *>(text.c_str());
-    return text.size() <= longest_name && xmlCheckUTF8(chars) == 1 &&
-           xmlValidateNCName(chars, 0) == 0; // which takes bytes that are no UTF-8, too
+    return text.size() <= longest_name && xmlValidateNCName(chars, 0) == 0;
 }
 
 // Reads one path from left to right.
@@ -35,6 +33,9 @@ public:
 
     path read()
     {
+        if (!xml::can_hold(text_)) {
+            complain("it holds characters that XML cannot hold");
+        }
         std::string bare;
         std::vector<std::vector<predicate>> keys;
         while (at_ < text_.size()) {

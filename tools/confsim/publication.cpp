@@ -4,6 +4,7 @@
 #include "conf_api.h"
 
 #include <algorithm>
+#include <set>
 
 namespace confsim {
 
@@ -43,6 +44,40 @@ std::vector<publication> publications(const std::list<plugin_ptr> &plugins,
         ordered.push_back(std::move(each.what));
     }
     return ordered;
+}
+
+std::vector<path> subscribed_paths(const std::list<plugin_ptr> &plugins)
+{
+    std::vector<path> found;
+    for (const plugin_ptr &each : plugins) {
+        for (const subscription &config : each->configs) {
+            if (each->is_active()) {
+                found.push_back(config.where);
+            }
+        }
+    }
+    return found;
+}
+
+std::vector<std::string> unsubscribed(const std::list<plugin_ptr> &plugins,
+                                      const std::vector<difference> &changes)
+{
+    const std::vector<path> subscribed = subscribed_paths(plugins);
+    std::vector<std::string> found;
+    std::set<std::string> seen;
+    for (const difference &change : changes) {
+        if (std::none_of(subscribed.begin(), subscribed.end(),
+                         [&change](const path &each) { return concerns(change, each); })) {
+            path bare = change.where;
+            for (step &each : bare) {
+                each.keys.clear();
+            }
+            if (seen.insert(to_text(bare)).second) {
+                found.push_back(to_text(bare));
+            }
+        }
+    }
+    return found;
 }
 
 xml::node_ptr publish_params(const publication &what, bool more)

@@ -6,6 +6,7 @@
 #include "plugin.h"
 
 #include <list>
+#include <string>
 #include <vector>
 
 namespace confsim {
@@ -26,6 +27,13 @@ struct publication {
 // then in document order.
 [[nodiscard]] std::vector<publication> publications(const std::list<plugin_ptr> &plugins,
                                                     const std::vector<difference> &changes);
+
+// What changed and concerns none of them: paths without keys, each once.
+[[nodiscard]] std::vector<std::string> unsubscribed(const std::list<plugin_ptr> &plugins,
+                                                    const std::vector<difference> &changes);
+
+// The paths that the active ones subscribed to.
+[[nodiscard]] std::vector<path> subscribed_paths(const std::list<plugin_ptr> &plugins);
 
 // The parameters of a publish request; `more` tells that further ones of the same commit follow.
 [[nodiscard]] xml::node_ptr publish_params(const publication &what, bool more);

@@ -18,6 +18,9 @@ public:
     store(const store &) = delete;
     store &operator=(const store &) = delete;
 
+    // Whether anything outlives confsim.
+    [[nodiscard]] bool is_open() const { return descriptor_ >= 0; }
+
     // Where the configuration of that name stands; empty when it was never written.
     [[nodiscard]] std::string file_of(const std::string &name) const;
 

@@ -1,151 +1,107 @@
-// See tree.h.
+// See tree.h. Changes are made in a version of their own, which takes the place of the former one
+// at the end.
 #include "tree.h"
 
 #include "failure.h"
-
-#include <libxml/chvalid.h>
-#include <libxml/xmlstring.h>
+#include "xml.h"
 
 #include <algorithm>
-#include <array>
-#include <map>
-#include <set>
-#include <string_view>
+#include <functional>
 
 namespace confsim {
 
 namespace {
 
-bool is_usual_key(const node &child)
-{
-    constexpr std::array<std::string_view, 4> names = {"name", "id", "key", "index"};
-    return child.is_leaf() && std::find(names.begin(), names.end(), child.name) != names.end();
-}
+// Parsers of XML stop at 256; a reply wraps the data in three elements more.
+constexpr std::size_t deepest = 250;
 
-bool is_named(const node &child, const step &wanted)
+path beginning(const path &where, std::size_t count)
 {
-    return child.name == wanted.name && child.module == wanted.module;
-}
-
-// The predicate of an entry, or none when the node is no list entry.
-std::vector<predicate> key_of(const node &entry, bool several, std::size_t position)
-{
-    if (!entry.children.empty() && is_usual_key(entry.children.front())) {
-        return {{entry.children.front().name, entry.children.front().text}};
-    }
-    if (!several) {
-        return {};
-    }
-    if (entry.is_leaf()) {
-        return {{".", entry.text}};
-    }
-    auto key = std::find_if(entry.children.begin(), entry.children.end(), is_usual_key);
-    if (key == entry.children.end()) {
-        key = std::find_if(entry.children.begin(), entry.children.end(),
-                           [](const node &child) { return child.is_leaf(); });
-    }
-    if (key == entry.children.end()) {
-        return {{"", std::to_string(position)}};
-    }
-    return {{key->name, key->text}};
-}
-
-bool matches(const node &candidate, std::size_t position, const predicate &key)
-{
-    if (key.name.empty()) {
-        return key.value == std::to_string(position);
-    }
-    if (key.name == ".") {
-        return candidate.is_leaf() && candidate.text == key.value;
-    }
-    return std::any_of(
-        candidate.children.begin(), candidate.children.end(), [&key](const node &child) {
-            return child.is_leaf() && child.name == key.name && child.text == key.value;
-        });
-}
-
-// The indices of the children that a step leads to.
-std::vector<std::size_t> matching(const node &parent, const step &wanted)
-{
-    std::vector<std::size_t> found;
-    std::size_t position = 0;
-    for (std::size_t i = 0; i < parent.children.size(); ++i) {
-        const node &child = parent.children[i];
-        if (!is_named(child, wanted)) {
-            continue;
-        }
-        ++position;
-        if (std::all_of(wanted.keys.begin(), wanted.keys.end(),
-                        [&](const predicate &key) { return matches(child, position, key); })) {
-            found.push_back(i);
-        }
-    }
-    return found;
+    return {where.begin(), where.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 
 // A value that XML cannot hold, or no parser takes, makes the file that it is stored in unreadable.
-void refuse_unprintable(const std::string &text)
+void refuse_unprintable(const std::string &text, const path &where)
 {
     constexpr std::size_t longest = 10000000;
     if (text.size() > longest) {
-        throw failure("the value is too long");
+        throw failure(to_text(where) + ": the value is too long");
     }
     if (!text.empty() && text.find_first_not_of(" \t\r\n") == std::string::npos) {
-        throw failure("the value holds nothing but blanks, which is read as empty");
+        throw failure(to_text(where) +
+                      ": the value holds nothing but blanks, which is read as empty");
     }
-    for (std::size_t i = 0; i < text.size();) {
-        int length = static_cast<int>(std::min<std::size_t>(text.size() - i, 4));
-        const int c = xmlGetUTF8Char(reinterpret_cast<const unsigned char *>(&text[i]), &length);
-        if (c < 0 || !xmlIsCharQ(c)) {
-            throw failure("the value holds characters that XML cannot hold");
-        }
-        i += static_cast<std::size_t>(length);
+    if (!xml::can_hold(text)) {
+        throw failure(to_text(where) + ": the value holds characters that XML cannot hold");
     }
 }
 
-node made_for(const step &wanted)
+void refuse_twin(const siblings &all, const branch &whom, const path &above)
 {
+    if (all.has_twin(whom)) {
+        path where = above;
+        where.push_back(all.step_to(whom, true));
+        throw failure("there is more than one " + to_text(where));
+    }
+}
+
+void refuse_duplicates(const node &tree, path &where)
+{
+    for (auto each = tree.children.begin(); each != tree.children.end(); ++each) {
+        refuse_twin(tree.children, each.held(), where);
+        if (!each->is_leaf()) {
+            where.push_back(tree.children.step_to(
+                each.held(), tree.children.has_several(each->module, each->name)));
+            refuse_duplicates(*each, where);
+            where.pop_back();
+        }
+    }
+}
+
+void refuse_depth(const node &tree, const path &where)
+{
+    if (depth_of(tree) > deepest) {
+        throw failure((where.empty() ? "" : to_text(where) + ": ") +
+                      "the data are nested too deep");
+    }
+}
+
+// The node of the last step of a path, with the keys that the step gives.
+node made_for(const path &where)
+{
+    const step &wanted = where.back();
     node made{wanted.module, wanted.name, "", {}};
     for (const predicate &key : wanted.keys) {
         if (key.name.empty()) {
-            throw failure("there is no " + to_text({wanted}) + " to change");
+            throw failure("there is no " + to_text(where) + " to change");
         }
-        refuse_unprintable(key.value);
+        refuse_unprintable(key.value, where);
         if (key.name == ".") {
             made.text = key.value;
         } else {
-            made.children.push_back({wanted.module, key.name, key.value, {}});
+            const branch added = made.children.append({wanted.module, key.name, key.value, {}});
+            refuse_twin(made.children, added, where);
         }
+    }
+    siblings alone;
+    alone.append(made);
+    if (alone.matching(wanted).empty()) {
+        throw failure(to_text(where) + " contradicts itself");
     }
     return made;
 }
 
-void find_below(const node &parent, const path &where, std::size_t depth,
-                std::vector<const node *> &found)
+// A list entry is known by its key. `several`: there are others of its name.
+void refuse_renaming(const node &before, const node &after, bool several, const path &where)
 {
-    for (const std::size_t i : matching(parent, where[depth])) {
-        if (depth + 1 == where.size()) {
-            found.push_back(&parent.children[i]);
-        } else {
-            find_below(parent.children[i], where, depth + 1, found);
-        }
+    const key_view key = key_of(before);
+    const auto is_key = [&key](const predicate &each) { return each.name == key.name; };
+    const bool is_entry = several || before.children.begin_with_key() ||
+                          std::any_of(where.back().keys.begin(), where.back().keys.end(), is_key);
+    if (is_entry && !key.name.empty() && key_of(after) != key) {
+        throw failure("the key of the list entry " + to_text(where) +
+                      " cannot change; delete the entry, and set the other one");
     }
-}
-
-std::size_t remove_below(node &parent, const path &where, std::size_t depth)
-{
-    const std::vector<std::size_t> found = matching(parent, where[depth]);
-    std::size_t removed = 0;
-    for (auto index = found.rbegin(); index != found.rend(); ++index) {
-        node &child = parent.children[*index];
-        const std::size_t below =
-            depth + 1 == where.size() ? 1 : remove_below(child, where, depth + 1);
-        removed += below;
-        if (depth + 1 == where.size() || (below > 0 && child.children.empty())) {
-            parent.children.erase(parent.children.begin() + static_cast<std::ptrdiff_t>(*index));
-        }
-    }
-    return removed;
 }
 
 // A node that got children would lose its text.
@@ -156,53 +112,82 @@ void refuse_below_leaf(const node &place, const path &where)
     }
 }
 
-// Leads along a path, making the nodes that are missing.
-node &reach(node &top, const path &where)
+// Does something to the node that the first `length` steps of a path lead to, and makes the nodes
+// that are missing. `place` is where the first `done` steps lead.
+void edit(node &place, const path &where, std::size_t done, std::size_t length,
+          const std::function<void(node &)> &act)
 {
-    node *place = &top;
-    for (const step &each : where) {
-        const std::vector<std::size_t> found = matching(*place, each);
-        if (found.size() > 1) {
-            throw failure(to_text(where) + " is ambiguous: there are " +
-                          std::to_string(found.size()) + " nodes called " + each.name);
-        }
-        if (found.empty()) {
-            refuse_below_leaf(*place, where);
-            place->children.push_back(made_for(each));
-            place = &place->children.back();
-        } else {
-            place = &place->children[found.front()];
-        }
+    if (done == length) {
+        act(place);
+        return;
     }
-    return *place;
+    const std::vector<branch> found = place.children.matching(where[done]);
+    const path here = beginning(where, done + 1);
+    if (found.size() > 1) {
+        throw failure(to_text(where) + " is ambiguous: there are " + std::to_string(found.size()) +
+                      " nodes called " + where[done].name);
+    }
+    if (found.empty()) {
+        refuse_below_leaf(place, where);
+    }
+    const node before = found.empty() ? made_for(here) : *found.front().tree;
+    node after = before;
+    edit(after, where, done + 1, length, act);
+    refuse_renaming(before, after, place.children.has_several(before.module, before.name), here);
+    if (found.empty()) {
+        const branch added = place.children.append(std::move(after));
+        refuse_twin(place.children, added, beginning(where, done));
+    } else {
+        place.children.replace(found.front(), std::move(after));
+    }
 }
 
-path parent_of(const path &where)
+void find_below(const node &parent, const path &where, std::size_t depth,
+                std::vector<const node *> &found)
 {
-    return {where.begin(), where.end() - 1};
+    for (const branch &each : parent.children.matching(where[depth])) {
+        if (depth + 1 == where.size()) {
+            found.push_back(each.tree.get());
+        } else {
+            find_below(*each.tree, where, depth + 1, found);
+        }
+    }
+}
+
+std::size_t remove_below(node &parent, const path &where, std::size_t depth)
+{
+    std::size_t removed = 0;
+    const bool several = parent.children.has_several(where[depth].module, where[depth].name);
+    for (const branch &each : parent.children.matching(where[depth])) {
+        if (depth + 1 == where.size()) {
+            parent.children.erase(each);
+            ++removed;
+            continue;
+        }
+        node changed = *each.tree;
+        const std::size_t below = remove_below(changed, where, depth + 1);
+        removed += below;
+        if (below > 0) {
+            refuse_renaming(*each.tree, changed, several, beginning(where, depth + 1));
+            if (changed.is_leaf()) {
+                parent.children.erase(each);
+            } else {
+                parent.children.replace(each, std::move(changed));
+            }
+        }
+    }
+    return removed;
 }
 
 } // namespace
 
-std::vector<step> steps_of(const std::vector<node> &siblings, const std::vector<node> &others)
+key_view key_of(const node &entry)
 {
-    using full_name = std::pair<std::string_view, std::string_view>;
-    std::map<full_name, std::size_t> counts;
-    std::map<full_name, std::size_t> other_counts;
-    for (const node &each : siblings) {
-        ++counts[{each.module, each.name}];
+    if (entry.is_leaf()) {
+        return {".", entry.text};
     }
-    for (const node &each : others) {
-        ++other_counts[{each.module, each.name}];
-    }
-    std::map<full_name, std::size_t> positions;
-    std::vector<step> steps;
-    for (const node &each : siblings) {
-        const full_name name = {each.module, each.name};
-        const bool several = counts[name] > 1 || other_counts[name] > 1;
-        steps.push_back({each.module, each.name, key_of(each, several, ++positions[name])});
-    }
-    return steps;
+    const node *key = entry.children.key();
+    return key == nullptr ? key_view{} : key_view{key->name, key->text};
 }
 
 std::vector<const node *> find(const node &top, const path &where)
@@ -214,114 +199,119 @@ std::vector<const node *> find(const node &top, const path &where)
 
 void set(node &top, const path &where, const std::optional<std::string> &text)
 {
-    node &place = reach(top, where);
-    if (!text) {
-        return;
+    if (text) {
+        refuse_unprintable(*text, where);
     }
-    refuse_unprintable(*text);
-    if (!place.is_leaf()) {
-        throw failure(to_text(where) + " is not a leaf");
-    }
-    place.text = *text;
+    node changed = top;
+    edit(changed, where, 0, where.size(), [&](node &place) {
+        if (text && !place.is_leaf()) {
+            throw failure(to_text(where) + " is not a leaf");
+        }
+        if (text) {
+            place.text = *text;
+        }
+    });
+    refuse_depth(changed, where);
+    top = std::move(changed);
 }
 
 void put(node &top, const path &where, std::vector<node> instances)
 {
-    node &parent = reach(top, parent_of(where));
-    refuse_below_leaf(parent, where);
-    const std::vector<std::size_t> replaced = matching(parent, where.back());
-    const std::size_t first = replaced.empty() ? parent.children.size() : replaced.front();
-    for (auto index = replaced.rbegin(); index != replaced.rend(); ++index) {
-        parent.children.erase(parent.children.begin() + static_cast<std::ptrdiff_t>(*index));
-    }
+    const path above = beginning(where, where.size() - 1);
     const std::size_t count = instances.size();
-    parent.children.insert(parent.children.begin() + static_cast<std::ptrdiff_t>(first),
-                           std::make_move_iterator(instances.begin()),
-                           std::make_move_iterator(instances.end()));
-    if (find(top, where).size() != count) { // also when the key of a node above has gone
+    node changed = top;
+    edit(changed, where, 0, above.size(), [&](node &parent) {
+        refuse_below_leaf(parent, where);
+        const std::vector<branch> replaced = parent.children.matching(where.back());
+        std::vector<branch> added;
+        for (const branch &each : replaced) {
+            parent.children.erase(each);
+        }
+        for (node &each : instances) {
+            path inside = where;
+            refuse_duplicates(each, inside);
+            if (added.size() < replaced.size()) {
+                added.push_back(
+                    parent.children.insert(replaced[added.size()].label, std::move(each)));
+            } else {
+                added.push_back(parent.children.append(std::move(each)));
+            }
+        }
+        for (const branch &each : added) {
+            refuse_twin(parent.children, each, above);
+        }
+    });
+    if (find(changed, where).size() != count) {
         throw failure("The data are not what " + to_text(where) + " names.");
     }
+    refuse_depth(changed, where);
+    top = std::move(changed);
 }
 
 void add_missing(node &to, const node &from)
 {
-    const std::vector<step> steps = steps_of(from.children, to.children);
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-        const std::vector<std::size_t> found = matching(to, steps[i]);
+    for (auto each = from.children.begin(); each != from.children.end(); ++each) {
+        const bool several = from.children.has_several(each->module, each->name) ||
+                             to.children.has_several(each->module, each->name);
+        const std::vector<branch> found =
+            to.children.matching(from.children.step_to(each.held(), several));
         if (found.empty()) {
-            to.children.push_back(from.children[i]);
-        } else {
-            add_missing(to.children[found.front()], from.children[i]);
+            to.children.append(*each);
+        } else if (found.front().tree != each.held().tree) {
+            node changed = *found.front().tree;
+            add_missing(changed, *each);
+            to.children.replace(found.front(), std::move(changed));
         }
     }
 }
 
 neighbours find_neighbours(const node &top, const path &where)
 {
-    const path above = parent_of(where);
+    const path above = beginning(where, where.size() - 1);
     const std::vector<const node *> parents =
         above.empty() ? std::vector<const node *>{&top} : find(top, above);
-    if (parents.size() != 1 || matching(*parents.front(), where.back()).size() != 1) {
+    const std::vector<branch> found = parents.size() == 1
+                                          ? parents.front()->children.matching(where.back())
+                                          : std::vector<branch>();
+    if (found.size() != 1) {
         throw failure(to_text(where) + " does not lead to one node.");
     }
-    const node &parent = *parents.front();
-    const std::vector<step> steps = steps_of(parent.children, {});
-    const std::size_t position = matching(parent, where.back()).front();
-    const auto path_to = [&](std::size_t index) {
+    const siblings &all = parents.front()->children;
+    const auto path_to = [&](const branch *neighbour) {
+        if (neighbour == nullptr) {
+            return std::optional<path>();
+        }
         path leading = above;
-        leading.push_back(steps[index]);
-        return leading;
+        leading.push_back(all.step_to(*neighbour, true));
+        return std::optional(leading);
     };
-    neighbours found;
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-        if (i == position || !same_schema(steps[i], where.back())) {
-            continue;
-        }
-        if (i < position) {
-            found.previous = path_to(i);
-        } else {
-            found.next = path_to(i);
-            break;
-        }
-    }
-    return found;
+    return {path_to(all.previous(found.front())), path_to(all.next(found.front()))};
 }
 
 std::size_t size_of(const node &tree)
 {
-    std::size_t size = sizeof tree + tree.module.size() + tree.name.size() + tree.text.size();
-    for (const node &child : tree.children) {
-        size += size_of(child);
-    }
-    return size;
+    return sizeof tree + tree.module.size() + tree.name.size() + tree.text.size() +
+           tree.children.total().bytes;
 }
 
 std::size_t depth_of(const node &tree)
 {
-    std::size_t below = 0;
-    for (const node &child : tree.children) {
-        below = std::max(below, depth_of(child));
-    }
-    return 1 + below;
+    return 1 + tree.children.total().depth;
 }
 
 std::size_t remove(node &top, const path &where)
 {
-    return remove_below(top, where, 0);
+    node changed = top;
+    const std::size_t count = remove_below(changed, where, 0);
+    top = std::move(changed);
+    return count;
 }
 
-void refuse_duplicates(const node &top, const path &where)
+void refuse_unreadable(const node &tree, const path &where)
 {
-    std::set<std::string> seen;
-    const std::vector<step> steps = steps_of(top.children, {});
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-        path here = where;
-        here.push_back(steps[i]);
-        if (!seen.insert(to_text({steps[i]})).second) {
-            throw failure("there is more than one " + to_text(here));
-        }
-        refuse_duplicates(top.children[i], here);
-    }
+    refuse_depth(tree, where);
+    path here = where;
+    refuse_duplicates(tree, here);
 }
 
 } // namespace confsim

@@ -8,37 +8,55 @@
 #define CONFSIM_TREE_H
 
 #include "path.h"
+#include "siblings.h"
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace confsim {
 
+// A version of a tree. A copy costs nothing, and a change to one leaves the others as they are.
 struct node {
     std::string module;
     std::string name;
     std::string text; // of a leaf
-    std::vector<node> children;
+    siblings children;
 
     [[nodiscard]] bool is_leaf() const { return children.empty(); }
 };
 
-// The step to each of `siblings`, which stand, after or before a change, in place of `others`.
-[[nodiscard]] std::vector<step> steps_of(const std::vector<node> &siblings,
-                                         const std::vector<node> &others);
+// The key that a node has when it is a list entry. The name is "." for its own text, and empty when
+// only its position tells it.
+struct key_view {
+    std::string_view name;
+    std::string_view value;
 
-// All nodes of a path below `top`, whose own name does not matter.
+    bool operator==(const key_view &) const = default;
+};
+[[nodiscard]] key_view key_of(const node &entry);
+
+// All nodes of a path below `top`, whose own name does not matter; they live as long as any version
+// that holds them.
 [[nodiscard]] std::vector<const node *> find(const node &top, const path &where);
 
+// The functions that change a tree leave it as it was when they throw failure. They do so for data
+// that would not be read again once they are stored: of two list entries with one key, or nested
+// too deep.
+
 // Makes the nodes of a path as far as they are missing, and gives the last the text, if there is
-// one. Throws failure, with `top` in some state, when the path is ambiguous or leads through a
-// leaf, and for a text that XML cannot hold.
+// one. Throws failure when the path is ambiguous or leads through a leaf, for a text that XML
+// cannot hold, and when a list entry would have another key afterwards.
 void set(node &top, const path &where, const std::optional<std::string> &text);
 
+// Removes all nodes of a path, and the nodes above that hold nothing any more. Returns how many the
+// path led to. Throws failure when the key of a list entry would go and the entry would not.
+std::size_t remove(node &top, const path &where);
+
 // Replaces the instances that a path leads to by others of it, and makes the nodes above as far as
-// they are missing. Throws failure, with `top` in some state, also when the path does not name one
-// of the instances.
+// they are missing. Throws failure as set() does, and when the path does not name one of the
+// instances.
 void put(node &top, const path &where, std::vector<node> instances);
 
 // Adds what is missing in one tree from another.
@@ -56,12 +74,8 @@ struct neighbours {
 [[nodiscard]] std::size_t size_of(const node &tree);
 [[nodiscard]] std::size_t depth_of(const node &tree);
 
-// Removes all nodes of a path, and the nodes above that hold nothing any more. Returns how many the
-// path led to.
-std::size_t remove(node &top, const path &where);
-
-// Throws failure when two list entries have the same key.
-void refuse_duplicates(const node &top, const path &where);
+// Throws failure for a tree that would not be read again once it is stored. It stands at `where`.
+void refuse_unreadable(const node &tree, const path &where);
 
 } // namespace confsim
 

@@ -91,10 +91,12 @@ node from_xml(const xmlNode *element, const std::string &outer_module, module_ta
     } else {
         made.module = outer_module;
     }
+    std::vector<node> children;
     for (const xmlNode *child = xml::first_element(element); child != nullptr;
          child = xml::next_element(child)) {
-        made.children.push_back(from_xml(child, made.module, modules));
+        children.push_back(from_xml(child, made.module, modules));
     }
+    made.children = siblings(std::move(children));
     if (made.is_leaf()) {
         made.text = xml::text(element);
     }

@@ -3,9 +3,13 @@
 
 #include "failure.h"
 
+#include <libxml/chvalid.h>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
 #include <libxml/xmlerror.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -74,6 +78,26 @@ doc_ptr parse_file(const std::string &file)
 {
     xmlResetLastError();
     return checked(xmlReadFile(file.c_str(), nullptr, options), file);
+}
+
+bool can_hold(const std::string &text)
+{
+    for (std::size_t i = 0; i < text.size();) {
+        int length = static_cast<int>(std::min<std::size_t>(text.size() - i, 4));
+        const int code = xmlGetUTF8Char(chars(&text[i]), &length);
+        if (code < 0 || !xmlIsCharQ(code)) {
+            return false;
+        }
+        // It takes a byte from the middle of a character, and more bytes than are needed, for one.
+        std::array<xmlChar, 8> right{};
+        const int right_length = xmlCopyChar(0, right.data(), code);
+        if (length != right_length ||
+            std::memcmp(&text[i], right.data(), static_cast<std::size_t>(length)) != 0) {
+            return false;
+        }
+        i += static_cast<std::size_t>(length);
+    }
+    return true;
 }
 
 node_ptr element(const char *name)

@@ -20,6 +20,9 @@ using doc_ptr = std::unique_ptr<xmlDoc, deleter>;
 [[nodiscard]] doc_ptr parse_text(const std::string &text, const std::string &origin);
 [[nodiscard]] doc_ptr parse_file(const std::string &file);
 
+// Whether a text is UTF-8 of characters that XML can hold, also escaped.
+[[nodiscard]] bool can_hold(const std::string &text);
+
 [[nodiscard]] node_ptr element(const char *name);
 [[nodiscard]] node_ptr copy(const xmlNode *node);
 xmlNode *add(xmlNode *parent, const char *name, const std::string &text = "");
