@@ -79,7 +79,7 @@ child::child(event_loop &loop, const console &out, const sandbox::process_space 
     if (pipe2(report.data(), O_CLOEXEC) != 0) {
         fail(errno);
     }
-    process_ = fork();
+    process_ = space.fork_inside();
     int error = process_ < 0 ? errno : 0;
     if (process_ == 0) {
         setpgid(0, 0);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
@@ -13,6 +14,7 @@
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace sandbox {
 
@@ -43,11 +45,11 @@ int mount_proc()
     _exit(0);
 }
 
-// Like fork(), which takes no flags. The C library is not told, so the new process must be content
-// with system calls.
-pid_t fork_into_namespace()
+// Like fork(), which takes no flags. The C library is not told, so the new process must not use its
+// threads and locks.
+pid_t fork_with(int flags)
 {
-    return static_cast<pid_t>(syscall(SYS_clone, CLONE_NEWPID | SIGCHLD, 0, 0, 0, 0));
+    return static_cast<pid_t>(syscall(SYS_clone, flags | SIGCHLD, 0, 0, 0, 0));
 }
 
 // Those of a killed child become children in turn, until there are none.
@@ -92,7 +94,7 @@ void process_space::start_init()
         shortcoming_ = std::generic_category().message(errno);
         return;
     }
-    init_ = fork_into_namespace();
+    init_ = fork_with(CLONE_NEWPID);
     int error = errno;
     if (init_ == 0) {
         close(ends[0]);
@@ -104,9 +106,8 @@ void process_space::start_init()
         error = ESRCH;
     }
     if (error == 0) {
-        const int handle = static_cast<int>(syscall(SYS_pidfd_open, init_, 0));
-        error = handle >= 0 && setns(handle, CLONE_NEWPID) == 0 ? 0 : errno; // for children
-        close(handle);
+        handle_ = static_cast<int>(syscall(SYS_pidfd_open, init_, 0));
+        error = handle_ < 0 ? errno : 0;
     }
     if (error != 0) {
         shortcoming_ = std::generic_category().message(error);
@@ -115,15 +116,48 @@ void process_space::start_init()
 
 void process_space::stop_init()
 {
-    if (line_ >= 0) {
-        close(line_);
-        line_ = -1;
+    for (int *each : {&line_, &handle_}) {
+        if (*each >= 0) {
+            close(std::exchange(*each, -1));
+        }
     }
     if (init_ > 0) {
         kill(init_, SIGKILL);
         waitpid(init_, nullptr, 0); // when all others in the namespace are gone
         init_ = -1;
     }
+}
+
+// Whoever enters the namespace can fork nowhere else from then on, so a helper does that, and makes
+// a sibling.
+pid_t process_space::fork_inside() const
+{
+    std::array<int, 2> report{};
+    if (!shortcoming_.empty()) {
+        return fork();
+    }
+    if (pipe2(report.data(), O_CLOEXEC) != 0) {
+        return -1;
+    }
+    const pid_t helper = fork();
+    if (helper == 0) {
+        const pid_t made = setns(handle_, CLONE_NEWPID) == 0 ? fork_with(CLONE_PARENT) : -1;
+        if (made == 0) {
+            return 0;
+        }
+        const std::array<int, 2> outcome{made, errno};
+        (void)!write(report[1], outcome.data(), sizeof outcome);
+        _exit(0);
+    }
+    close(report[1]);
+    std::array<int, 2> outcome{-1, errno};
+    if (helper > 0) {
+        (void)!read(report[0], outcome.data(), sizeof outcome);
+        waitpid(helper, nullptr, 0);
+    }
+    close(report[0]);
+    errno = outcome[1];
+    return outcome[0];
 }
 
 int process_space::settle() const

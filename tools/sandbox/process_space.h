@@ -14,10 +14,10 @@ namespace sandbox {
 
 class process_space {
 public:
-    // In a sandbox that enter() made. The processes that the caller forks from now on are inside.
+    // In a sandbox that enter() made.
     process_space();
 
-    // Kills all that is inside. The caller has reaped the processes that it forked itself.
+    // Kills all that is inside. The caller has reaped what it forked.
     ~process_space();
     process_space(const process_space &) = delete;
     process_space &operator=(const process_space &) = delete;
@@ -25,8 +25,12 @@ public:
     // Why there is no namespace; empty when there is one.
     [[nodiscard]] const std::string &shortcoming() const { return shortcoming_; }
 
-    // Called first thing in a forked process, which ends with the maker from then on, and sees the
-    // /proc of the namespace. Returns an error number, or 0.
+    // Like fork(2), but the new process, a child of the maker's, is inside. It should do little
+    // more than to settle and to execute a program.
+    [[nodiscard]] pid_t fork_inside() const;
+
+    // Called in such a process, which ends with the maker from then on, and sees the /proc of the
+    // namespace. Returns an error number, or 0.
     [[nodiscard]] int settle() const;
 
 private:
@@ -35,7 +39,8 @@ private:
 
     pid_t maker_;
     pid_t init_ = -1;
-    int line_ = -1; // to init, which ends when the other end of it is closed
+    int handle_ = -1; // of init
+    int line_ = -1;   // to init, which ends when the other end of it is closed
     std::string shortcoming_;
 };
 
