@@ -178,7 +178,7 @@ trace)
     # With --mask all else, too.
     printf '<system xmlns="urn:test"><password>s3cret\ns3cret</password></system>' >"$work/lines.xml"
     type_in "$(printf '%s\n' 'wait good' 'show' 'commit' \
-        'set /test:system/user[name="ann"]/password s3cret' 'fail set /password[ s3cret' 'commit' \
+        'set /test:system/user[name="ann"]/password s3cret' 'fail set password s3cret' 'commit' \
         'call echo <a><password>s3cret</password><secret><![CDATA[s3cret]]></secret></a>' \
         'expect <secret>******</secret>' 'set /test:system/password "s3cret')"
     ends_with 1 run --mask --config "$work/lines.xml" -- "$plugin"

@@ -172,8 +172,10 @@ void child::expect(const std::string &wanted, seconds patience)
     if (!loop_.run_until([this] { return has_ended_; }, after(patience))) {
         throw failure(name_ + " did not end in time");
     }
-    const std::string seen =
-        by_signal_ ? std::string("SIG") + sigabbrev_np(status_) : std::to_string(status_);
+    const char *signal = by_signal_ ? sigabbrev_np(status_) : nullptr; // a real-time one has none
+    const std::string seen = signal != nullptr ? std::string("SIG") + signal
+                             : by_signal_      ? strsignal(status_)
+                                               : std::to_string(status_);
     if (seen != wanted && seen != "SIG" + wanted) {
         throw failure("expected " + name_ + " to end with " + wanted + ", but it was " + seen);
     }

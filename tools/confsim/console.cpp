@@ -32,7 +32,7 @@ std::string console::shown(xmlNode *node) const
 
 std::string console::shown_notification(const std::string &text) const
 {
-    return masks_ ? masked_notification(text) : text;
+    return masks_ ? masked_as_given(text) : text;
 }
 
 std::string console::shown_command(const std::string &line) const

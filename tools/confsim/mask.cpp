@@ -33,18 +33,6 @@ void make_plain(const xmlNode *node)
     }
 }
 
-// XML that is not parsed, but printed as it was given.
-std::string masked_as_given(std::string text)
-{
-    for (const std::string mark : {"<![CDATA[", "]]>"}) {
-        for (std::size_t at = 0; (at = text.find(mark, at)) != std::string::npos;) {
-            text.erase(at, mark.size());
-        }
-    }
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    return masked(std::move(text));
-}
-
 // Whether the trace would hide a value of the node that a path leads to.
 bool is_secret(const std::string &where)
 {
@@ -68,9 +56,15 @@ std::string masked(const xmlNode *node)
     return masked(xml::print(copy.get()));
 }
 
-std::string masked_notification(std::string text)
+std::string masked_as_given(std::string text)
 {
-    return masked_as_given(std::move(text));
+    for (const std::string mark : {"<![CDATA[", "]]>"}) {
+        for (std::size_t at = 0; (at = text.find(mark, at)) != std::string::npos;) {
+            text.erase(at, mark.size());
+        }
+    }
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return masked(std::move(text));
 }
 
 std::string masked_command(const std::string &line)
@@ -78,12 +72,12 @@ std::string masked_command(const std::string &line)
     try {
         std::vector<std::string> split = split_words(line);
         const auto set = std::find(split.begin(), split.end(), "set"); // behind fail and try, too
-        if (split.end() - set == 3 && is_secret(set[1])) {
-            set[2] = hidden;
-            return join_words(split, 0);
+        if (split.end() - set >= 3 && is_secret(set[1])) {
+            split.erase(set + 2, split.end());
+            return join_words(split, 0) + ' ' + hidden;
         }
-    } catch (const failure &) { // of the command as well, but what it holds may be a secret
-        return line.substr(0, line.find_first_of("'\"[")) + hidden;
+    } catch (const failure &) { // the command will fail, too; what it holds may be a secret
+        return line.substr(0, line.find(' ', line.find_first_not_of(' ')) + 1) + hidden;
     }
     return masked_as_given(line);
 }

@@ -14,8 +14,9 @@ namespace confsim {
 // The node as indented lines, masked wherever in it the values stand.
 [[nodiscard]] std::string masked(const xmlNode *node);
 
-// What plugins send as one, XML or not: a value may hold line breaks, which become spaces.
-[[nodiscard]] std::string masked_notification(std::string text);
+// XML that is printed as it was given, a notification for instance. Values may hold line breaks, so
+// these become spaces.
+[[nodiscard]] std::string masked_as_given(std::string text);
 
 // A command as it was given. What it sets is a value like any other.
 [[nodiscard]] std::string masked_command(const std::string &line);

@@ -22,8 +22,7 @@ void tracer::frame(const char *direction, const std::string &peer, const xmlNode
 void tracer::notification(const std::string &text) const
 {
     if (enabled_) {
-        print("<-- notification, " + std::to_string(text.size()) + " bytes",
-              masked_notification(text));
+        print("<-- notification, " + std::to_string(text.size()) + " bytes", masked_as_given(text));
     }
 }
 

@@ -150,7 +150,7 @@ pid_t process_space::fork_inside() const
         _exit(0);
     }
     close(report[1]);
-    std::array<int, 2> outcome{-1, errno};
+    std::array<int, 2> outcome{-1, helper < 0 ? errno : ESRCH};
     if (helper > 0) {
         (void)!read(report[0], outcome.data(), sizeof outcome);
         waitpid(helper, nullptr, 0);
