@@ -22,16 +22,23 @@ block()
 
 block c 1 >hello.c
 # The session, with what a newcomer is told to see in it.
-block text 1 | awk '
-    $0 == "commit" && ++commits == 2 {print "fail commit\nexpect A greeting is needed."; next}
+block text 1 >pasted
+awk '
+    $0 == "try commit" {print "fail commit\nexpect A greeting is needed."; next}
     {print}
     $0 == "commit" {print "expect committed"}
-    $0 == "show" {print "expect <greeting>Hi</greeting>"}' >session
+    $0 == "show" {print "expect <greeting>Hi</greeting>"}' pasted >session
 [[ $(grep -c '^expect' session) == 3 ]]
 
 block sh 2 | sed 's/confsim run --/confsim run --script session --/' >commands
 grep -q 'run --script' commands
 sh -eux commands
+# Pasted into a pipe as it stands, it goes on to its end.
+build/release/tools/confsim/confsim run -- ./hello <pasted | tee printed
+[[ $(tail -n 1 printed) == '> quit' ]]
+grep -q '<greeting>Hi</greeting>' printed
+# shellcheck disable=SC2046 # several options
+cc -Wall -Wextra -Werror -fsyntax-only -Iinclude $(pkg-config --cflags libxml-2.0) hello.c
 
 install_tree "$build_dir"
 block sh 3 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands

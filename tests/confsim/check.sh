@@ -145,15 +145,18 @@ hostile)
     says 'no more plugins are accepted: there are 256'
     says 'does not read what it is sent'
     says ': register refused: There is a plugin good already.'
+    says '* a notification is not XML: all as expected'
     says ': x refused: Method x is not served.'
     says 'plugin mute did not take over /test:system/user[name="ann"]: the plugin is deactivated'
     ;;
 crowd)
-    (
-        ulimit -Sn 40
-        ends_with 0 run --script crowd.confsim -- \
-            sh -c 'ulimit -Sn 400; "$1" crowd; exec "$0"' "$plugin" "$3/confsim_hostile"
-    )
+    # Those who are kept waiting cost no time: all together, in percent of what has passed.
+    busy=$(bash -c 'TIMEFORMAT=%P; ulimit -Sn 40; time "$@" 2>&1 </dev/null | cat >"$0"' \
+        "$output" "$confsim" run --script crowd.confsim -- \
+        sh -c 'ulimit -Sn 400; "$1" crowd; exec "$0"' "$plugin" "$3/confsim_hostile" 2>&1)
+    cat "$output"
+    says 'plugin good is activated'
+    [ "${busy%.*}" -lt 25 ] || fail "busy for $busy % of the time"
     [ "$(grep -c 'no more plugins are accepted: Too many open files' "$output")" = 1 ] ||
         fail "not said once"
     ;;
@@ -176,6 +179,15 @@ trace)
     says '<path>/test:system/user[name="ann"]</path>'
     masked=$(grep -cF '<password>******</password>' "$output")
     [ "$masked" = 3 ] || fail "masked in $masked places instead of 3: two pulls and a call"
+    ! grep -F s3cret "$output" || fail "a secret is shown"
+    # With --mask all else, too.
+    printf '<system xmlns="urn:test"><password>s3cret\ns3cret</password></system>' >"$work/lines.xml"
+    type_in "$(printf '%s\n' 'wait good' 'show' 'commit' \
+        'set /test:system/user[name="ann"]/password s3cret' 'fail set password s3cret' 'commit' \
+        'call echo <a><password>s3cret</password><secret><![CDATA[s3cret]]></secret></a>' \
+        'expect <secret>******</secret>' 'set /test:system/password "s3cret')"
+    ends_with 1 run --mask --config "$work/lines.xml" -- "$plugin"
+    says 'stdin:9: a quote has no end'
     ! grep -F s3cret "$output" || fail "a secret is shown"
     ;;
 signals)
@@ -202,6 +214,71 @@ terminal)
     printf 'typed:\303\274:\357\277\275:\r\n' >"$work/wanted"
     grep -qaF -f "$work/wanted" "$output" || fail "the line is not what was typed"
     ;;
+ends)
+    # How the program ends, by itself or when the daemon has hung up. Each line: the exit status of
+    # confsim, the commands, and what the program does.
+    while IFS='|' read -r status commands program; do
+        type_in "$commands"
+        ends_with "$status" run -- sh -c "$program" "$plugin"
+    done <<'END'
+1|try expect-exit none 30|exit 3
+1|try expect-exit none 30|kill -SEGV $$
+1|expect-exit 0 30|exit 3
+0|expect-exit 3 30|exit 3
+0|expect-exit SEGV 30|kill -SEGV $$
+1|fail expect-exit 0 0|"$0"; kill -SEGV $$
+1|wait good 30|"$0"; exit 23
+0|wait good 30|"$0"; exit 1
+END
+    type_in 'try expect-exit none 30'
+    ends_with 1 run -- sh -c 'exit 3'
+    says 'confsim: sh ended with exit status 3'
+    ends_with 0 run --ignore-exit -- sh -c 'exit 3'
+    ;;
+leak)
+    # What a sanitizer finds after the last message is a reason to fail.
+    type_in "$(printf 'wait good 30\ncall echo <leak/>')"
+    ends_with 1 run -- "$plugin"
+    says 'detected memory leaks'
+    says 'ended with exit status 23'
+    ;;
+leftovers)
+    # A daemon that ignores signals ends with confsim, also when that is killed, or can have no PID
+    # namespace, as where it could not mount its /proc. It would end by itself after a while.
+    cat >"$work/daemon" <<'END'
+trap '' TERM HUP INT
+for each in $(seq 200); do
+    echo "$each" >>"$1"
+    sleep 0.05
+done
+END
+    type_in 'sleep 60'
+    for end in KILL TERM covered; do
+        daemon=$work/lives.$end
+        signal=$end
+        set -- "$confsim" run -- sh -c 'setsid sh "$0" "$1" & trap "" TERM; wait' \
+            "$work/daemon" "$daemon"
+        if [ "$end" = covered ]; then
+            signal=TERM
+            set -- unshare -Urm sh -c 'mount -t tmpfs none /proc/sys && exec "$@"' sh "$@"
+        fi
+        "$@" >"$output" 2>&1 <"$input" &
+        until [ -s "$daemon" ]; do sleep 0.02; done
+        kill -"$signal" "$!"
+        wait "$!" || true
+        cat "$output"
+        sleep 0.2
+        ticks=$(wc -l <"$daemon")
+        sleep 0.5
+        [ "$(wc -l <"$daemon")" = "$ticks" ] || fail "it survives: $end"
+    done
+    says 'no PID namespace'
+    # In there, ids and /proc agree, and confsim tells both ids.
+    type_in "$(printf 'wait good 30\nplugins')"
+    ends_with 0 run -- sh -c 'echo "known as $(cut -d" " -f1 /proc/$$/stat)"; exec "$0"' "$plugin"
+    says 'known as 2'
+    grep -q '^good: activated, pid [0-9]* (2 inside)$' "$output" || fail 'not both ids'
+    ;;
 exits)
     # What confsim ignores, its program does not.
     type_in 'wait good 30'
@@ -217,6 +294,7 @@ exits)
     "$confsim" run -- true >/dev/full || seen=$?
     [ "$seen" = 1 ] || fail "exit status $seen without room for the output"
     "$confsim" run -- true <&- || fail "exit status $? without standard input"
+    ends_with 0 --version
     ends_with 2 --nonsense
     ends_with 2 run
     ends_with 2 --timeout nan run -- true

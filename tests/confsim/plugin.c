@@ -85,12 +85,22 @@ static int on_status(int session_id, const char *path, const char *filter, xmlNo
     return 0;
 }
 
-/* Gives its input back; without input the output stays empty. <die/> ends the process. */
+/*
+ * Gives its input back; without input the output stays empty. <die/> ends the process, <leak/>
+ * loses memory.
+ */
 static int on_echo(int session_id, xmlNode *input, xmlNode **output)
 {
     (void)session_id;
     if (input != NULL && strcmp((const char *)input->name, "die") == 0) {
         _exit(3);
+    }
+    if (input != NULL && strcmp((const char *)input->name, "leak") == 0) {
+        static char *volatile kept;
+        kept = (char *)malloc(sizeof journal);
+        if (kept != NULL) {
+            kept = NULL;
+        }
     }
     *output = xmlCopyNodeList(input);
     return 0;

@@ -42,13 +42,13 @@ std::string asked_for(const xmlNode *rpc)
     return xml::name(inner == nullptr ? operation : inner);
 }
 
-void refuse(xmlNode *reply, const std::string &what)
+void refuse(xmlNode *reply, const char *type, const char *tag, const std::string &message)
 {
     xmlNode *error = xml::add(reply, "rpc-error");
-    xml::add(error, "error-type", "protocol");
-    xml::add(error, "error-tag", "operation-not-supported");
+    xml::add(error, "error-type", type);
+    xml::add(error, "error-tag", tag);
     xml::add(error, "error-severity", "error");
-    xml::add(error, "error-message", what + " is not served.");
+    xml::add(error, "error-message", message);
 }
 
 std::string now()
@@ -76,14 +76,16 @@ std::string printable(const std::string &text)
     return made;
 }
 
-// A notification may be an element or any text.
-void add_content(xmlNode *notification, const std::string &content)
+// A notification should be an element, but any text is possible. Returns whether it is an element.
+bool add_content(xmlNode *notification, const std::string &content)
 {
     try {
         const xml::doc_ptr parsed = xml::parse_text(content, "notification");
         xml::add(notification, xml::copy(xmlDocGetRootElement(parsed.get())));
+        return true;
     } catch (const failure &) {
         xml::add(notification, "text", printable(content));
+        return false;
     }
 }
 
@@ -108,7 +110,7 @@ agent_service::agent_service(event_loop &loop, const console &out, const tracer 
 agent_service::agent_ptr agent_service::make(int descriptor, const tracer &trace)
 {
     auto made = std::make_shared<agent>(descriptor, trace);
-    made->called = "agent, process " + std::to_string(made->stream.process_id());
+    made->called = "agent, process " + made->stream.process();
     made->stream.set_peer(made->called);
     return made;
 }
@@ -116,6 +118,10 @@ agent_service::agent_ptr agent_service::make(int descriptor, const tracer &trace
 xml::node_ptr agent_service::answer(agent &from, const xmlNode *rpc)
 {
     xml::node_ptr reply = element_in("rpc-reply", base_namespace);
+    if (rpc == nullptr) {
+        refuse(reply.get(), "rpc", "malformed-message", "The request is not well-formed.");
+        return reply;
+    }
     if (xmlChar *id = xmlGetProp(rpc, chars("message-id"))) {
         xmlNewProp(reply.get(), chars("message-id"), id);
         xmlFree(id);
@@ -134,22 +140,23 @@ xml::node_ptr agent_service::answer(agent &from, const xmlNode *rpc)
         xml::add(reply.get(), "ok");
         out_.event(from.called + " subscribed to notifications");
     } else {
-        refuse(reply.get(), what);
+        refuse(reply.get(), "protocol", "operation-not-supported", what + " is not served.");
     }
     return reply;
 }
 
-void agent_service::forward(const std::string &notification)
+bool agent_service::forward(const std::string &notification)
 {
     const xml::node_ptr message = element_in("notification", notification_namespace);
     xml::add(message.get(), "eventTime", now());
-    add_content(message.get(), notification);
+    const bool is_xml = add_content(message.get(), notification);
     const std::list<agent_ptr> present = agents_.peers(); // one that is broken leaves the list
     for (const agent_ptr &each : present) {
         if (each->subscribed) {
             agents_.talk_to(each, [&] { each->stream.send(message.get()); });
         }
     }
+    return is_xml;
 }
 
 } // namespace confsim

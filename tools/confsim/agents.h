@@ -18,8 +18,9 @@ public:
     agent_service(event_loop &loop, const console &out, const tracer &trace,
                   const endpoints &where);
 
-    // Sends a notification, as plugins send it, to every agent that subscribed.
-    void forward(const std::string &notification);
+    // Sends a notification, as plugins send it, to every agent that subscribed. Returns whether it
+    // is XML, as it should be.
+    bool forward(const std::string &notification);
 
 private:
     struct agent {

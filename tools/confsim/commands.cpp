@@ -52,6 +52,9 @@ const interpreter::command interpreter::table[] = {
      &interpreter::expect},
     {"expect-not", "TEXT", "fail if the last answer holds TEXT", 1, any_number,
      &interpreter::expect_not},
+    {"expect-exit", "[STATUS] [SECONDS]",
+     "until the program that runs ends as expected: status 0, another one, or a signal's name", 0,
+     2, &interpreter::expect_exit},
     {"fail", "COMMAND...", "carry the command out and fail unless it does", 1, any_number,
      &interpreter::expect_failure},
     {"try", "COMMAND...", "carry the command out and go on when it fails", 1, any_number,
@@ -111,7 +114,7 @@ bool interpreter::keeps_answer(const words &line)
 void interpreter::say(const std::string &text)
 {
     if (!keeps_answer_) {
-        answer_ += (answer_.empty() ? "" : "\n") + text;
+        answer_ += (answer_.empty() ? "" : "\n") + here_.out.shown(text);
     }
     here_.out.print(text);
 }
@@ -150,7 +153,7 @@ void interpreter::show(const words &line)
         shown = find(tree, parse_path(line[path_position]));
     }
     for (const node *each : shown) {
-        say(xml::print(here_.config.as_xml(*each).get()));
+        say(here_.out.shown(here_.config.as_xml(*each).get()));
     }
     if (shown.empty()) {
         throw failure("there is no " + line[path_position]);
@@ -207,6 +210,16 @@ void interpreter::expect_not(const words &line)
     if (answer_.find(text) != std::string::npos) {
         throw failure("did not expect \"" + text + "\" in the last answer, which was:\n" + answer_);
     }
+}
+
+void interpreter::expect_exit(const words &line)
+{
+    if (here_.program == nullptr) {
+        throw failure("no program was started; see confsim run");
+    }
+    const std::string wanted = line.size() > 1 ? line[1] : "0";
+    here_.program->expect(wanted, patience_from(line, 2));
+    say("ended as expected: " + wanted);
 }
 
 void interpreter::expect_failure(const words &line)

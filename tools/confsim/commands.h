@@ -2,6 +2,7 @@
 #ifndef CONFSIM_COMMANDS_H
 #define CONFSIM_COMMANDS_H
 
+#include "child.h"
 #include "configuration.h"
 #include "console.h"
 #include "daemon.h"
@@ -21,6 +22,7 @@ struct workplace {
     configuration &config;
     conf_daemon &service;
     seconds patience;
+    child *program = nullptr; // of run
 };
 
 class interpreter {
@@ -50,6 +52,7 @@ private:
     [[nodiscard]] static const command &look_up(const words &line);
     [[nodiscard]] static bool keeps_answer(const words &line);
     void say(const std::string &text);
+    [[nodiscard]] std::string shown_children(const xmlNode *parent) const;
     [[nodiscard]] plugin_ptr active_plugin(const std::string &name) const;
     [[nodiscard]] seconds patience_from(const words &line, std::size_t position) const;
     [[nodiscard]] static const xmlNode *result_of(const answer &got, const std::string &who);
@@ -70,6 +73,7 @@ private:
     void notifications(const words &line);
     void expect(const words &line);
     void expect_not(const words &line);
+    void expect_exit(const words &line);
     void expect_failure(const words &line);
     void attempt(const words &line);
     void sleep(const words &line);

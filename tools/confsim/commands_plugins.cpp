@@ -64,8 +64,7 @@ void interpreter::plugins(const words & /*line*/)
         say("no plugin is connected");
     }
     for (const plugin_ptr &each : here_.service.plugins()) {
-        say(each->called() + ": " + state_text(each->now) + ", pid " +
-            std::to_string(each->stream.process_id()));
+        say(each->called() + ": " + state_text(each->now) + ", pid " + each->stream.process());
         for (const subscription &config : each->configs) {
             say("    configuration " + to_text(config.where) + ", priority " +
                 std::to_string(config.priority) + ", index " + std::to_string(config.index));
@@ -87,6 +86,15 @@ const xmlNode *interpreter::result_of(const answer &got, const std::string &who)
         throw failure("plugin " + who + ", " + got.in_words());
     }
     return got.result();
+}
+
+std::string interpreter::shown_children(const xmlNode *parent) const
+{
+    std::string shown;
+    for (xmlNode *node = parent->children; node != nullptr; node = node->next) {
+        shown += (shown.empty() ? "" : "\n") + here_.out.shown(node);
+    }
+    return shown;
 }
 
 void interpreter::status(const words &line)
@@ -124,7 +132,7 @@ void interpreter::status(const words &line)
     xml::add(params.get(), "callback", std::to_string(published.index));
     const answer got = here_.service.exchange(best, "subscribe", std::move(params));
     const xmlNode *data = xml::child(result_of(got, best->name + ", " + to_text(where)), "data");
-    const std::string printed = data == nullptr ? "" : xml::print_children(data);
+    const std::string printed = data == nullptr ? "" : shown_children(data);
     say(printed.empty() ? "no data" : printed);
 }
 
@@ -156,7 +164,7 @@ void interpreter::call(const words &line)
         xml::add(params.get(), "callback", std::to_string(found->index));
         xml::add(params.get(), xml::copy(xmlDocGetRootElement(info.get())));
         const answer got = here_.service.exchange(each, "publish", std::move(params));
-        say(xml::print_children(result_of(got, each->name + ", " + line[1])));
+        say(shown_children(result_of(got, each->name + ", " + line[1])));
         return;
     }
     throw failure("no active plugin serves the operation " + line[1] +
@@ -211,13 +219,13 @@ void interpreter::wait_notification(const words &line)
     if (!here_.loop.run_until(arrived, after(patience_from(line, 1)))) {
         throw failure("no notification arrived in time");
     }
-    say(*got);
+    say(here_.out.shown_notification(*got));
 }
 
 void interpreter::notifications(const words & /*line*/)
 {
     for (const std::string &each : here_.service.notifications()) {
-        say(each);
+        say(here_.out.shown_notification(each));
     }
     if (here_.service.notifications().empty()) {
         say("no notification was received");

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <new>
 #include <string_view>
 #include <sys/socket.h>
@@ -30,11 +31,21 @@ constexpr std::size_t unsent_limit = std::size_t{1024} * 1024;
 constexpr std::size_t skipped_bytes_limit = std::size_t{1024} * 1024;
 constexpr int unreadable_messages_limit = 16;
 
-int peer_process(int descriptor)
+// In a PID namespace a process has an id in each namespace around it as well; the own one is last.
+std::string peer_process(int descriptor)
 {
     ucred peer{};
     socklen_t size = sizeof peer;
-    return getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        return "unknown";
+    }
+    const std::string id = std::to_string(peer.pid);
+    std::ifstream status("/proc/" + id + "/status");
+    std::string line;
+    while (std::getline(status, line) && !line.starts_with("NSpid:")) {
+    }
+    const std::string own = line.substr(line.find_last_of(" \t") + 1);
+    return own.empty() || own == id ? id : id + " (" + own + " inside)";
 }
 
 msg_head_t read_head(const char *bytes)
@@ -69,9 +80,8 @@ std::size_t next_header(std::string_view data)
 } // namespace
 
 connection::connection(int descriptor, const tracer &trace)
-    : descriptor_(descriptor), process_id_(peer_process(descriptor)),
-      peer_("process " + std::to_string(process_id_)), trace_(trace),
-      received_(conf_buffer_create(0))
+    : descriptor_(descriptor), process_(peer_process(descriptor)), peer_("process " + process_),
+      trace_(trace), received_(conf_buffer_create(0))
 {
     if (received_ == nullptr) {
         close(descriptor_);
@@ -89,9 +99,8 @@ std::vector<xml::node_ptr> connection::receive()
     const bool ended = read_available();
     std::vector<xml::node_ptr> messages;
     while (begins_with_frame()) {
-        if (xml::node_ptr message = take_message()) {
-            messages.push_back(std::move(message));
-        } else if (++unreadable_messages_ > unreadable_messages_limit) {
+        messages.push_back(take_message());
+        if (messages.back() == nullptr && ++unreadable_messages_ > unreadable_messages_limit) {
             throw broken("sent too many messages that are not XML");
         }
     }

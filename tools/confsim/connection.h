@@ -31,13 +31,15 @@ public:
     connection &operator=(const connection &) = delete;
 
     [[nodiscard]] int descriptor() const { return descriptor_; }
-    [[nodiscard]] int process_id() const { return process_id_; }
+    // The id of the process that connected, and the one by which it knows itself when that differs.
+    [[nodiscard]] const std::string &process() const { return process_; }
 
     // Name of the peer in traces.
     void set_peer(std::string name) { peer_ = std::move(name); }
 
-    // Reads what has arrived, up to a limit, and returns the messages that are complete. Throws
-    // broken, also at the end of the stream, but then only after the last message was returned.
+    // Reads what has arrived, up to a limit, and returns the messages that are complete, with a
+    // null pointer for each that is not well-formed. Throws broken, also at the end of the stream,
+    // but then only after the last message was returned.
     [[nodiscard]] std::vector<xml::node_ptr> receive();
 
     // Queues a message and writes as much as the socket takes. Both throw broken.
@@ -56,7 +58,7 @@ private:
     [[nodiscard]] xml::node_ptr take_message();
 
     int descriptor_;
-    int process_id_ = 0;
+    std::string process_;
     std::string peer_;
     const tracer &trace_;
     std::unique_ptr<conf_buffer_t, buffer_deleter> received_;

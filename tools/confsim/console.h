@@ -1,6 +1,9 @@
-// All that confsim prints, line by line, without spoiling a line that is being edited.
+// All that confsim prints, line by line, without spoiling a line that is being edited. It masks
+// values that are secret in all of it, when it is told to.
 #ifndef CONFSIM_CONSOLE_H
 #define CONFSIM_CONSOLE_H
+
+#include <libxml/tree.h>
 
 #include <functional>
 #include <string>
@@ -15,9 +18,20 @@ public:
     // Something that happened without being asked for: a plugin came, a notification arrived.
     void event(const std::string &text) const { print("* " + text); }
 
+    // How a text, an XML node, a notification or a command looks when it is printed.
+    [[nodiscard]] std::string shown(const std::string &text) const;
+    [[nodiscard]] std::string shown(xmlNode *node) const;
+    [[nodiscard]] std::string shown_notification(const std::string &text) const;
+    [[nodiscard]] std::string shown_command(const std::string &line) const;
+
+    void mask_all() { masks_ = true; }
+
     // Called around each text; see terminal input.
     std::function<void()> before;
     std::function<void()> after;
+
+private:
+    bool masks_ = false;
 };
 
 } // namespace confsim

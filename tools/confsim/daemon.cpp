@@ -76,7 +76,9 @@ conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &tra
                return std::make_shared<plugin>(descriptor, trace, loop, patience);
            },
            [this](const plugin_ptr &from, xml::node_ptr message) {
-               handle(from, std::move(message));
+               if (message != nullptr) {
+                   handle(from, std::move(message));
+               }
            },
            [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); },
            [&out](const std::string &why) { out.event("no more plugins are accepted: " + why); }})
@@ -109,7 +111,9 @@ void conf_daemon::receive_notifications()
         text.pop_back();
     }
     trace_.notification(text);
-    agents_.forward(text);
+    if (!agents_.forward(text)) {
+        out_.event("a notification is not XML: " + out_.shown_notification(text.substr(0, 80)));
+    }
     notifications_.push_back(std::move(text));
     ++not_taken_;
     if (notifications_.size() > most_notifications) {

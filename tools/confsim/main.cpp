@@ -8,6 +8,7 @@
 #include "failure.h"
 #include "input.h"
 #include "loop.h"
+#include "process_space.h"
 #include "sandbox.h"
 #include "trace.h"
 
@@ -36,9 +37,11 @@ struct settings {
     std::string store;
     std::string script;
     bool trace = false;
+    bool mask = false;
     double timeout = 5;
     bool network = false;
     std::vector<std::string> command; // of run
+    bool ignore_exit = false;
 };
 
 void add_common_options(CLI::App &app, settings &wanted)
@@ -50,6 +53,7 @@ void add_common_options(CLI::App &app, settings &wanted)
     app.add_option("--script", wanted.script, "File with commands; without, standard input")
         ->check(CLI::ExistingFile);
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
+    app.add_flag("--mask", wanted.mask, "Mask secrets in all else that is printed, too");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
         ->check(CLI::Range(0.001, 86400.0))
         ->check([](const std::string &given) {
@@ -92,6 +96,7 @@ class signal_watch {
 public:
     explicit signal_watch(event_loop &loop) : loop_(loop)
     {
+        (void)std::signal(SIGCHLD, SIG_DFL); // ignored, it would take the exit status of COMMAND
         for (const int each : {SIGPIPE, SIGXFSZ}) { // the failed write says it, too
             (void)std::signal(each, SIG_IGN);
         }
@@ -130,24 +135,20 @@ int converse(input &source, interpreter &commands, const event_loop &loop, const
             break;
         }
         if (source.is_script() && line->find_first_not_of(" \t\r") != std::string::npos) {
-            out.print("> " + *line);
+            out.print("> " + out.shown_command(*line));
         }
         if (!commands.run(*line) && source.is_script()) {
-            std::cerr << source.position() << ": " << commands.error() << '\n';
+            std::cerr << source.position() << ": " << out.shown(commands.error()) << '\n';
             return failed;
         }
     }
     return loop.is_interrupted() ? failed : 0;
 }
 
-int simulate(settings &wanted, bool with_command)
+// Plays the daemon until the commands end, and hangs up. Returns the exit status.
+int serve(const settings &wanted, event_loop &loop, console &out, std::optional<child> &program,
+          const sandbox::process_space *space)
 {
-    if (with_command) {
-        enter_sandbox(wanted);
-    }
-    console out;
-    event_loop loop;
-    const signal_watch signals(loop);
     tracer trace(out);
     trace.enable(wanted.trace);
     configuration config(wanted.store);
@@ -160,12 +161,41 @@ int simulate(settings &wanted, bool with_command)
     const seconds patience(wanted.timeout);
     conf_daemon service(loop, out, trace, config, where, patience);
     out.event("sockets in " + where.directory());
-    std::optional<child> program;
-    if (with_command) {
-        program.emplace(loop, out, wanted.command);
+    if (space != nullptr) {
+        program.emplace(loop, out, *space, wanted.command);
     }
-    interpreter commands({loop, out, trace, config, service, patience});
+    interpreter commands(
+        {loop, out, trace, config, service, patience, program ? &*program : nullptr});
     return converse(*source, commands, loop, out);
+}
+
+int simulate(settings &wanted, bool with_command)
+{
+    std::optional<sandbox::process_space> space;
+    if (with_command) {
+        enter_sandbox(wanted);
+        space.emplace();
+    }
+    console out;
+    if (wanted.mask) {
+        out.mask_all();
+    }
+    if (space && !space->shortcoming().empty()) {
+        out.event("no PID namespace: " + space->shortcoming() +
+                  ". What COMMAND starts ends with confsim, but not when confsim is killed");
+    }
+    event_loop loop;
+    const signal_watch signals(loop);
+    std::optional<child> program;
+    const int status = serve(wanted, loop, out, program, space ? &*space : nullptr);
+    if (program) {
+        program->end();
+        if (!program->complaint().empty() && !wanted.ignore_exit) {
+            std::cerr << "confsim: " << program->complaint() << '\n';
+            return failed;
+        }
+    }
+    return status;
 }
 
 // Otherwise the first files that are opened would be taken for standard input and output.
@@ -182,11 +212,14 @@ int parse_and_simulate(int count, char **arguments)
 {
     settings wanted;
     CLI::App app("Plays the configuration daemon for plugins under development.", "confsim");
+    app.set_version_flag("--version", "confsim " CONFSIM_VERSION);
     add_common_options(app, wanted);
     CLI::App *run = app.add_subcommand(
         "run", "The same in private namespaces, with a program that is started there");
     add_common_options(*run, wanted);
     run->add_flag("--network", wanted.network, "With a private network namespace, too");
+    run->add_flag("--ignore-exit", wanted.ignore_exit,
+                  "However COMMAND ends, the exit status is that of the session");
     run->add_option("COMMAND", wanted.command, "The program and its arguments, after --")
         ->required();
     try {

@@ -71,7 +71,7 @@ plugin::~plugin()
 
 std::string plugin::called() const
 {
-    return name.empty() ? "process " + std::to_string(stream.process_id()) : name;
+    return name.empty() ? "process " + stream.process() : name;
 }
 
 void plugin::take_registration(const xmlNode *params)

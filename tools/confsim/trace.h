@@ -29,7 +29,7 @@ public:
 private:
     void frame(const char *direction, const std::string &peer, const xmlNode *message,
                std::size_t size) const;
-    void print(const std::string &headline, std::string body) const;
+    void print(const std::string &headline, const std::string &body) const;
 
     const console &out_;
     bool enabled_ = false;

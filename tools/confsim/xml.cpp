@@ -182,13 +182,4 @@ std::string print(xmlNode *node)
     return printed;
 }
 
-std::string print_children(const xmlNode *parent)
-{
-    std::string printed;
-    for (xmlNode *node = parent->children; node != nullptr; node = node->next) {
-        printed += (printed.empty() ? "" : "\n") + print(node);
-    }
-    return printed;
-}
-
 } // namespace confsim::xml

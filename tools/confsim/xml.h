@@ -40,9 +40,8 @@ void add(xmlNode *parent, node_ptr child);
 [[nodiscard]] std::string child_text(const xmlNode *parent, const char *name);
 [[nodiscard]] int child_number(const xmlNode *parent, const char *name);
 
-// One node, or all children of one, as indented lines (without a line break at the end).
+// As indented lines, without a line break at the end.
 [[nodiscard]] std::string print(xmlNode *node);
-[[nodiscard]] std::string print_children(const xmlNode *parent);
 
 } // namespace confsim::xml
 
