@@ -7,9 +7,9 @@ build=$1
 library=$build/src/lib/libconfsvc.so.1
 strip=$(sed -n 's/^CMAKE_STRIP:[A-Z]*=//p' "$build/CMakeCache.txt")
 
-limit=81920
+limit=71680
 if readelf -h "$library" | grep -q ELF64; then
-    limit=102400
+    limit=108544
 fi
 stripped=$(mktemp)
 trap 'rm -f "$stripped"' EXIT
