@@ -35,6 +35,16 @@ std::string attributes(int count)
     return text + "/>";
 }
 
+// Each another one.
+std::string many_names(std::size_t length)
+{
+    std::string text;
+    for (int i = 0; text.size() < length; ++i) {
+        text += "<name-of-" + std::to_string(i) + "/>";
+    }
+    return text;
+}
+
 using XmlRead = Fixture;
 
 TEST_F(XmlRead, TakesPlainDocumentsAndLeavesAllOthers)
@@ -49,6 +59,7 @@ TEST_F(XmlRead, TakesPlainDocumentsAndLeavesAllOthers)
         nested(256),
         attributes(100),
         "<" + repeat("n", 50000) + "/>",
+        "<a>" + repeat("<name>x</name><p>" + repeat("x", 100) + "</p>", 100000) + "</a>",
     };
     for (const std::string &document : taken) {
         EXPECT_EQ(outcome_of(document), read_outcome::made) << document.substr(0, 60);
@@ -91,7 +102,9 @@ TEST_F(XmlRead, TakesPlainDocumentsAndLeavesAllOthers)
         nested(257),
         attributes(101),
         "<" + repeat("n", 50001) + "/>",
-        "<a>" + repeat("x", 7000000) + "</a>",
+        "<a>" + repeat("x", 7000001) + "</a>",
+        "<a k='" + repeat("x", 7000001) + "'/>",
+        "<a>" + many_names(12000000) + "</a>",
     };
     for (const std::string &document : left) {
         EXPECT_EQ(outcome_of(document), read_outcome::left) << document.substr(0, 60);

@@ -13,8 +13,6 @@ namespace {
 
 using xml::view;
 
-// A larger document could exceed what libxml2 accepts as the length of a text or the sum of names.
-constexpr std::size_t longest_document = 7'000'000;
 constexpr std::size_t longest_name = XML_MAX_NAME_LENGTH;
 
 // The cost of a tag grows with the square of its attributes, that of a name with the namespaces.
@@ -71,6 +69,15 @@ bool is_same_namespace(const xmlNs *one, const xmlNs *other)
 } // namespace
 
 namespace xml {
+
+reader::reader(std::span<const char> document)
+    : at_(reinterpret_cast<const byte *>(document.data())), end_(at_ + document.size()),
+      is_large_(document.size() > longest_text)
+{
+    if (is_large_) {
+        recent_names_.fill({});
+    }
+}
 
 reader::~reader()
 {
@@ -139,7 +146,20 @@ bool reader::name(std::string_view *found)
         ++end;
     } while (is(*end, continues_name));
     *found = view(std::exchange(at_, end), end);
-    return found->size() <= longest_name;
+    return found->size() <= longest_name && (!is_large_ || count_name(*found));
+}
+
+// Counts a name, unless it was there shortly before, as most are.
+bool reader::count_name(std::string_view name)
+{
+    const std::size_t mark =
+        name.size() * 31 + static_cast<byte>(name.front()) * 7U + static_cast<byte>(name.back());
+    std::string_view &recent = recent_names_[mark % recent_names_.size()];
+    if (recent != name) {
+        recent = name;
+        names_length_ += name.size();
+    }
+    return names_length_ <= longest_text;
 }
 
 // What follows a name in a tag tells whether it has really ended, with a letter beyond ASCII for
@@ -368,8 +388,7 @@ read_result reader::read()
 read_result read_plain(std::span<const char> document)
 {
     // A host that wants to hear of each node hears of it from libxml2.
-    if (document.size() > longest_document || xmlRegisterNodeDefaultValue != nullptr ||
-        xmlDeregisterNodeDefaultValue != nullptr) {
+    if (xmlRegisterNodeDefaultValue != nullptr || xmlDeregisterNodeDefaultValue != nullptr) {
         return {nullptr, read_outcome::left};
     }
     return xml::reader(document).read();

@@ -28,12 +28,13 @@ xmlChar *reader::value(bool *is_plain)
     }
     *is_plain = *at_ == quote;
     if (*is_plain) {
-        return copy(view(from, at_++));
+        const std::string_view text = view(from, at_++);
+        return text.size() > longest_text ? nullptr : copy(text);
     }
     const auto *const closing =
         static_cast<const byte *>(std::memchr(at_, quote, static_cast<std::size_t>(end_ - at_)));
-    xmlChar *made =
-        closing == nullptr ? nullptr : room_for(static_cast<std::size_t>(closing - from));
+    const auto length = static_cast<std::size_t>(closing - from);
+    xmlChar *made = closing == nullptr || length > longest_text ? nullptr : room_for(length);
     if (made == nullptr) {
         return nullptr;
     }
@@ -154,7 +155,7 @@ bool reader::take_chunk(const byte *from, const byte *to, bool is_cut)
 bool reader::text()
 {
     tag_ = static_cast<const byte *>(std::memchr(at_, '<', static_cast<std::size_t>(end_ - at_)));
-    if (tag_ == nullptr) {
+    if (tag_ == nullptr || static_cast<std::size_t>(tag_ - at_) > longest_text) {
         return false;
     }
     text_ = nullptr;

@@ -24,6 +24,9 @@ inline std::string_view view(const xmlChar *text)
     return text == nullptr ? std::string_view() : reinterpret_cast<const char *>(text);
 }
 
+// libxml2 accepts no longer text, and no more bytes of names that differ.
+inline constexpr std::size_t longest_text = 7'000'000;
+
 struct qualified {
     std::string_view prefix; // empty for none
     std::string_view local;
@@ -31,10 +34,7 @@ struct qualified {
 
 class reader {
 public:
-    explicit reader(std::span<const char> document)
-        : at_(reinterpret_cast<const byte *>(document.data())), end_(at_ + document.size())
-    {
-    }
+    explicit reader(std::span<const char> document);
     ~reader();
     reader(const reader &) = delete;
     reader &operator=(const reader &) = delete;
@@ -47,6 +47,7 @@ private:
     bool start_tag();
     bool end_tag();
     bool name(std::string_view *found);
+    bool count_name(std::string_view name);
     bool qualified_name(qualified *found);
     bool attribute(xmlNode *element);
     bool declaration(xmlNode *element, std::string_view prefix);
@@ -75,8 +76,13 @@ private:
 
     const byte *at_;
     const byte *end_; // where the zero byte is
+    const bool is_large_;
     std::size_t line_ = 1;
     bool is_memory_short_ = false;
+
+    // Of a large document: names seen lately, and the length of all others.
+    std::array<std::string_view, 64> recent_names_;
+    std::size_t names_length_ = 0;
 
     xmlNode *root_ = nullptr;
     xmlNode *open_ = nullptr;
