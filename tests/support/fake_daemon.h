@@ -63,6 +63,7 @@ public:
     // at a new socket.
     void stop();
     void start();
+    void stop_listening() { listener_.reset(); }
 
     // Begins the script with the present connection, or else with the next one.
     void play(Script script);

@@ -117,6 +117,7 @@ TEST_F(Supervisor, StateFollowsEveryDaemon)
                     break;
                 }
             }
+            daemon.stop_listening(); // both go at once, or nearly so
             connection.close();
             done = true;
         });
