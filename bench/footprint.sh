@@ -7,9 +7,9 @@ build=$1
 library=$build/src/lib/libconfsvc.so.1
 strip=$(sed -n 's/^CMAKE_STRIP:[A-Z]*=//p' "$build/CMakeCache.txt")
 
-limit=71680
+limit=77824
 if readelf -h "$library" | grep -q ELF64; then
-    limit=108544
+    limit=116736
 fi
 stripped=$(mktemp)
 trap 'rm -f "$stripped"' EXIT

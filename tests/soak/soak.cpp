@@ -198,10 +198,6 @@ int be_daemon()
 
 // ---- the plugin --------------------------------------------------------------------------------
 
-struct demo : DemoFixture {
-    using DemoFixture::subscriptions;
-};
-
 struct {
     number exchanges, changes, connections;
 } done;
@@ -209,7 +205,7 @@ struct {
 // At the beginning, and after each hang-up.
 void join()
 {
-    econf_plugin_subpub_info_t info = demo::subscriptions();
+    econf_plugin_subpub_info_t info = subscriptions();
     while (done.connections <= told->hang_ups) {
         econf_plugin_close();
         ++done.connections;

@@ -2,6 +2,7 @@
 #include "fake_daemon.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -57,7 +58,10 @@ Peer::Peer(int fd) : fd_(fd)
 bool Peer::read_more(int flags)
 {
     char bytes[65536];
-    const ssize_t count = recv(fd(), bytes, sizeof bytes, flags);
+    ssize_t count;
+    do {
+        count = recv(fd(), bytes, sizeof bytes, flags);
+    } while (count < 0 && errno == EINTR); // a stop of the machine ends a wait with a limit, too
     input_.append(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return count > 0;
 }
@@ -121,8 +125,20 @@ void Peer::send(const std::string &bytes)
     }
 }
 
-FakeDaemon::FakeDaemon() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+FakeDaemon::FakeDaemon()
 {
+    start();
+}
+
+void FakeDaemon::stop()
+{
+    forget_connection();
+    stop_listening();
+}
+
+void FakeDaemon::start()
+{
+    listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     std::filesystem::create_directories("/dev/shm/yang_modules");
     std::filesystem::create_directories("/var/tmp/daemon");
     std::filesystem::remove(address.sun_path);
