@@ -312,14 +312,15 @@ exits)
     ends_with 1 run --config editing.confsim -- true
     ends_with 1 run -- /nothing/there
     says 'cannot run /nothing/there: No such file or directory'
-    ends_with 1 run --script trace.confsim --timeout 2 -- sh -c 'exit 7'
+    ends_with 1 run --script trace.confsim --timeout 0.1 -- sh -c 'exit 7'
     says 'trace.confsim:2: plugin good was not activated in time'
     says 'ended with exit status 7'
     # Inside, the profile belongs to the confsim outside.
-    ends_with 1 run --script trace.confsim --timeout 10 -- "$confsim"
+    type_in 'expect-exit 1 30'
+    ends_with 0 run -- "$confsim"
     says 'belongs to a daemon that is alive, at /var/tmp'
-    type_in 'sleep 2'
-    ends_with 0 run -- sh -c 'trap "" TERM; sleep 60'
+    type_in 'wait good 30'
+    ends_with 0 run -- sh -c 'trap "" TERM; "$0"; sleep 60' "$plugin"
     says 'sh does not end and is killed'
     ;;
 *) fail "no case $1" ;;
