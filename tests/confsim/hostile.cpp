@@ -118,10 +118,10 @@ bool is_agent_served()
     const bool refused = hears(agent, ">A request without an operation is not served.<");
     agent.send(framed("<rpc><create-subscription/></rpc>"));
     const bool subscribed = hears(agent, "<ok/>");
-    // A byte, a control character, and an overlong and a good sequence.
-    char name[] = "bytes", bytes[] = "a\xff\x01\xc1\x81\xc3\xa9z";
+    // A byte, a control character, an overlong sequence, one without its beginning, and a good one.
+    char name[] = "bytes", bytes[] = "a\xff\x01\xc1\x81\x8d\x8d\xc3\xa9z";
     return told && refused && subscribed && conf_notify(name, bytes) == 0 &&
-           hears(agent, "<text>a\ufffd\ufffd\ufffd\ufffd\u00e9z</text>");
+           hears(agent, "<text>a\ufffd\ufffd\ufffd\ufffd\ufffd\ufffd\u00e9z</text>");
 }
 
 // More plugins than are accepted: turned away when there are too many, or else, when the daemon has

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return xml::print(to_xml(tree, modules).get());
     };
     while (!in.ended()) {
-        const std::string before = printed(top);
+        std::string before = printed(top);
         const std::string text = in.ConsumeBool() ? in.path() : in.text(60);
         const std::size_t what = in.below(4);
         try {
@@ -37,12 +37,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 put(top, where,
                     {from_xml(xmlDocGetRootElement(doc.get()), where.back().module, modules)});
                 MUST(find(top, where).size() == 1, text);
+                before = printed(top);
                 add_missing(top, former);
             }
         } catch (const failure &) {
             MUST(printed(top) == before, text);
         }
-        const xml::doc_ptr doc = xml::parse_text(printed(top), "tree"); // or fails
+        refuse_unreadable(top, {}); // or fails, as the next one
+        const xml::doc_ptr doc = xml::parse_text(printed(top), "tree");
     }
     return 0;
 }

@@ -3,8 +3,6 @@
 
 #include "failure.h"
 
-#include <libxml/parserInternals.h>
-
 #include <algorithm>
 #include <ctime>
 #include <list>
@@ -65,12 +63,9 @@ std::string printable(const std::string &text)
 {
     std::string made;
     for (std::size_t at = 0; at < text.size();) {
-        int length = static_cast<int>(std::min<std::size_t>(text.size() - at, 4));
-        const int code = xmlGetUTF8Char(chars(text.c_str() + at), &length);
-        const int shortest = code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4;
-        const bool fits = code >= 0 && IS_CHAR(code) && length == shortest;
-        const std::size_t taken = fits ? static_cast<std::size_t>(length) : 1;
-        made += fits ? text.substr(at, taken) : "\ufffd";
+        const std::size_t length = xml::character_length(text, at);
+        const std::size_t taken = std::max<std::size_t>(length, 1);
+        made += length > 0 ? text.substr(at, taken) : "\ufffd";
         at += taken;
     }
     return made;

@@ -70,6 +70,8 @@ node configuration::read(const std::string &file)
         std::vector<node> children;
         if (name != "config" && name != "data") {
             children.push_back(from_xml(root, "", modules));
+        } else if (!xml::text(root).empty()) {
+            throw failure("there is a text right inside of <" + std::string(name) + ">");
         } else {
             for (const xmlNode *child = xml::first_element(root); child != nullptr;
                  child = xml::next_element(child)) {
@@ -169,7 +171,6 @@ void configuration::copy_running_to_deployment(bool replace)
     node changed = deployment_;
     add_missing(changed, running_);
     refuse_excess(changed, {});
-    refuse_unreadable(changed, {});
     deployment_ = std::move(changed);
 }
 

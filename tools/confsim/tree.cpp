@@ -45,14 +45,18 @@ void refuse_twin(const siblings &all, const branch &whom, const path &above)
     }
 }
 
-void refuse_duplicates(const node &tree, path &where)
+// What must not stand in a file that is to be read again. `where` is as before afterwards.
+void refuse_content(const node &tree, path &where)
 {
+    if (!tree.text.empty() && !tree.is_leaf()) {
+        throw failure(to_text(where) + " holds both a text and other nodes");
+    }
     for (auto each = tree.children.begin(); each != tree.children.end(); ++each) {
         refuse_twin(tree.children, each.held(), where);
         if (!each->is_leaf()) {
             where.push_back(tree.children.step_to(
                 each.held(), tree.children.has_several(each->module, each->name)));
-            refuse_duplicates(*each, where);
+            refuse_content(*each, where);
             where.pop_back();
         }
     }
@@ -179,6 +183,23 @@ std::size_t remove_below(node &parent, const path &where, std::size_t depth)
     return removed;
 }
 
+void add_missing_below(node &to, const node &from)
+{
+    for (auto each = from.children.begin(); each != from.children.end(); ++each) {
+        const bool several = from.children.has_several(each->module, each->name) ||
+                             to.children.has_several(each->module, each->name);
+        const std::vector<branch> found =
+            to.children.matching(from.children.step_to(each.held(), several));
+        if (found.empty()) {
+            to.children.append(*each);
+        } else if (found.front().tree != each.held().tree) {
+            node changed = *found.front().tree;
+            add_missing_below(changed, *each);
+            to.children.replace(found.front(), std::move(changed));
+        }
+    }
+}
+
 } // namespace
 
 key_view key_of(const node &entry)
@@ -229,7 +250,7 @@ void put(node &top, const path &where, std::vector<node> instances)
         }
         for (node &each : instances) {
             path inside = where;
-            refuse_duplicates(each, inside);
+            refuse_content(each, inside);
             if (added.size() < replaced.size()) {
                 added.push_back(
                     parent.children.insert(replaced[added.size()].label, std::move(each)));
@@ -250,19 +271,10 @@ void put(node &top, const path &where, std::vector<node> instances)
 
 void add_missing(node &to, const node &from)
 {
-    for (auto each = from.children.begin(); each != from.children.end(); ++each) {
-        const bool several = from.children.has_several(each->module, each->name) ||
-                             to.children.has_several(each->module, each->name);
-        const std::vector<branch> found =
-            to.children.matching(from.children.step_to(each.held(), several));
-        if (found.empty()) {
-            to.children.append(*each);
-        } else if (found.front().tree != each.held().tree) {
-            node changed = *found.front().tree;
-            add_missing(changed, *each);
-            to.children.replace(found.front(), std::move(changed));
-        }
-    }
+    node changed = to;
+    add_missing_below(changed, from);
+    refuse_unreadable(changed, {});
+    to = std::move(changed);
 }
 
 neighbours find_neighbours(const node &top, const path &where)
@@ -311,7 +323,7 @@ void refuse_unreadable(const node &tree, const path &where)
 {
     refuse_depth(tree, where);
     path here = where;
-    refuse_duplicates(tree, here);
+    refuse_content(tree, here);
 }
 
 } // namespace confsim

@@ -42,8 +42,8 @@ struct key_view {
 [[nodiscard]] std::vector<const node *> find(const node &top, const path &where);
 
 // The functions that change a tree leave it as it was when they throw failure. They do so for data
-// that would not be read again once they are stored: of two list entries with one key, or nested
-// too deep.
+// that would not be read again once they are stored: of two list entries with one key, of a node
+// with both a text and children, or nested too deep.
 
 // Makes the nodes of a path as far as they are missing, and gives the last the text, if there is
 // one. Throws failure when the path is ambiguous or leads through a leaf, for a text that XML

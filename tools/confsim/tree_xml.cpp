@@ -82,7 +82,7 @@ bool module_table::needs_prefix(const std::string &module)
 
 node from_xml(const xmlNode *element, const std::string &outer_module, module_table &modules)
 {
-    node made{"", xml::name(element), "", {}};
+    node made{"", xml::name(element), xml::text(element), {}};
     if (element->ns != nullptr && element->ns->href != nullptr && *element->ns->href != 0) {
         made.module = modules.name_of(element->ns);
     } else if (outer_module.empty()) {
@@ -97,9 +97,6 @@ node from_xml(const xmlNode *element, const std::string &outer_module, module_ta
         children.push_back(from_xml(child, made.module, modules));
     }
     made.children = siblings(std::move(children));
-    if (made.is_leaf()) {
-        made.text = xml::text(element);
-    }
     return made;
 }
 

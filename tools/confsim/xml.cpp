@@ -80,22 +80,28 @@ doc_ptr parse_file(const std::string &file)
     return checked(xmlReadFile(file.c_str(), nullptr, options), file);
 }
 
+std::size_t character_length(const std::string &text, std::size_t at)
+{
+    int length = static_cast<int>(std::min<std::size_t>(text.size() - at, 4));
+    const int code = xmlGetUTF8Char(chars(&text[at]), &length);
+    if (code < 0 || !xmlIsCharQ(code)) {
+        return 0;
+    }
+    // It takes a byte from the middle of a character, and more bytes than are needed, for one.
+    std::array<xmlChar, 8> right{};
+    const int right_length = xmlCopyChar(0, right.data(), code);
+    const auto taken = static_cast<std::size_t>(length);
+    return length == right_length && std::memcmp(&text[at], right.data(), taken) == 0 ? taken : 0;
+}
+
 bool can_hold(const std::string &text)
 {
-    for (std::size_t i = 0; i < text.size();) {
-        int length = static_cast<int>(std::min<std::size_t>(text.size() - i, 4));
-        const int code = xmlGetUTF8Char(chars(&text[i]), &length);
-        if (code < 0 || !xmlIsCharQ(code)) {
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t taken = character_length(text, at);
+        if (taken == 0) {
             return false;
         }
-        // It takes a byte from the middle of a character, and more bytes than are needed, for one.
-        std::array<xmlChar, 8> right{};
-        const int right_length = xmlCopyChar(0, right.data(), code);
-        if (length != right_length ||
-            std::memcmp(&text[i], right.data(), static_cast<std::size_t>(length)) != 0) {
-            return false;
-        }
-        i += static_cast<std::size_t>(length);
+        at += taken;
     }
     return true;
 }

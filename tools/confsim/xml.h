@@ -20,7 +20,11 @@ using doc_ptr = std::unique_ptr<xmlDoc, deleter>;
 [[nodiscard]] doc_ptr parse_text(const std::string &text, const std::string &origin);
 [[nodiscard]] doc_ptr parse_file(const std::string &file);
 
-// Whether a text is UTF-8 of characters that XML can hold, also escaped.
+// The bytes of the character that begins at a place of a text; 0 if it is no UTF-8, or XML cannot
+// hold it, not even escaped.
+[[nodiscard]] std::size_t character_length(const std::string &text, std::size_t at);
+
+// Whether a text consists of such characters.
 [[nodiscard]] bool can_hold(const std::string &text);
 
 [[nodiscard]] node_ptr element(const char *name);
