@@ -25,7 +25,7 @@ without_comments()
 }
 
 listed=$(without_comments "$source_dir/src/lib/libconfsvc.map" |
-    sed -nE '/global:/,/^(local:|\})/p' | grep -v '[:}]' | tr -d ' \n' | tr ';' '\n' | sort)
+    sed -n '/global:/,/local:\|}/p' | grep -v '[:}]' | tr -d ' \n' | tr ';' '\n' | sort)
 exported=$(nm -D --defined-only "$library" |
     awk '$2 != "A" {sub(/@.*/, "", $3); print $3}' | sort)
 same "exported symbols" "$listed" "$exported"

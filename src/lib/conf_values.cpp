@@ -201,16 +201,10 @@ private:
 // Whether a name in a path is the wanted one, which may have been given without its prefix.
 bool is_named(std::string_view name, const char *wanted)
 {
-    const std::string_view whole = wanted;
-    const std::size_t colon = name.find(':');
-    if (name == whole) {
-        return true;
-    }
-    if (colon == std::string_view::npos) {
-        return false;
-    }
-    name.remove_prefix(colon + 1);
-    return name == whole;
+    const std::size_t length = std::strlen(wanted);
+    const std::size_t prefix = name.size() - length;
+    return name.size() >= length && (prefix == 0 || name[prefix - 1] == ':') &&
+           std::memcmp(name.data() + prefix, wanted, length) == 0;
 }
 
 // Reads what stands between "[" and "]"; false when it is damaged. `*found` becomes the length of

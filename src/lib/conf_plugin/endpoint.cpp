@@ -21,8 +21,6 @@ char g_conf_notifier_socket[256] = "/var/tmp/confd.notifier.socket";
 
 namespace {
 
-constexpr const char *profile_path = "/dev/shm/yang_modules/confd.conf";
-
 using json_owner = std::unique_ptr<cJSON, support::released_by<cJSON_Delete>>;
 
 // The profile as a zero-terminated text in an anonymous mapping. A mapping of the file itself would

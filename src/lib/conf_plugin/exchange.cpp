@@ -8,10 +8,12 @@
 // takes the request out of the socket begins the limit anew.
 #include "conf_misc.h"
 #include "plugin_internal.h"
+#include "supervision.h"
 #include "support/log.h"
 #include "wire.h"
 #include "xml.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
@@ -33,6 +35,14 @@ take amount_to_take()
     return g_loop_generation == context_generation() ? take::everything : take::one_message;
 }
 
+// How long a wait may last: the limit of a plain plugin, which begins anew with each event, or what
+// is left to a supervised one.
+int limited(int limit)
+{
+    const supervision *const supervisor = supervised();
+    return supervisor == nullptr ? limit : supervisor->time_left();
+}
+
 // The bits of the event that a wait has ended with; 0 means that the exchange has failed, with the
 // cause logged.
 u32_t judged(int count, u32_t events)
@@ -48,13 +58,13 @@ u32_t judged(int count, u32_t events)
     return events;
 }
 
-// Waits for one event, with the whole limit again after an interruption.
+// Waits for one event; a limit of a plain plugin begins anew after an interruption.
 u32_t wait_for_room(const support::unique_fd &epoll, int limit)
 {
     epoll_event event{};
     int count;
     do {
-        count = epoll_wait(epoll.get(), &event, 1, limit);
+        count = epoll_wait(epoll.get(), &event, 1, limited(limit));
     } while (count < 0 && errno == EINTR);
     return judged(count, event.events);
 }
@@ -67,7 +77,7 @@ u32_t wait_for_bytes(int sock)
     pollfd state = {sock, EPOLLIN | EPOLLRDHUP, 0};
     int count;
     do {
-        count = poll(&state, 1, wire::quick_wait);
+        count = poll(&state, 1, std::min(wire::quick_wait, limited(wire::quick_wait)));
     } while (count < 0 && errno == EINTR);
     if (count == 0) {
         return silence;
@@ -131,9 +141,11 @@ void note_dropped(xmlNode *message)
 }
 
 // Takes out every complete message until the awaited reply is found: no further event may come for
-// what has arrived already. Returns -1 when the stream is broken.
+// what has arrived already. Requests go, or are kept for the loop where there is a supervisor.
+// Returns -1 when the stream is broken.
 int receive_reply(conf_plugin_data *plugin, u32_t msg_id, xmlNode **reply)
 {
+    supervision *const supervisor = supervised();
     const take amount = amount_to_take();
     while (*reply == nullptr) {
         bool_t ready = false;
@@ -145,20 +157,23 @@ int receive_reply(conf_plugin_data *plugin, u32_t msg_id, xmlNode **reply)
         if (!ready) {
             return 0;
         }
-        wiped_node message(plugin_parse_message(&plugin->plugin_ctxt->recv_buf));
+        conf_buffer_t **const buffer = &plugin->plugin_ctxt->recv_buf;
+        const bool is_kept = supervisor != nullptr && supervisor->keep_first(*buffer);
+        wiped_node message(plugin_parse_message(buffer));
+        if (is_kept && !(message && is_request(message.get()))) {
+            supervisor->forget_last();
+        }
         if (message && is_awaited(message.get(), msg_id)) {
             *reply = message.release();
-        } else if (message) {
+        } else if (message && !is_kept) {
             note_dropped(message.get());
         }
         note_received(msg_id, 0);
+        if (*reply == nullptr && supervisor != nullptr && supervisor->time_left() == 0) {
+            return -1; // however much the daemon sends meanwhile
+        }
     }
     return 0;
-}
-
-int unsent(const conf_plugin_context_t *ctxt)
-{
-    return conf_buffer_length(ctxt->send_buf) - static_cast<int>(ctxt->send_pos);
 }
 
 // Writes on where there is room. More than one message is queued when an exchange before has ended
@@ -246,10 +261,16 @@ support::unique_fd watch_socket(int sock, u32_t events)
 int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
 {
     *reply = nullptr;
+    conf_plugin_context_t *const ctxt = plugin->plugin_ctxt;
+    const int queued_before = conf_buffer_length(ctxt->send_buf);
     if (_cache_message(plugin, rpc) != 0) {
         return -1;
     }
-    const conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
+    const int size = conf_buffer_length(ctxt->send_buf) - queued_before;
+    supervision *const supervisor = supervised();
+    if (supervisor != nullptr) {
+        supervisor->begin_exchange();
+    }
     u32_t msg_id = ctxt->rpc_id; // advances once the request is written
     const int queued = unsent(ctxt);
     const bool is_sent = send_at_once(plugin);
@@ -262,12 +283,18 @@ int _syn_send_rpc(conf_plugin_data *plugin, xmlNode *rpc, xmlNode **reply)
     // What is left, the conversation sends or reports.
     support::unique_fd epoll =
         is_sent ? support::unique_fd() : watch_socket(ctxt->sock, request_events);
-    if ((is_sent || epoll) && converse(plugin, std::move(epoll), msg_id, reply) == 0) {
-        return 0;
+    const bool is_answered =
+        (is_sent || epoll) && converse(plugin, std::move(epoll), msg_id, reply) == 0;
+    if (supervisor != nullptr) {
+        if (!is_answered) {
+            take_back(ctxt, size);
+        }
+        supervisor->end_exchange(!is_answered);
+    } else if (!is_answered) {
+        drop_unsent(plugin);
+        drop_received(plugin);
     }
-    drop_unsent(plugin);
-    drop_received(plugin);
-    return -1;
+    return is_answered ? 0 : -1;
 }
 
 int _syn_send_reply(conf_plugin_data *plugin, xmlNode *reply)
@@ -275,8 +302,8 @@ int _syn_send_reply(conf_plugin_data *plugin, xmlNode *reply)
     if (_cache_message(plugin, reply) != 0) {
         return -1;
     }
-    if (send_at_once(plugin)) {
-        return 0;
+    if (send_at_once(plugin) || supervised() != nullptr) {
+        return 0; // a supervisor sends what is left when there is room
     }
     const support::unique_fd epoll = watch_socket(plugin->plugin_ctxt->sock, reply_events);
     if (!epoll || write_out(plugin, epoll) != 0) {
@@ -304,6 +331,10 @@ int _plugin_single_rpc_send(conf_plugin_data *plugin, xmlNode *rpc)
     if (error != nullptr) {
         LOG_FILE_ERROR("Confd reply error(%s) for plugin %s rpc.", plugin_get_reply_errmsg(error),
                        name);
+        if (supervision *const supervisor = supervised()) {
+            const char *text = plugin_get_reply_errmsg(error);
+            supervisor->explain("The daemon refuses: %s", text == nullptr ? "no reason" : text);
+        }
         return -1;
     }
     return 0;

@@ -42,6 +42,11 @@ bool is_whole(const conf_buffer_t *buffer)
 
 // ---- writing -----------------------------------------------------------------------------------
 
+void advance_id(conf_plugin_context_t *ctxt)
+{
+    ctxt->rpc_id = ctxt->rpc_id == UINT16_MAX ? 1 : static_cast<u16_t>(ctxt->rpc_id + 1);
+}
+
 enum class written { whole, part, nothing, failed };
 
 written write_first_message(conf_plugin_context_t *ctxt)
@@ -63,7 +68,7 @@ written write_first_message(conf_plugin_context_t *ctxt)
     }
     conf_buffer_consume(&ctxt->send_buf, size);
     ctxt->send_pos = 0;
-    ctxt->rpc_id = ctxt->rpc_id == UINT16_MAX ? 1 : static_cast<u16_t>(ctxt->rpc_id + 1);
+    advance_id(ctxt);
     return written::whole;
 }
 
@@ -253,6 +258,24 @@ int _recv_message(conf_plugin_data *plugin, bool_t *ready, take amount)
     }
 }
 
+int unsent(const conf_plugin_context_t *ctxt)
+{
+    return conf_buffer_length(ctxt->send_buf) - static_cast<int>(ctxt->send_pos);
+}
+
+void take_back(conf_plugin_context_t *ctxt, int size)
+{
+    if (unsent(ctxt) == 0) {
+        return;
+    }
+    const int start = conf_buffer_length(ctxt->send_buf) - size;
+    if (start > 0 || ctxt->send_pos == 0) {
+        conf_buffer_remove(ctxt->send_buf, start, size);
+    } else { // its rest goes out, with an id that no later request has
+        advance_id(ctxt);
+    }
+}
+
 void drop_unsent(conf_plugin_data *plugin)
 {
     conf_buffer_clear(&plugin->plugin_ctxt->send_buf);
@@ -264,13 +287,17 @@ void drop_received(conf_plugin_data *plugin)
     conf_buffer_clear(&plugin->plugin_ctxt->recv_buf);
 }
 
-xmlNode *plugin_parse_message(conf_buffer_t **buf)
+std::span<const char> first_message(const conf_buffer_t *buffer, int offset)
 {
-    if (buf == nullptr || *buf == nullptr || !is_whole(*buf)) {
-        return nullptr; // not what a caller may pass, but no reason to read beyond the data
-    }
-    const msg_head_t head = read_head(*buf);
-    const std::span<char> body((*buf)->buf + wire::head_size, head.length);
+    msg_head_t head;
+    std::memcpy(&head, buffer->buf + offset, sizeof head);
+    return {buffer->buf + offset, static_cast<std::size_t>(message_size(head))};
+}
+
+xmlNode *parse_message_at(conf_buffer_t *buffer, int offset)
+{
+    const std::size_t size = first_message(buffer, offset).size();
+    const std::span<char> body(buffer->buf + offset + wire::head_size, size - wire::head_size);
 
     // The message leaves the buffer in any case, so its bytes can be changed where they stand.
     for (char &byte : body) {
@@ -281,8 +308,18 @@ xmlNode *plugin_parse_message(conf_buffer_t **buf)
         LOG_FILE_ERROR("%s", parsed.failed_copy ? "Copy node failed when parse plugin message."
                                                 : "Translate rpc message to xml dom tree failed.");
     }
-    conf_buffer_consume(buf, message_size(head));
     return parsed.root;
+}
+
+xmlNode *plugin_parse_message(conf_buffer_t **buf)
+{
+    if (buf == nullptr || *buf == nullptr || !is_whole(*buf)) {
+        return nullptr; // not what a caller may pass, but no reason to read beyond the data
+    }
+    const int size = message_size(read_head(*buf));
+    xmlNode *const root = parse_message_at(*buf, 0);
+    conf_buffer_consume(buf, size);
+    return root;
 }
 
 bool_t is_valid_xmlchr(const char p)

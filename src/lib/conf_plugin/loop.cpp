@@ -329,24 +329,21 @@ void dispatch(const daemon_request &request)
     _method_default_proc(request);
 }
 
-// Handles the first message of the receive buffer.
-void handle_message(conf_plugin_data *plugin)
+} // namespace
+
+void handle_request(conf_plugin_data *plugin, xmlNode *rpc)
 {
-    conf_plugin_context_t *ctxt = plugin->plugin_ctxt;
-    const wiped_node rpc(plugin_parse_message(&ctxt->recv_buf));
-    if (!rpc) {
-        LOG_FILE_DEBUG("Plugin %s parse message failed.", ctxt->name);
+    if (rpc == nullptr) {
+        LOG_FILE_DEBUG("Plugin %s parse message failed.", plugin->plugin_ctxt->name);
         return;
     }
-    daemon_request request = {plugin, nullptr, nullptr, plugin_get_msgid(rpc.get())};
-    if (plugin_parse_rpc(rpc.get(), &request.method, &request.params) != 0) {
-        LOG_FILE_DEBUG("Plugin %s parse rpc failed.", ctxt->name);
+    daemon_request request = {plugin, nullptr, nullptr, plugin_get_msgid(rpc)};
+    if (plugin_parse_rpc(rpc, &request.method, &request.params) != 0) {
+        LOG_FILE_DEBUG("Plugin %s parse rpc failed.", plugin->plugin_ctxt->name);
         return;
     }
     dispatch(request);
 }
-
-} // namespace
 
 void econf_plugin_run(void)
 {
@@ -362,7 +359,8 @@ void econf_plugin_run(void)
         if (_recv_message(plugin, &ready) != 0 || !ready) {
             return;
         }
-        handle_message(plugin);
+        const wiped_node rpc(plugin_parse_message(&plugin->plugin_ctxt->recv_buf));
+        handle_request(plugin, rpc.get());
         if (guard.is_gone()) {
             return;
         }

@@ -22,6 +22,7 @@
 #include "support/owners.h"
 
 #include <cstdarg>
+#include <span>
 #include <sys/un.h>
 
 // ---- registry.cpp ------------------------------------------------------------------------------
@@ -44,6 +45,9 @@ private:
 };
 
 // ---- endpoint.cpp, path.cpp --------------------------------------------------------------------
+
+// The daemon's profile, which names the directory of its sockets.
+inline constexpr const char *profile_path = "/dev/shm/yang_modules/confd.conf";
 
 // The socket address of a path, cut to the 107 characters that an address can hold.
 [[nodiscard]] sockaddr_un socket_address(const char *path);
@@ -73,6 +77,17 @@ enum class take { everything, one_message };
 // more. Returns 0, or -1 with the receive buffer emptied.
 [[nodiscard]] int _recv_message(conf_plugin_data *plugin, bool_t *ready,
                                 take amount = take::everything);
+
+// The complete message that begins at an offset, header included; and the tree of its body, as
+// plugin_parse_message() gives it, while the message stays where it is, changed.
+[[nodiscard]] std::span<const char> first_message(const conf_buffer_t *buffer, int offset);
+[[nodiscard]] xmlNode *parse_message_at(conf_buffer_t *buffer, int offset);
+
+// Bytes that wait to be written.
+[[nodiscard]] int unsent(const conf_plugin_context_t *ctxt);
+
+// Takes a request of `size` bytes back, the last one queued, as far as it has not been begun.
+void take_back(conf_plugin_context_t *ctxt, int size);
 
 // Empty the buffers of a connection after a failed exchange.
 void drop_unsent(conf_plugin_data *plugin);
@@ -116,6 +131,11 @@ public:
 private:
     unsigned outer_;
 };
+
+// ---- loop.cpp ----------------------------------------------------------------------------------
+
+// Answers a request of the daemon; null, for one that could not be parsed, is logged only.
+void handle_request(conf_plugin_data *plugin, xmlNode *rpc);
 
 // ---- error.cpp ---------------------------------------------------------------------------------
 

@@ -2,6 +2,7 @@
 // and releases it again. Relies on exchange.cpp to send the request.
 #include "conf_misc.h"
 #include "plugin_internal.h"
+#include "supervision.h"
 #include "support/log.h"
 #include "support/owners.h"
 #include "wire.h"
@@ -25,10 +26,29 @@ u32_t count_entries(const entry *entries)
     return count;
 }
 
+// What a failure to connect means, in front of the path.
+const char *cause_of(int error)
+{
+    switch (error) {
+    case ENOENT:
+    case ECONNREFUSED:
+        return "There is no daemon at";
+    case EACCES:
+    case EPERM:
+        return "There is no permission for the daemon at";
+    case EAGAIN:
+        return "No further connection is accepted by the daemon at";
+    default:
+        return "There is no way to the daemon at";
+    }
+}
+
 // Returns the connected, non-blocking socket; empty, with the cause logged, when there is none.
 support::unique_fd _connect_to_confd()
 {
-    support::unique_fd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    supervision *const supervisor = supervised(); // which waits for no room among the connections
+    const int type = SOCK_STREAM | SOCK_CLOEXEC | (supervisor != nullptr ? SOCK_NONBLOCK : 0);
+    support::unique_fd sock(socket(AF_UNIX, type, 0));
     if (!sock) {
         LOG_FILE_ERROR("Create socket failed(%s).", std::strerror(errno));
         return sock;
@@ -36,6 +56,10 @@ support::unique_fd _connect_to_confd()
     const sockaddr_un address = socket_address(g_conf_plugin_socket);
     if (connect(sock.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         LOG_FILE_ERROR("Connect to confd failed(%s).", std::strerror(errno));
+        if (supervisor != nullptr) {
+            supervisor->explain("%s %s: %s.", cause_of(errno), address.sun_path,
+                                std::strerror(errno));
+        }
         sock.reset();
     } else if (conf_non_block_fd(sock.get()) != 0) {
         LOG_FILE_ERROR("Set connect to confd sock to nonblock failed.");
