@@ -104,7 +104,7 @@ DemoFixture::DemoFixture()
     start(subscriptions());
 }
 
-econf_plugin_subpub_info_t DemoFixture::subscriptions()
+econf_plugin_subpub_info_t subscriptions()
 {
     static char reset[] = "reset", none[] = "none";
     static econf_config_cb_info_t configs[] = {{"/demo/settings", 10, on_config}, {}};

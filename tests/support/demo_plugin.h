@@ -50,11 +50,13 @@ std::string with_id(const std::string &request, const std::string &id); // "" re
 std::string succeeded(const std::string &content = "<result/>");
 std::string failed(const std::string &code, const std::string &message = default_error);
 
+// The tables of the demo plugin.
+econf_plugin_subpub_info_t subscriptions();
+
 class DemoFixture : public PluginFixture {
 protected:
     DemoFixture();
 
-    static econf_plugin_subpub_info_t subscriptions();
     // Sends a request, if any, runs the loop, and returns the replies.
     std::string handle(const std::string &request = {});
 };

@@ -121,8 +121,20 @@ void Peer::send(const std::string &bytes)
     }
 }
 
-FakeDaemon::FakeDaemon() : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+FakeDaemon::FakeDaemon()
 {
+    start();
+}
+
+void FakeDaemon::stop()
+{
+    listener_.reset();
+    forget_connection();
+}
+
+void FakeDaemon::start()
+{
+    listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     std::filesystem::create_directories("/dev/shm/yang_modules");
     std::filesystem::create_directories("/var/tmp/daemon");
     std::filesystem::remove(address.sun_path);

@@ -59,6 +59,11 @@ public:
 
     FakeDaemon(); // listens where the profile says
 
+    // Ends listening and connection, as a death does: the file of the socket stays. And begins anew
+    // at a new socket.
+    void stop();
+    void start();
+
     // Begins the script with the present connection, or else with the next one.
     void play(Script script);
     // Waits for the end of the script; the connection stays open unless the script closed it.
