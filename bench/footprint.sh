@@ -9,7 +9,7 @@ strip=$(sed -n 's/^CMAKE_STRIP:[A-Z]*=//p' "$build/CMakeCache.txt")
 
 limit=81920
 if readelf -h "$library" | grep -q ELF64; then
-    limit=102400
+    limit=116736
 fi
 stripped=$(mktemp)
 trap 'rm -f "$stripped"' EXIT

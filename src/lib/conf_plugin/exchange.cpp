@@ -37,7 +37,7 @@ take amount_to_take()
 
 // How long a wait may last: the limit of a plain plugin, which begins anew with each event, or what
 // is left to a supervised one.
-int limited(int limit)
+[[gnu::noinline]] int limited(int limit)
 {
     const supervision *const supervisor = supervised();
     return supervisor == nullptr ? limit : supervisor->time_left();

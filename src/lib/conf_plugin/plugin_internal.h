@@ -13,6 +13,9 @@
 // activation.cpp, request.cpp), wrapped by envelope.cpp, exchanged by exchange.cpp with the help of
 // frame.cpp.
 //
+// Where there is a supervisor (conf_supervisor/), it takes the place of econf_plugin_run(), and
+// supervision.h says what the exchange does otherwise.
+//
 // frame, xml and envelope never call upwards. endpoint, path and notify stand beside the road;
 // registry is what all find their context through.
 #ifndef CONF_PLUGIN_INTERNAL_H

@@ -2,7 +2,7 @@
 // requests of the daemon that arrive during an exchange are kept, every exchange has a total limit,
 // replies do not wait, and failures to join are put into words.
 //
-// conf_supervisor.cpp owns the one object of this kind; registration.cpp and exchange.cpp ask for
+// conf_supervisor/ owns the one object of this kind; registration.cpp and exchange.cpp ask for
 // it with supervised(), which is null for a plain plugin. Relies on frame.cpp and the byte buffer.
 #ifndef CONF_PLUGIN_SUPERVISION_H
 #define CONF_PLUGIN_SUPERVISION_H
