@@ -96,7 +96,7 @@ inline state *current = nullptr;
 
 inline std::shared_ptr<state> keep_current()
 {
-    return current == nullptr ? nullptr : current->shared_from_this();
+    return current == nullptr ? nullptr : current->weak_from_this().lock();
 }
 
 /* The plugin may be gone by now, or be another one, whose answer this is not. */
@@ -238,20 +238,20 @@ inline void run_kicked_off()
 
 inline void run_joined(void *user)
 {
-    const std::shared_ptr<state> kept = static_cast<state *>(user)->shared_from_this();
+    const std::shared_ptr<state> kept = static_cast<state *>(user)->weak_from_this().lock();
     contain(*kept, "joined", kept->joined);
 }
 
 inline void run_lost(void *user, const char *why)
 {
-    const std::shared_ptr<state> kept = static_cast<state *>(user)->shared_from_this();
+    const std::shared_ptr<state> kept = static_cast<state *>(user)->weak_from_this().lock();
     contain(*kept, "lost", [&] { kept->lost(why); });
 }
 
 /* Runs the first of the posted works; as many calls come as there are works. */
 inline void run_posted(void *user)
 {
-    const std::shared_ptr<state> kept = static_cast<state *>(user)->shared_from_this();
+    const std::shared_ptr<state> kept = static_cast<state *>(user)->weak_from_this().lock();
     std::unique_lock lock(kept->work_mutex);
     const std::function<void()> first = std::move(kept->work.front());
     kept->work.pop_front();

@@ -280,7 +280,7 @@ public:
             at_ = econf_node_next(at_.get(), name_);
             return *this;
         }
-        iterator operator++(int)
+        iterator operator++(int) // NOLINT(cert-dcl21-cpp): as iterators do
         {
             iterator before = *this;
             ++*this;

@@ -49,27 +49,24 @@ public:
      * output &), and returns nothing or an outcome. After the start none is taken.
      */
     template <typename function>
-    plugin &on_change(std::string path, int priority, function handler)
+    plugin &on_change(c_text path, int priority, function handler)
     {
-        return add(state_->changes, std::move(path), priority,
-                   detail::as_handler<change>(std::move(handler)));
+        return add(state_->changes, path, priority, detail::as_handler<change>(std::move(handler)));
     }
     template <typename function>
-    plugin &on_change(std::string path, function handler)
+    plugin &on_change(c_text path, function handler)
     {
-        return on_change(std::move(path), 10, std::move(handler));
+        return on_change(path, 10, std::move(handler));
     }
     template <typename function>
-    plugin &on_status(std::string path, function handler)
+    plugin &on_status(c_text path, function handler)
     {
-        return add(state_->statuses, std::move(path), 0,
-                   detail::as_handler<query>(std::move(handler)));
+        return add(state_->statuses, path, 0, detail::as_handler<query>(std::move(handler)));
     }
     template <typename function>
-    plugin &on_operation(std::string name, function handler)
+    plugin &on_operation(c_text name, function handler)
     {
-        return add(state_->operations, std::move(name), 0,
-                   detail::as_handler<call>(std::move(handler)));
+        return add(state_->operations, name, 0, detail::as_handler<call>(std::move(handler)));
     }
 
     /* After each joining: a pull of everything is complete here and loses nothing. */
@@ -167,11 +164,11 @@ public:
     }
 
 private:
-    plugin &add(std::vector<detail::entry> &to, std::string path, int priority,
+    plugin &add(std::vector<detail::entry> &to, c_text path, int priority,
                 std::function<outcome(const void *, output *)> handler)
     {
         if (state_->supervisor == nullptr) { // the one that runs stays where it is
-            to.push_back({std::move(path), priority, std::move(handler)});
+            to.push_back({path.get(), priority, std::move(handler)});
         }
         return *this;
     }

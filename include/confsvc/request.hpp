@@ -36,7 +36,7 @@ inline outcome done(int returned, const char *what, c_text about)
 
 } // namespace detail
 
-/* Nothing there is no failure: the owner is empty. */
+/* Nothing there is no failure: the owner is empty. It is empty, too, when the daemon refuses. */
 inline result<elements> try_pull(c_text path, datastore from = datastore::present)
 {
     xmlNode *list = nullptr;

@@ -4,6 +4,7 @@
 #include "demo_plugin.h"
 
 #include <algorithm>
+#include <cstring>
 #include <malloc.h>
 #include <optional>
 #include <poll.h>
@@ -412,7 +413,7 @@ TEST_F(Cpp, OwnersWipe)
         out.add("password", seen).open("x").add("y", "s3cret");
     }
     EXPECT_EQ(freed.find("s3cret"), std::string::npos);
-    delete[] new char[7]{"s3cret"};
+    operator delete[](std::strcpy(static_cast<char *>(operator new[](7)), "s3cret"));
     EXPECT_NE(freed.find("s3cret"), std::string::npos) << "the test sees nothing";
     watches = false;
     xmlMemSetup(plain, allocate, enlarge, copy_of);
