@@ -285,10 +285,9 @@ int econf_node_number(xmlNode *node, long long least, long long most, long long 
     if (found != there) {
         return found;
     }
-    long long value = 0;
-    const bool fits = negative ? !__builtin_sub_overflow(0, size, &value)
-                               : !__builtin_add_overflow(0, size, &value);
-    if (!fits || number == nullptr || value < least || value > most) {
+    // Beyond the range it comes out with the other sign.
+    const auto value = static_cast<long long>(negative ? 0 - size : size);
+    if ((negative ? value > 0 : value < 0) || number == nullptr || value < least || value > most) {
         return not_one;
     }
     *number = value;
