@@ -4,7 +4,7 @@ install(TARGETS confsvc
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library
                 NAMELINK_COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-        COMPONENT development FILES_MATCHING PATTERN "*.h")
+        COMPONENT development FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 
 # The file finds its prefix from where it stands, so an installed tree can be moved.
 string(REGEX REPLACE "[^/]+" ".." CONFSVC_PC_TO_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -39,4 +39,7 @@ printf '\n=== The interfaces plugin inside a daemon (nothing is changed, only re
 grep -q 'interface\[name=lan1\]: ok$' "$printed"
 grep -q '^reset-interface-counters of mgmt0: ok$' "$printed"
 
+printf '\n=== A plugin in C++ whose daemon is killed, three times ===\n\n'
+users/demo.sh "$build"
+
 printf '\nEvery step of every session had the outcome that it should have.\n'

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-mapfile -t files < <(scripts/list-sources.sh '*.c' '*.cpp' '*.h')
+mapfile -t files < <(scripts/list-sources.sh '*.c' '*.cpp' '*.h' '*.hpp')
 printf '%d files\n' "${#files[@]}"
 ((${#files[@]} > 0))
 clang-format --dry-run -Werror --style=file "${files[@]}"

@@ -11,7 +11,7 @@ jobs=${CONFSVC_JOBS:-$(nproc)}
 passed_dir="$build_dir/tidy"
 mkdir -p "$passed_dir"
 
-mapfile -t headers < <(scripts/list-sources.sh '*.h')
+mapfile -t headers < <(scripts/list-sources.sh '*.h' '*.hpp')
 common=$({ clang-tidy --version; cat .clang-tidy "${headers[@]}"; } | sha256sum)
 
 # The entries of a compile database made by CMake stand one member a line, the command before the

@@ -41,7 +41,7 @@ code_of()
 
 list=scripts/list-sources.sh
 mapfile -t all < <($list '*' | grep -v '^tests/fuzz/corpus/')
-mapfile -t c_files < <($list '*.c' '*.cpp' '*.h')
+mapfile -t c_files < <($list '*.c' '*.cpp' '*.h' '*.hpp')
 mapfile -t scripts < <($list 'dev' '.ci/run' '*.sh')
 mapfile -t library < <($list 'src/lib/*.cpp' 'src/lib/*.h')
 mapfile -t public < <($list 'include/*.h')

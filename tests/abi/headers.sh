@@ -34,6 +34,22 @@ check()
     fi
 }
 
+# Every form of the C++ interface; each of its headers stands alone.
+forms=$(cat "$source_dir/tests/abi/forms.cpp")
+for compiler in gcc clang; do
+    command -v "$compiler" >/dev/null || continue
+    for standard in c++17 c++20 c++2b; do
+        for mode in -fexceptions '-fno-exceptions -fno-rtti'; do
+            read -ra modes <<<"$mode"
+            check "forms with $mode" "$forms" "$compiler" "c++:$standard" "${modes[@]}"
+        done
+    done
+    for header in "$source_dir"/include/confsvc/*.hpp; do
+        check "$(basename "$header")" "#include \"confsvc/$(basename "$header")\"" \
+            "$compiler" c++:c++17
+    done
+done
+
 layout=$(cat "$source_dir/tests/abi/layout.c")
 stdbool='#include <stdbool.h>'
 for compiler in gcc clang; do

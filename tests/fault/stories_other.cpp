@@ -5,6 +5,7 @@
 
 #include "conf_dlq.h"
 #include "conf_mask.h"
+#include "conf_values.h"
 #include "conf_vec.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
@@ -152,6 +153,35 @@ const story table_of_another_process("client_table_of_another_process", about::c
     test::make_key_file();
     (void)test::create_elsewhere(2);
     use_table();
+});
+
+const story values("values", about::documents, [] {
+    xmlNode *node = test::parse("<port><name>a<!--x--><![CDATA[b]]></name><mtu> 68 </mtu></port>");
+    const char *text = nullptr;
+    long long number = 0;
+    step("find", [&] { return econf_node_find(node, "port") == node; });
+    xmlNode *name = step("child", [&] { return econf_node_child(node, "name"); });
+    step("text in pieces", [&] { return econf_node_text(name, &text); });
+    note("text", text);
+    step("next", [&] { return econf_node_next(name, "mtu") == node->last; });
+    step("number", [&] { return econf_node_number(node->last, 68, 68, &number); });
+    unsigned long long positive = 0;
+    step("unsigned", [&] { return econf_node_unsigned(node->last, 69, 70, &positive); });
+    bool_t truth = false;
+    step("boolean", [&] { return econf_node_boolean(node->last, &truth); });
+    static const char *const words[] = {"67", "68", nullptr};
+    int index = 0;
+    step("choice", [&] { return econf_node_choice(node->last, words, &index); });
+    note("values", text_of(number) + text_of(positive) + text_of(truth) + text_of(index));
+    step("add", [&] { return econf_node_add(node, "up", "%s", "true"); });
+    xmlNode *built = step("build", [&] { return econf_node_build("a", "b", "1", "c", "", NULL); });
+    note("grown", node);
+    step("free", [&] { econf_node_free_list(node); });
+    econf_node_free_list(built);
+    char key[8];
+    step("key", [&] { return econf_path_key("/l/e[k=\"a,b\"]", "e", "k", key, sizeof key); });
+    note("key", key + 0);
+    step("refuse", [] { return econf_plugin_refuse(22, "%s", "no plugin"); });
 });
 
 const story messages("messages", about::documents, [] {

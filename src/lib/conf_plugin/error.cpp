@@ -3,7 +3,6 @@
 #include "plugin_internal.h"
 #include "support/bounded.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,11 +10,7 @@
 
 char def_err_msg[] = "Service process failed.";
 
-namespace {
-
-// The text in a block that is as large as it from the start: one that grows leaves its beginning
-// behind. Null when there is no memory or the format cannot be expanded.
-__attribute__((format(printf, 1, 0))) char *print_whole(const char *format, std::va_list arguments)
+char *print_whole(const char *format, std::va_list arguments)
 {
     std::va_list again;
     va_copy(again, arguments);
@@ -29,8 +24,6 @@ __attribute__((format(printf, 1, 0))) char *print_whole(const char *format, std:
     }
     return text;
 }
-
-} // namespace
 
 void release_error_text(char *err_msg)
 {

@@ -25,6 +25,7 @@
 #include "support/owners.h"
 #include "xml_write.h"
 
+#include <cstdarg>
 #include <span>
 #include <sys/un.h>
 
@@ -149,6 +150,12 @@ void handle_request(conf_plugin_data *plugin, xmlNode *rpc);
 
 // The text of an error that nobody described. Shared, never freed.
 extern char def_err_msg[];
+
+// Prints a text of any length into a block that is as large as it from the start: one that grows
+// leaves its beginning behind. To be released with release_error_text(). Null when there is no
+// memory and when the format cannot be expanded.
+[[nodiscard, gnu::format(printf, 1, 0)]] char *print_whole(const char *format,
+                                                           std::va_list arguments);
 
 // Records the error that the next reply carries; a null format gives the default text.
 __attribute__((format(printf, 3, 4))) void _plugin_set_error(conf_plugin_data *plugin, int err_code,

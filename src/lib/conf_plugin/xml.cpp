@@ -37,6 +37,44 @@ bool has_own_children(const xmlNode *node)
             node->type == XML_DOCUMENT_NODE);
 }
 
+// The same for what is no text of a message, but may hold a part of one all the same.
+void wipe_rest(xmlNode *node)
+{
+    if (node->type == XML_CDATA_SECTION_NODE || node->type == XML_COMMENT_NODE ||
+        node->type == XML_PI_NODE) {
+        wipe_text(node);
+    } else if (node->type == XML_ELEMENT_NODE) {
+        for (const xmlAttr *attribute = node->properties; attribute != nullptr;
+             attribute = attribute->next) {
+            clean_xml_content(attribute->children);
+        }
+    }
+}
+
+void do_nothing(xmlNode * /*node*/) {}
+
+// Wipes the texts of a list, and calls `also` for every node.
+void wipe_list(xmlNode *node, void (*also)(xmlNode *))
+{
+    const xmlNode *const top = node == nullptr ? nullptr : node->parent;
+    while (node != nullptr) {
+        also(node);
+        if (node->type == XML_TEXT_NODE) {
+            wipe_text(node);
+        } else if (has_own_children(node)) {
+            node = node->children;
+            continue;
+        }
+        while (node->next == nullptr) { // up, without recursion: depth is the sender's choice
+            node = node->parent;
+            if (node == top) {
+                return;
+            }
+        }
+        node = node->next;
+    }
+}
+
 // Gives up a child that was made in part.
 xmlNode *whole_or_null(xmlNode *child, const libxml_watch &watch)
 {
@@ -107,22 +145,12 @@ void wipe_and_free_list(xmlNode *node)
 
 void clean_xml_content(xmlNode *node)
 {
-    const xmlNode *const top = node == nullptr ? nullptr : node->parent;
-    while (node != nullptr) {
-        if (node->type == XML_TEXT_NODE) {
-            wipe_text(node);
-        } else if (has_own_children(node)) {
-            node = node->children;
-            continue;
-        }
-        while (node->next == nullptr) { // up, without recursion: depth is the sender's choice
-            node = node->parent;
-            if (node == top) {
-                return;
-            }
-        }
-        node = node->next;
-    }
+    wipe_list(node, do_nothing);
+}
+
+void clean_everything(xmlNode *node)
+{
+    wipe_list(node, wipe_rest);
 }
 
 bool is_element(const xmlNode *node, const char *name)

@@ -48,6 +48,9 @@ using node_list = std::unique_ptr<xmlNode, support::released_by<xmlFreeNodeList>
 // among documents. Null is ignored.
 void clean_xml_content(xmlNode *node);
 
+// The same with attributes, CDATA sections, comments and processing instructions.
+void clean_everything(xmlNode *node);
+
 // Whether the node is an element of that name, whatever its namespace.
 [[nodiscard]] bool is_element(const xmlNode *node, const char *name);
 
