@@ -40,6 +40,13 @@ grep -q '<greeting>Hi</greeting>' printed
 # shellcheck disable=SC2046 # several options
 cc -Wall -Wextra -Werror -fsyntax-only -Iinclude $(pkg-config --cflags libxml-2.0) hello.c
 
+# The same in C++.
+block cpp 1 >hello.cpp
+block sh 2 | sed -n '1,2s/^cc \(.*\)hello\.c -o hello/c++ -std=c++17 -Wall -Wextra -Werror \1hello.cpp -o hello-cpp/p; 2p' >commands
+grep -q hello-cpp commands
+sh -eux commands
+build/release/tools/confsim/confsim run --script session -- ./hello-cpp
+
 install_tree "$build_dir"
 block sh 3 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
 echo 'usr/bin/confsim run --script session -- ./installed' >>commands
