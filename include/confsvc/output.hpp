@@ -79,15 +79,24 @@ private:
     bool *failed_;
 };
 
+namespace detail {
+
+/* A base, so that it is there before the element that notes failures in it. */
+struct completeness {
+    bool incomplete = false;
+};
+
+} // namespace detail
+
 /* The elements of an answer. Owns them, and wipes them when nobody takes them. */
-class output : public element {
+class output : private detail::completeness, public element {
 public:
-    output() : element(econf_node_build("output", nullptr), &incomplete_) {}
+    output() : element(econf_node_build("output", nullptr), &incomplete) {}
     output(const output &) = delete;
     output &operator=(const output &) = delete;
     ~output() { econf_node_free_list(get()); }
 
-    [[nodiscard]] bool complete() const noexcept { return !incomplete_; }
+    [[nodiscard]] bool complete() const noexcept { return !incomplete; }
     /* The first element, with its siblings; null when there is none. */
     [[nodiscard]] xmlNode *first() const noexcept
     {
@@ -106,9 +115,6 @@ public:
         }
         return list;
     }
-
-private:
-    bool incomplete_ = false;
 };
 
 } // namespace confsvc

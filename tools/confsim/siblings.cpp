@@ -196,7 +196,7 @@ branch siblings::append(node added)
 
 branch siblings::insert(std::uint64_t label, node added)
 {
-    const branch held{label, std::make_shared<const node>(std::move(added))};
+    branch held{label, std::make_shared<const node>(std::move(added))};
     ordered_.put(held);
     change_index([item = listed_as(held)](auto &all) { all.put(item); });
     return held;

@@ -129,9 +129,9 @@ int supervision::time_left() const
 bool supervision::keep_first(const conf_buffer_t *buffer)
 {
     const std::span<const char> message = first_message(buffer, 0);
-    const std::string_view body(message.data() + wire::head_size, message.size() - wire::head_size);
+    const auto body = message.subspan(wire::head_size);
     constexpr std::string_view reply = "<reply";
-    if (body.compare(0, reply.size(), reply) == 0) {
+    if (body.size() >= reply.size() && std::memcmp(body.data(), reply.data(), reply.size()) == 0) {
         return false;
     }
     if (kept_ == nullptr) {

@@ -88,9 +88,9 @@ void clean_everything(xmlNode *node);
 [[nodiscard]] xmlNode *take_children(xmlNode *parent);
 
 // Parses the body of a message where it stands; the byte behind it is in use meanwhile, and its own
-// again afterwards. Control characters that XML cannot hold count as blanks, and may be overwritten.
-// Returns a tree that belongs to no document, or null. `failed_copy` tells a body that is not
-// well-formed from one whose tree could not be taken out of its document.
+// again afterwards. Control characters that XML cannot hold count as blanks, and may be
+// overwritten. Returns a tree that belongs to no document, or null. `failed_copy` tells a body that
+// is not well-formed from one whose tree could not be taken out of its document.
 struct parse_result {
     xmlNode *root;
     bool failed_copy;

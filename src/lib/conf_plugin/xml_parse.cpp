@@ -134,17 +134,15 @@ const bracket *no_tag_at(std::string_view text)
 bool has_sound_tags(std::string_view rest)
 {
     const std::size_t none = std::string_view::npos;
-    for (std::size_t at = rest.find('<'); at != none;) {
+    for (std::size_t at = rest.find('<'); at != none; at = rest.find('<', 1)) {
         rest.remove_prefix(at);
         if (const bracket *no_tag = no_tag_at(rest)) {
-            at = rest.find(no_tag->end, no_tag->begin.size());
             const std::size_t end = rest.find(no_tag->end, no_tag->begin.size());
             rest.remove_prefix(std::min(end, rest.size()));
-            at = rest.find('<');
             continue;
         }
-        at = rest.find('<', 1);
-        if (count_values(rest.data(), rest.data() + std::min(at, rest.size())) > most_attributes) {
+        const std::size_t end = std::min(rest.find('<', 1), rest.size());
+        if (count_values(rest.data(), rest.data() + end) > most_attributes) {
             return false;
         }
     }

@@ -152,8 +152,8 @@ bool reader::name(std::string_view *found)
 // Counts a name, unless it was there shortly before, as most are.
 bool reader::count_name(std::string_view name)
 {
-    const std::size_t mark =
-        name.size() * 31 + static_cast<byte>(name.front()) * 7U + static_cast<byte>(name.back());
+    const std::size_t mark = name.size() * 31 + static_cast<byte>(name.front()) * std::size_t{7} +
+                             static_cast<byte>(name.back());
     std::string_view &recent = recent_names_[mark % recent_names_.size()];
     if (recent != name) {
         recent = name;
