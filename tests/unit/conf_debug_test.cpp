@@ -82,7 +82,8 @@ TEST_F(Logs, DebugFileIsLimitedAndNotForEverybodyAndNotLedAstray)
     // What a full disk leaves of a line goes; a limit of this process stands in for the disk.
     rlimit limit{};
     EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
-    for (const rlim_t room : {rlim_t{fs::file_size(debug_path)} + 20, limit.rlim_cur}) {
+    const auto room_for_half_a_line = static_cast<rlim_t>(fs::file_size(debug_path) + 20);
+    for (const rlim_t room : {room_for_half_a_line, limit.rlim_cur}) {
         const rlimit now{room, limit.rlim_max};
         EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &now), 0);
         _conf_write_log(DBG_ERROR, "next");
