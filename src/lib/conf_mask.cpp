@@ -48,9 +48,11 @@ bool build_table()
     }
     if (table_entry(0).load() == nullptr) {
         std::array<pcre2_code_8 *, pattern_count> fresh{};
-        for (std::size_t pattern = pattern_count; pattern-- > 0;) {
-            fresh[pattern] =
-                REG_CreateOxelKeyRe(sensitive_items[pattern / 3].patterns[pattern % 3]);
+        auto next = fresh.rbegin();
+        for (auto item = sensitive_items.rbegin(); item != sensitive_items.rend(); ++item) {
+            for (std::size_t form = item->patterns.size(); form-- > 0;) {
+                *next++ = REG_CreateOxelKeyRe(item->patterns[form]);
+            }
         }
         for (std::size_t pattern = pattern_count; pattern-- > 0;) {
             if (fresh[0] != nullptr) {
