@@ -254,7 +254,7 @@ void live()
     const int descriptors = open_descriptors();
     act.produce = [](xmlNode *) { return parse("<o>" + text_of(done.changes) + "</o>"); };
     act.inside = handle_change;
-    long before = 0;
+    long long before = 0;
     join();
     for (number i = 1; i <= changes; ++i) {
         while (done.changes < i) {
@@ -271,7 +271,7 @@ void live()
         EXPECT_TRUE(context->recv_buf->total == empty_buffer || context->recv_buf->used > 0);
         before = i == changes / 2 ? memory_now() : before;
     }
-    const long growth = memory_now() - before;
+    const long long growth = memory_now() - before;
     econf_plugin_close();
     std::cout << "  exchanges that went as planned           " << done.exchanges
               << "\n  changes answered, lost by a hang-up      " << told->answers << ", "

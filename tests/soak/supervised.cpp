@@ -241,7 +241,8 @@ TEST_F(Fixture, JoinsEveryDaemon)
 
     entries configured;
     int early = 0, empty = 0, memory_count = 0;
-    long memory[2] = {}, descriptors[2] = {};
+    long long memory[2] = {};
+    int descriptors[2] = {};
     for (int life = 1; life <= plan.kills; ++life) {
         const int kind = below(4);
         for (int i = kind == 0 ? 0 : 4; kind < 3 && i > 0; --i) { // else as the last one had it
@@ -276,7 +277,7 @@ TEST_F(Fixture, JoinsEveryDaemon)
     std::printf(
         "  %d kills, %d of them during the start; %d joinings, after %d of them the "
         "configuration was empty; %d requests\n"
-        "  growth from restart %d to %d: %ld bytes, %ld descriptors; a tick each ms was at most "
+        "  growth from restart %d to %d: %lld bytes, %d descriptors; a tick each ms was at most "
         "%lld ms late\n",
         plan.kills, early, joined, empty, requests, plan.kills / 10, plan.kills,
         memory[1] - memory[0], descriptors[1] - descriptors[0], late);

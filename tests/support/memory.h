@@ -22,13 +22,13 @@ inline void without_allocator_cache(char **arguments)
 }
 
 // Bytes in use of the heap, and of all mappings.
-inline long memory_now()
+inline long long memory_now()
 {
     malloc_trim(0);
     const auto info = mallinfo2();
-    long pages = 0;
+    long long pages = 0; // an emulator has more than a small machine can count
     std::ifstream("/proc/self/statm") >> pages;
-    return static_cast<long>(info.uordblks + info.hblkhd) + pages * getpagesize();
+    return static_cast<long long>(info.uordblks + info.hblkhd) + pages * getpagesize();
 }
 
 } // namespace test
