@@ -1,5 +1,7 @@
 // The library's message path. The small round trip is econf_plugin_save_deployment(), the request
-// with the fewest parts that a plugin can make.
+// with the fewest parts that a plugin can make. Built twice: with BENCH_SUPERVISED the plugin has a
+// supervisor. That is a program of its own, for --before may name a library without one.
+#include "conf_supervisor.h"
 #include "harness.h"
 
 #include <limits>
@@ -7,10 +9,19 @@
 
 namespace {
 
+#ifdef BENCH_SUPERVISED
+constexpr const char *contender = "confsvc+supervisor";
+#else
+constexpr const char *contender = "confsvc";
+#endif
+
 bench::progress *operations = nullptr;
 
 int on_operation(int /*session*/, xmlNode * /*input*/, xmlNode ** /*output*/)
 {
+    if (operations == nullptr) { // still joining
+        return 0;
+    }
     operations->one_handled(true);
     if (!operations->going()) {
         econf_plugin_close();
@@ -35,14 +46,56 @@ public:
         char path[] = "/demo:reset";
         econf_operate_cb_info_t callback[] = {{path, on_operation}, {nullptr, nullptr}};
         econf_plugin_subpub_info_t callbacks{nullptr, nullptr, callback, nullptr};
-        if (econf_plugin_init("bench", &callbacks) < 0 ||
-            econf_plugin_activate(ACTIVATE_WITH_NONE) != 0) {
+        if (!join(callbacks)) {
             bench::give_up("plugin");
         }
     }
     plugin(const plugin &) = delete;
     plugin &operator=(const plugin &) = delete;
-    ~plugin() { econf_plugin_close(); }
+
+#ifdef BENCH_SUPERVISED
+    ~plugin()
+    {
+        econf_supervisor_destroy(supervisor_);
+    }
+    [[nodiscard]] int fd() const
+    {
+        return econf_supervisor_fd(supervisor_);
+    }
+    void handle() const
+    {
+        (void)econf_supervisor_process(supervisor_);
+    }
+
+private:
+    bool join(econf_plugin_subpub_info_t &callbacks)
+    {
+        supervisor_ = econf_supervisor_create("bench", &callbacks, nullptr);
+        handle();
+        return *econf_supervisor_reason(supervisor_) == '\0';
+    }
+    econf_supervisor_t *supervisor_ = nullptr;
+#else
+    ~plugin()
+    {
+        econf_plugin_close();
+    }
+    [[nodiscard]] static int fd()
+    {
+        return conf_plg_get_hconf(nullptr);
+    }
+    static void handle()
+    {
+        econf_plugin_run();
+    }
+
+private:
+    static bool join(econf_plugin_subpub_info_t &callbacks)
+    {
+        return econf_plugin_init("bench", &callbacks) >= 0 &&
+               econf_plugin_activate(ACTIVATE_WITH_NONE) == 0;
+    }
+#endif
 };
 
 void round_trip(benchmark::State &state)
@@ -54,15 +107,16 @@ void round_trip(benchmark::State &state)
 // As a host program does: waits until the socket is readable, then lets the library handle all.
 void pushed(benchmark::State &state, int depth)
 {
+    operations = nullptr;
     const plugin active([=](int sock) { bench::push(sock, depth); });
-    pollfd socket{conf_plg_get_hconf(nullptr), POLLIN, 0};
+    pollfd input{active.fd(), POLLIN, 0};
     bench::progress handled(state, depth);
     operations = &handled;
     while (handled.going()) {
-        if (poll(&socket, 1, -1) != 1 || socket.revents != POLLIN) {
+        if (poll(&input, 1, -1) != 1 || input.revents != POLLIN) {
             handled.fail();
         }
-        econf_plugin_run();
+        active.handle();
     }
 }
 
@@ -114,18 +168,20 @@ void growth(benchmark::State &state, std::size_t size, bool kept)
 int main(int count, char **arguments)
 {
     bench::prepare();
-    bench::add("round_trip/confsvc", round_trip);
+    bench::add(bench::name_of("round_trip", contender), round_trip);
     for (const int depth : {1, bench::depth}) {
-        bench::add(bench::name_of("pushed", "confsvc", static_cast<std::size_t>(depth)),
+        bench::add(bench::name_of("pushed", contender, static_cast<std::size_t>(depth)),
                    [=](benchmark::State &state) { pushed(state, depth); });
     }
     for (const std::size_t size : bench::pull_sizes) {
-        bench::add(bench::name_of("pull", "confsvc", size),
+        bench::add(bench::name_of("pull", contender, size),
                    [=](benchmark::State &state) { pulled(state, size); });
     }
     for (const std::size_t size : {1U << 20, 16U << 20, 64U << 20}) {
         for (const bool kept : {false, true}) { // last, for they leave the C library changed
-            bench::add(bench::name_of("pull", kept ? "confsvc-kept" : "confsvc-new", size),
+            bench::add(bench::name_of("pull",
+                                      (contender + std::string(kept ? "-kept" : "-new")).c_str(),
+                                      size),
                        [=](benchmark::State &state) { growth(state, size, kept); });
         }
     }

@@ -8,11 +8,11 @@
 // something else before, is its own choice. Relies on the requests of demo_plugin.h.
 #include "client_table.h"
 #include "demo_plugin.h"
+#include "memory.h"
 #include "sandbox.h"
 #include "timing.h"
 
 #include <iostream>
-#include <malloc.h>
 #include <poll.h>
 #include <random>
 #include <regex>
@@ -24,7 +24,6 @@ using number = unsigned long long;
 namespace {
 
 constexpr number exchanges_each = 10; // of a change, some of them made while it is handled
-constexpr long growth_limit = 65536;
 constexpr int empty_buffer = 4096 - sizeof(conf_buffer_t); // one page
 
 number changes = 0;
@@ -249,23 +248,13 @@ void handle_change()
     }
 }
 
-// Bytes in use of the heap, and of all mappings.
-long memory_now()
-{
-    malloc_trim(0);
-    const auto info = mallinfo2();
-    long pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return static_cast<long>(info.uordblks + info.hblkhd) + pages * getpagesize();
-}
-
 void live()
 {
     econf_plugin_config_debug(DBG_ERROR, 0);
     const int descriptors = open_descriptors();
     act.produce = [](xmlNode *) { return parse("<o>" + text_of(done.changes) + "</o>"); };
     act.inside = handle_change;
-    long before = 0;
+    long long before = 0;
     join();
     for (number i = 1; i <= changes; ++i) {
         while (done.changes < i) {
@@ -282,7 +271,7 @@ void live()
         EXPECT_TRUE(context->recv_buf->total == empty_buffer || context->recv_buf->used > 0);
         before = i == changes / 2 ? memory_now() : before;
     }
-    const long growth = memory_now() - before;
+    const long long growth = memory_now() - before;
     econf_plugin_close();
     std::cout << "  exchanges that went as planned           " << done.exchanges
               << "\n  changes answered, lost by a hang-up      " << told->answers << ", "
@@ -297,12 +286,7 @@ void live()
 
 int main(int count, char **arguments)
 {
-    // What the allocator's cache for a thread holds would count as used, and keep the heap from
-    // being trimmed; it is made with the process.
-    if (std::getenv("GLIBC_TUNABLES") == nullptr) {
-        setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0", 1);
-        execv("/proc/self/exe", arguments);
-    }
+    without_allocator_cache(arguments);
     GTEST_FLAG_SET(break_on_failure, true);
     std::string error;
     EXPECT_GE(count, 2) << "soak CHANGES [SEED]";

@@ -45,7 +45,7 @@ struct _econf_supervisor {
     support::unique_fd epoll;
     support::unique_fd event;
     support::unique_fd timer;
-    support::unique_fd watch; // while waiting
+    socket_watch watch; // has watches while waiting
     std::optional<supervision> exchange;
 
     plugin_state state = plugin_state::waiting;

@@ -122,10 +122,10 @@ bool join(econf_supervisor_t &s)
 // Without a watch the pauses between attempts have to do.
 void watch_directories(econf_supervisor_t &s)
 {
-    s.watch.reset(watch_for_sockets());
-    if (s.watch) {
-        (void)watch_descriptor(s, s.watch.get(), EPOLLIN, from_watch);
+    if (s.watch.fd() < 0 && s.watch.open()) {
+        (void)watch_descriptor(s, s.watch.fd(), EPOLLIN, from_watch);
     }
+    s.watch.begin();
 }
 
 // Tries to join, with the directories watched from before the attempt on.
@@ -138,7 +138,7 @@ void attempt(econf_supervisor_t &s, const bool &gone)
         arm_timer(s, next_pause(s));
         return;
     }
-    s.watch.reset();
+    s.watch.end();
     arm_timer(s, -1);
     s.state = plugin_state::joined;
     s.joined_at = monotonic_time();
@@ -265,7 +265,7 @@ int take_turn(econf_supervisor_t &s, const bool &gone)
         return 0;
     }
     if (s.state == plugin_state::waiting) {
-        const bool appeared = (happened & from_watch) != 0 && is_socket_event(s.watch.get());
+        const bool appeared = (happened & from_watch) != 0 && s.watch.has_news();
         s.pause = appeared ? appeared_pause : s.pause;
         if (appeared || (happened & from_timer) != 0) {
             attempt(s, gone);

@@ -3,7 +3,6 @@
 
 #include "conf_plugin/plugin_internal.h"
 #include "support/bounded.h"
-#include "support/owners.h"
 
 #include <cstring>
 #include <sys/inotify.h>
@@ -13,27 +12,6 @@ namespace {
 
 constexpr u32_t watched_events = IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_CLOSE_WRITE |
                                  IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-
-// Directories may come and go while they are looked at; the next attempt looks again.
-constexpr int most_looks = 4;
-
-// Watches the nearest directory above a path. Returns false when what the path leads to next has
-// appeared meanwhile, so that a nearer one can be had.
-bool watch_nearest(int watch, const char *path)
-{
-    char directory[256];
-    support::copy_text(directory, sizeof directory, path);
-    char *end = std::strrchr(directory, '/');
-    for (bool is_direct = true; end != nullptr; is_direct = false) {
-        *end = '\0';
-        if (inotify_add_watch(watch, end == directory ? "/" : directory, watched_events) >= 0) {
-            *end = '/';
-            return is_direct || access(directory, F_OK) != 0;
-        }
-        end = std::strrchr(directory, '/');
-    }
-    return true;
-}
 
 // Whether a name is one of the steps of a path.
 bool is_step(const char *path, const char *name)
@@ -51,24 +29,58 @@ bool is_step(const char *path, const char *name)
 
 } // namespace
 
-int watch_for_sockets()
+bool socket_watch::open()
 {
-    support::unique_fd watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    if (watch) {
-        for (const char *path : {static_cast<const char *>(g_conf_plugin_socket), profile_path}) {
-            for (int look = 0; look < most_looks && !watch_nearest(watch.get(), path); ++look) {
-            }
-        }
-    }
-    return watch.release();
+    fd_.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    return static_cast<bool>(fd_);
 }
 
-bool is_socket_event(int watch)
+void socket_watch::begin()
+{
+    end();
+    for (const char *path : {static_cast<const char *>(g_conf_plugin_socket), profile_path}) {
+        for (int look = 0; look < most_looks && !watch_nearest(path); ++look) {
+        }
+    }
+}
+
+void socket_watch::end()
+{
+    while (count_ > 0) {
+        --count_;
+        (void)inotify_rm_watch(fd(), watches_[count_]);
+    }
+    (void)has_news();
+}
+
+// Returns false when what the path leads to next has appeared meanwhile, so that a nearer directory
+// can be had.
+bool socket_watch::watch_nearest(const char *path)
+{
+    char directory[256];
+    support::copy_text(directory, sizeof directory, path);
+    char *end = std::strrchr(directory, '/');
+    for (bool is_direct = true; end != nullptr; is_direct = false) {
+        *end = '\0';
+        const int watch =
+            inotify_add_watch(fd(), end == directory ? "/" : directory, watched_events);
+        if (watch >= 0) {
+            watches_[count_] = watch;
+            ++count_;
+            *end = '/';
+            return is_direct || access(directory, F_OK) != 0;
+        }
+        end = std::strrchr(directory, '/');
+    }
+    return true;
+}
+
+bool socket_watch::has_news() const
 {
     bool found = false;
     alignas(inotify_event) char events[4096];
     for (;;) {
-        const ssize_t count = read(watch, events, sizeof events);
+        const ssize_t count = read(fd(), events, sizeof events);
         if (count <= 0) {
             return found;
         }
@@ -76,8 +88,9 @@ bool is_socket_event(int watch)
             inotify_event event;
             std::memcpy(&event, at, sizeof event);
             const char *const name = at + sizeof event;
-            found = found || event.len == 0 || is_step(g_conf_plugin_socket, name) ||
-                    is_step(profile_path, name);
+            const bool is_end = (event.mask & IN_IGNORED) != 0; // of a watch that was removed
+            found = found || (!is_end && (event.len == 0 || is_step(g_conf_plugin_socket, name) ||
+                                          is_step(profile_path, name)));
             at = name + event.len;
         }
     }

@@ -3,15 +3,38 @@
 #ifndef CONF_SUPERVISOR_WATCH_H
 #define CONF_SUPERVISOR_WATCH_H
 
+#include "support/owners.h"
+
 #include <ctime>
 #include <sys/types.h>
 
-// A new inotify instance on the directories of socket and profile, or on the nearest directories
-// above that are there; -1 when there can be none.
-[[nodiscard]] int watch_for_sockets();
+// One inotify instance for a supervisor's whole life: closing one that has watches waits for the
+// kernel, for 10 ms and more, and so it is their removal that ends the watching.
+class socket_watch {
+public:
+    // Makes the instance; false when there can be none.
+    [[nodiscard]] bool open();
+    [[nodiscard]] int fd() const { return fd_.get(); } // -1 before that
 
-// Reads the events of such an instance: whether any is about one of the two paths.
-[[nodiscard]] bool is_socket_event(int watch);
+    // Watches the directories of socket and profile, or the nearest directories above that are
+    // there. What was watched and what has happened before is forgotten.
+    void begin();
+    // Watches nothing, so that the descriptor is not readable.
+    void end();
+
+    // Reads what has happened: whether any of it is about one of the two paths.
+    [[nodiscard]] bool has_news() const;
+
+private:
+    // Directories may come and go while they are looked at; the next attempt looks again.
+    static constexpr int most_looks = 4;
+
+    bool watch_nearest(const char *path);
+
+    support::unique_fd fd_;
+    int watches_[2 * most_looks];
+    int count_ = 0;
+};
 
 // The file at the socket's path: a daemon that starts makes a new one.
 struct socket_identity {
