@@ -29,7 +29,7 @@ report()
 
 wrapped=$(undefined "$library" | sed -n 's/^__wrap_//p')
 others=$(undefined "$library" | grep -vE '^__(wrap|asan|ubsan|sanitizer)_')
-exported=$(sed 's@/\*.*\*/@@; /local:/,$d' "$map" | grep -oE '[A-Za-z0-9_]+;' | tr -d ';' | sort -u)
+exported=$(sed 's@/\*.*\*/@@; /local:/,/^}/d; /^}/d' "$map" | grep -oE '[A-Za-z0-9_]+;' | tr -d ';' | sort -u)
 
 report "called by the library, not listed in calls.def" \
     < <(comm -23 <(printf '%s\n' "$others") <(listed UNFAILING))

@@ -57,6 +57,7 @@ inline bool inside = false;            // the library: calls count
 inline bool logs_count = false;        // and those that the two logs make
 inline bool hangs = false;             // a wait without limit would never have ended
 inline std::vector<std::string> waits; // what the library did instead: "waited 300000 ms"
+inline long long waited = 0;           // so long, in milliseconds
 
 // Replaces libxml2's allocator; to be called before libxml2 is used.
 void watch_libxml2();
@@ -65,7 +66,9 @@ void watch_libxml2();
 
 // Documents: the memory of libxml2 fails, too. A plugin has those, and a daemon that answers
 // whenever the library waits. The calls of the logs count where they are what the story is about.
-enum class about { calls, documents, plugin, logs };
+// What a supervisor lets go of takes the kernel milliseconds, so its transfers are cut at a few
+// lengths only.
+enum class about { calls, documents, plugin, supervisor, logs };
 
 struct story {
     story(const char *title, about what, void (*row)())
@@ -81,12 +84,24 @@ struct story {
 
 void add_line(const std::string &name, const std::string &result, bool with_logs);
 void forget_logs();
-xmlNode *made_outside(const char *text); // by a callback, which is no part of the library
-void write_all(xmlNode *data);           // every writing request, in two stories
+// For what a callback does, which is no part of the library.
+class outside {
+public:
+    outside() : before_(std::exchange(inside, false)) {}
+    ~outside() { inside = before_; }
+    outside(const outside &) = delete;
+    outside &operator=(const outside &) = delete;
+
+private:
+    bool before_;
+};
+xmlNode *made_outside(const char *text);
+void write_all(xmlNode *data); // every writing request, in two stories
 
 // The daemon of a plugin's story.
 void ask(const std::string &request);
-void take_turn();           // at each wait of the library
+void take_turn(); // at each wait of the library
+void hang_up();
 std::string take_replies(); // of the plugin
 inline int waits_left = 0;  // until it hangs up; 0 for never
 

@@ -30,6 +30,11 @@ constexpr const char *known_leak = "copy child list failed";
 
 const std::string same = "no difference\n";
 
+bool has_daemon(about subject)
+{
+    return subject == about::plugin || subject == about::supervisor;
+}
+
 // ---- one performance ----------------------------------------------------------------------------
 
 std::string so_far; // of the outcome
@@ -99,7 +104,7 @@ std::string outcome_of(const story &played)
     so_far.clear();
     econf_plugin_config_debug(DBG_ALL, 1);
     forget_logs();
-    sockets.reset(played.subject == about::plugin ? new test::FakeDaemon : nullptr);
+    sockets.reset(has_daemon(played.subject) ? new test::FakeDaemon : nullptr);
     played.steps();
     sockets.reset();
     clean_up();
@@ -215,10 +220,8 @@ void add_line(const std::string &name, const std::string &result, bool with_logs
 
 xmlNode *made_outside(const char *text)
 {
-    const bool before = std::exchange(inside, false);
-    xmlNode *made = test::parse(text);
-    inside = before;
-    return made;
+    const outside callback;
+    return test::parse(text);
 }
 
 void ask(const std::string &request)
@@ -228,24 +231,30 @@ void ask(const std::string &request)
 
 void take_turn()
 {
-    if (!sockets) {
-        return;
-    }
     // The daemon's calls do not count, though the linker may give it the library's inline
     // functions.
-    const bool before = std::exchange(inside, false);
-    for (const std::string &body : sockets->connection().received()) {
+    const outside daemon;
+    test::Peer *const peer = sockets ? sockets->present_connection() : nullptr;
+    if (peer == nullptr) {
+        return;
+    }
+    for (const std::string &body : peer->received()) {
         if (body.starts_with("<rpc>")) {
             const std::size_t id = body.rfind("<id>") + 4;
-            ask(test::reply(content_for(body), body.substr(id, body.find('<', id) - id)));
+            const std::string answered = body.substr(id, body.find('<', id) - id);
+            peer->send(test::framed(test::reply(content_for(body), answered)));
         } else {
             replies += body;
         }
     }
     if (waits_left > 0 && --waits_left == 0) {
-        sockets->connection().close();
+        peer->close();
     }
-    inside = before;
+}
+
+void hang_up()
+{
+    sockets->forget_connection();
 }
 
 std::string take_replies()
@@ -259,12 +268,11 @@ std::vector<result> play_all(const story &played)
     play(played, {}, 0);
     const std::vector<std::string> normal = lines_of(stage->first);
     const std::vector<call> calls(stage->calls.data(), stage->calls.data() + stage->counted[0]);
-    const bool has_documents =
-        played.subject == about::documents || played.subject == about::plugin;
+    const bool has_documents = played.subject == about::documents || has_daemon(played.subject);
     const std::size_t allocations = has_documents ? stage->counted[1] : 0;
     const std::size_t growth = stage->growth;
     // A cut line of a log is another text at each length.
-    const bool every_length = played.subject != about::logs;
+    const bool every_length = played.subject != about::logs && played.subject != about::supervisor;
     std::vector<result> results = {{"none", "story", 0, stage->first.data() + damage()}};
     const auto add = [&](const char *kind, const char *name, std::size_t number,
                          const point &where) {

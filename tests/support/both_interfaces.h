@@ -18,7 +18,7 @@ inline void kicked_off()
     (void)handle_call(nullptr, nullptr, nullptr);
 }
 
-inline int initialise()
+inline econf_plugin_subpub_info_t *callbacks()
 {
     static econf_config_cb_info_t configs[] = {
         {path_of_changes, 10,
@@ -31,8 +31,13 @@ inline int initialise()
     static econf_operate_cb_info_t operations[] = {
         {operation, [](int, xmlNode *in, xmlNode **out) { return handle_call(nullptr, in, out); }},
         {}};
-    static econf_plugin_subpub_info_t callbacks = {configs, states, operations, kicked_off};
-    return econf_plugin_init("demo", &callbacks);
+    static econf_plugin_subpub_info_t all = {configs, states, operations, kicked_off};
+    return &all;
+}
+
+inline int initialise()
+{
+    return econf_plugin_init("demo", callbacks());
 }
 
 inline conf_context_t *initialise_by_older_interface()
@@ -47,8 +52,8 @@ inline conf_context_t *initialise_by_older_interface()
         {}};
     static rpc_callback_t operations[] = {
         {operation, [](xmlNode *in, xmlNode **out) { return handle_call(nullptr, in, out); }}, {}};
-    static conf_plugin_info_t callbacks = {configs, states, operations, kicked_off, nullptr};
-    return conf_plugin_init(path_of_changes + 1, &callbacks);
+    static conf_plugin_info_t all = {configs, states, operations, kicked_off, nullptr};
+    return conf_plugin_init(path_of_changes + 1, &all);
 }
 
 } // namespace test

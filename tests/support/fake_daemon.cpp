@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sys/socket.h>
 #include <utility>
 
@@ -167,6 +168,17 @@ Peer &FakeDaemon::finish()
 {
     thread_ = {};
     return *peer_;
+}
+
+Peer *FakeDaemon::present_connection()
+{
+    pollfd states[] = {{listener_.get(), POLLIN, 0},
+                       {peer_ == nullptr ? -1 : peer_->fd(), POLLRDHUP, 0}};
+    (void)poll(states, 2, 0);
+    if (states[0].revents != 0 && states[1].revents != 0) {
+        forget_connection();
+    }
+    return peer_ == nullptr && states[0].revents == 0 ? nullptr : &connection();
 }
 
 void FakeDaemon::forget_connection()

@@ -71,6 +71,9 @@ public:
     Peer &finish();
     // The present connection, or else the next one.
     Peer &connection();
+    // Without waiting: null when there is none. The next one takes the place of one that the plugin
+    // has closed.
+    Peer *present_connection();
     void forget_connection();
 
 private:
