@@ -1,9 +1,10 @@
-// Looks for secrets in the memory of a plugin that has handled them.
+// Looks for secrets in the memory of a plugin, plain or supervised, that has handled them.
 //
 // A process of its own plays the plugin, so that its heap, stacks and mappings can be searched from
 // outside. A secret is made after that process has begun, and reaches it on one road only: in a
 // message of the daemon, or through a pipe when the plugin itself hands it to the library. What the
 // plugin holds itself it wipes.
+#include "conf_supervisor.h"
 #include "demo_plugin.h"
 
 #include "support/bounded.h"
@@ -27,7 +28,8 @@ namespace {
 using namespace test;
 
 constexpr std::size_t token_size = 16;
-std::array<char, token_size + 1> held; // what the plugin has been given for the present road
+std::array<char, token_size + 1> held;    // what the plugin has been given for the present road
+econf_supervisor_t *supervisor = nullptr; // of a supervised one
 
 // ---- the plugin --------------------------------------------------------------------------------
 
@@ -60,9 +62,11 @@ xmlNode *node_with_secret()
 
 void handle_one()
 {
-    pollfd readable{get_plugin_context()->sock, POLLIN, 0};
+    const bool is_plain = supervisor == nullptr;
+    const int fd = is_plain ? get_plugin_context()->sock : econf_supervisor_fd(supervisor);
+    pollfd readable{fd, POLLIN, 0};
     (void)poll(&readable, 1, 60000);
-    econf_plugin_run();
+    is_plain ? econf_plugin_run() : (void)econf_supervisor_process(supervisor);
 }
 
 template <int (*call)(bool_t, const char *, xmlNode **)>
@@ -142,6 +146,13 @@ void keep_in_table()
     conf_hash_del(table, key);
 }
 
+void pull_and_end()
+{
+    pull();
+    supervisor == nullptr ? econf_plugin_close() : econf_supervisor_destroy(supervisor);
+    supervisor = nullptr;
+}
+
 constexpr auto log_to_file = [] { _conf_write_log(DBG_ERROR, "%s", held.data()); };
 constexpr auto log_to_system = [] {
     safety_syslog(LOG_INFO, "%40000s<key>%s</key>%c%s", "", held.data(), 0, held.data());
@@ -153,7 +164,8 @@ const struct road {
     bool plugin_has_it;
     void (*plugin)();
     std::string answer; // of the daemon, content; else it sends and awaits a reply
-    strings sent = {};  // before that; in frames but for what begins with "!"
+    strings sent = {};  // before that; in frames but for what begins with "!". Where there is an
+                        // answer, requests that a plain plugin drops and a supervised one keeps
 } roads[] = {
     {"change", false, handle_one, "", {config("/a[k=\"$$$$$$$$\"]")}},
     {"refusal", true, handle_one, "", {config("/a")}},
@@ -170,14 +182,26 @@ const struct road {
     {"push refused", false, hand_over<push>, error("1", "$$")},
     {"deployment", true, hand_over<deploy>, "<result/>"},
     {"notification", true, hand_over<tell>, ""},
-    {"dropped message", false, pull, "<result/>", {foreign}},
-    {"malformed message and junk", false, handle_one, "", {"<rpc>%", "!$$", kick_off}},
+    {"meanwhile", false, pull, "<result/>", {foreign, foreign}},
+    {"malformed message and junk", false, handle_one, "", {"<rpc>%", "!$$", config("/a")}},
     {"table", true, keep_in_table, ""},
     {"debug file", true, log_to_file, ""},
     {"system log", true, log_to_system, ""},
+    {"until the end", false, pull_and_end, "<result/>", {foreign, foreign}},
 };
 
-[[noreturn]] void play_plugin(int tokens, int done)
+bool join(econf_plugin_subpub_info_t *callbacks, bool is_supervised)
+{
+    if (!is_supervised) {
+        return econf_plugin_init("demo", callbacks) >= 0 &&
+               econf_plugin_activate(ACTIVATE_WITH_NONE) == 0;
+    }
+    supervisor = econf_supervisor_create("demo", callbacks, nullptr);
+    handle_one();
+    return econf_supervisor_reason(supervisor)[0] == '\0';
+}
+
+[[noreturn]] void play_plugin(int tokens, int done, bool is_supervised)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     char name[] = "echo";
@@ -185,11 +209,13 @@ const struct road {
     econf_status_cb_info_t statuses[] = {{"/a", on_status}, {}};
     econf_operate_cb_info_t operations[] = {{name, on_operate}, {}};
     econf_plugin_subpub_info_t callbacks{configs, statuses, operations, nullptr};
-    bool all_well = econf_plugin_init("demo", &callbacks) >= 0 &&
-                    econf_plugin_activate(ACTIVATE_WITH_NONE) == 0;
+    bool all_well = join(&callbacks, is_supervised);
     for (const road &each : roads) { // each begins when the secret, or a blank, has come
         all_well = all_well && read(tokens, held.data(), token_size) == token_size;
         each.plugin();
+        if (supervisor != nullptr) {
+            (void)econf_supervisor_process(supervisor); // what was kept
+        }
         held.fill('\0');
         (void)write(done, all_well ? "y" : "n", 1);
     }
@@ -219,9 +245,12 @@ std::string search(pid_t process, const std::string &text)
     return found;
 }
 
-using SecretsTest = PluginFixture;
+class SecretsTest : public PluginFixture {
+protected:
+    void search_behind_each_road(bool is_supervised);
+};
 
-TEST_F(SecretsTest, LeaveNoTraceInMemory)
+void SecretsTest::search_behind_each_road(bool is_supervised)
 {
     std::random_device random;
     int tokens[2], done[2];
@@ -229,7 +258,7 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
     ASSERT_EQ(pipe(done), 0);
     const pid_t plugin = fork();
     if (plugin == 0) {
-        play_plugin(tokens[0], done[1]);
+        play_plugin(tokens[0], done[1], is_supervised);
     }
     daemon.play([&](Peer &connection) {
         (void)connection.answer("<result/>");
@@ -249,6 +278,9 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
             connection.send(stream);
             if (!each.answer.empty()) {
                 (void)connection.answer(with(secret, each.answer));
+                for (std::size_t kept = is_supervised ? each.sent.size() : 0; kept > 0; --kept) {
+                    (void)connection.receive();
+                }
             } else if (!each.sent.empty()) {
                 (void)connection.receive();
             }
@@ -267,6 +299,16 @@ TEST_F(SecretsTest, LeaveNoTraceInMemory)
     for (const int fd : {tokens[0], tokens[1], done[0], done[1]}) {
         close(fd);
     }
+}
+
+TEST_F(SecretsTest, LeaveNoTraceInMemory)
+{
+    search_behind_each_road(false);
+}
+
+TEST_F(SecretsTest, LeaveNoTraceInMemoryUnderASupervisor)
+{
+    search_behind_each_road(true);
 }
 
 // ---- the stack ---------------------------------------------------------------------------------

@@ -331,7 +331,8 @@ int _plugin_single_rpc_send(conf_plugin_data *plugin, xmlNode *rpc)
     if (error != nullptr) {
         LOG_FILE_ERROR("Confd reply error(%s) for plugin %s rpc.", plugin_get_reply_errmsg(error),
                        name);
-        if (supervision *const supervisor = supervised()) {
+        supervision *const supervisor = supervised();
+        if (supervisor != nullptr && supervisor->is_joining()) {
             const char *text = plugin_get_reply_errmsg(error);
             supervisor->explain("The daemon refuses: %s", text == nullptr ? "no reason" : text);
         }

@@ -63,7 +63,7 @@ void supervision::begin_joining(int limit)
 {
     is_joining_ = true;
     deadline_ = monotonic_time() + limit;
-    explain("%s", "");
+    support::wipe(explanation_, sizeof explanation_);
 }
 
 void supervision::end_joining()

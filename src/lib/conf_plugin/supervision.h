@@ -28,6 +28,7 @@ public:
     // afterwards, the present one.
     void begin_joining(int limit);
     void end_joining();
+    [[nodiscard]] bool is_joining() const { return is_joining_; }
     [[nodiscard]] bool owns_context() const;
 
     // The next request that was kept. Null when it could not be parsed.
