@@ -9,14 +9,48 @@
 #include "link.h"
 #include "requests.h"
 
-#include "conf_misc.h"
+#include "conf_values.h"
 
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
 
-struct interfaces_events interfaces_events = {.changed = true};
+bool interfaces_changed = true;
+
+/* Carries the configuration in the element of an interface out. */
+static int configure(xmlNode *interface, const char *name)
+{
+    if (interface == NULL) {
+        return refuse(ENOENT, "interface %s: the daemon has no configuration of it", name);
+    }
+    struct settings wanted;
+    const int code = settings_read(interface, name, &wanted);
+    return code == 0 ? interface_configure(name, &wanted) : code;
+}
+
+void interfaces_joined(void *user)
+{
+    (void)user;
+    syslog(LOG_NOTICE, "joined the daemon");
+    interfaces_changed = true;
+    xmlNode *pulled = NULL;
+    if (econf_plugin_pull(0, "/ietf-interfaces:interfaces", &pulled) != 0) {
+        syslog(LOG_ERR, "the daemon does not say its configuration");
+        return;
+    }
+    interface_doubt_all();
+    xmlNode *interface = econf_node_child(econf_node_find(pulled, "interfaces"), "interface");
+    for (; interface != NULL; interface = econf_node_next(interface, "interface")) {
+        const char *name = NULL;
+        if (econf_node_text(econf_node_child(interface, "name"), &name) == 1 &&
+            settings_check_name(name) == 0 && configure(interface, name) == 0) {
+            request_publish_state(name);
+        }
+    }
+    interface_drop_doubtful();
+    econf_node_free_list(pulled);
+}
 
 /*
  * A change of the configuration. Returning 0 accepts it. When this or another plugin refuses a
@@ -33,7 +67,7 @@ static int on_configuration(int session_id, int oper, int more, int priority, co
     if (code != 0) {
         return code;
     }
-    interfaces_events.changed = true;
+    interfaces_changed = true;
     if ((oper & CONFIG_OP_RM) != 0) {
         return interface_unconfigure(name);
     }
@@ -43,12 +77,8 @@ static int on_configuration(int session_id, int oper, int more, int priority, co
     if (econf_plugin_pull(old_values, path, &pulled) != 0) {
         return refuse(EIO, "interface %s: the daemon did not say its configuration", name);
     }
-    struct settings wanted;
-    code = settings_read(pulled, name, &wanted);
-    xmlFreeNodeList(pulled);
-    if (code == 0) {
-        code = interface_configure(name, &wanted);
-    }
+    code = configure(econf_node_find(pulled, "interface"), name);
+    econf_node_free_list(pulled);
     if (code == 0) {
         request_publish_state(name);
     }
@@ -84,23 +114,12 @@ static int on_status(int session_id, const char *path, const char *filter, xmlNo
     return 0;
 }
 
-/* The text of the input element of that name, or null. */
-static const char *input_text(xmlNode *input, const char *name)
-{
-    for (xmlNode *node = input; node != NULL; node = node->next) {
-        if (node->type == XML_ELEMENT_NODE && xmlStrEqual(node->name, (const xmlChar *)name)) {
-            return conf_get_node_content(node);
-        }
-    }
-    return NULL;
-}
-
 /* reset-interface-counters: from now on the counters of the interface `name` count from zero. */
 static int on_reset_counters(int session_id, xmlNode *input, xmlNode **output)
 {
     (void)session_id;
-    const char *name = input_text(input, "name");
-    if (name == NULL) {
+    const char *name = NULL;
+    if (econf_node_text(econf_node_find(input, "name"), &name) != 1) {
         return refuse(EINVAL, "reset-interface-counters: the name of the interface is missing");
     }
     time_t since;
@@ -123,15 +142,15 @@ static int on_keep(int session_id, xmlNode *input, xmlNode **output)
 {
     (void)session_id;
     (void)output; /* stays empty: done */
-    const char *name = input_text(input, "name");
-    return name == NULL ? refuse(EINVAL, "keep-interface: the name of the interface is missing")
-                        : request_keep(name);
+    const char *name = NULL;
+    return econf_node_text(econf_node_find(input, "name"), &name) != 1
+               ? refuse(EINVAL, "keep-interface: the name of the interface is missing")
+               : request_keep(name);
 }
 
 static void on_kick_off(void)
 {
     syslog(LOG_NOTICE, "kicked off by the daemon");
-    interfaces_events.kicked_off = true; /* the answer still goes out */
 }
 
 econf_plugin_subpub_info_t *interfaces_callbacks(void)

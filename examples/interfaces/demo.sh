@@ -53,7 +53,7 @@ if [[ -n $(answer proc) && $(answer proc) == "$(answer sys)" ]]; then
     echo 'The session has a network of its own. A datagram to nobody makes its loopback interface'
     echo 'count something.'
     run=(run --network)
-    start='echo hello >/dev/udp/127.0.0.1/9; exec "$0"'
+    start='echo hello >/dev/udp/127.0.0.1/9; "$0" && sleep 2 && exec "$0"'
     if [[ -z $(answer links) ]]; then
         echo 'No interfaces can be made in it, so the plugin only records its configuration.'
         leave_out 'new interfaces'
@@ -62,7 +62,7 @@ else
     echo 'This machine does not give us a network of our own. So the plugin only records its'
     echo 'configuration, and the steps that look at interfaces of our own are left out.'
     run=(run)
-    start='exec "$0" --record-only'
+    start='"$0" --record-only && sleep 2 && exec "$0" --record-only'
     leave_out 'new interfaces'
     leave_out 'a private network'
 fi

@@ -88,6 +88,7 @@ int interface_configure(const char *name, const struct settings *wanted)
     if (interface == NULL) {
         return refuse(ENOMEM, "interface %s: no memory", name);
     }
+    interface->unconfirmed = false;
     const int error = carry_out(interface, wanted);
     if (error != 0 && !link_is_forbidden(error)) {
         return refuse(-error, "interface %s: Linux refuses it: %s", name, strerror(-error));
@@ -116,6 +117,32 @@ int interface_unconfigure(const char *name)
     }
     syslog(LOG_INFO, "%s: removed", name);
     return 0;
+}
+
+void interface_doubt_all(void)
+{
+    for (struct interface *each = table; each != NULL; each = each->next) {
+        each->unconfirmed = each->configured;
+    }
+}
+
+void interface_drop_doubtful(void)
+{
+    struct link_states states = {NULL, 0, 0};
+    if (interface_look(&states) != 0) {
+        syslog(LOG_ERR, "cannot look for interfaces that are no longer wanted");
+    }
+    for (size_t i = 0; i < states.count; ++i) {
+        const char *name = states.items[i].name;
+        const struct interface *interface = interface_find(name);
+        const bool is_wanted =
+            interface != NULL && interface->configured && !interface->unconfirmed;
+        const bool is_ours = state_is_own(name) || (interface != NULL && interface->configured);
+        if (is_ours && !is_wanted) {
+            (void)interface_unconfigure(name);
+        }
+    }
+    free(states.items);
 }
 
 static const struct link_state *state_of(const struct link_states *states, const char *name)

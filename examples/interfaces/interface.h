@@ -15,6 +15,7 @@ struct interface {
     struct interface *next;
     char name[IFNAMSIZ];
     bool configured;          /* `settings` are valid */
+    bool unconfirmed;         /* see interface_doubt_all() */
     struct settings settings; /* as carried out, or recorded */
     struct link_state told;   /* the state last made known; its name is empty at first */
     struct counters_view view;
@@ -36,6 +37,14 @@ struct interface *interface_get(const char *name);
  */
 int interface_configure(const char *name, const struct settings *wanted);
 int interface_unconfigure(const char *name);
+
+/*
+ * For a comparison with the whole configuration. The first doubts all that is configured; what
+ * interface_configure() is called for is doubted no more; the second unconfigures the rest, and
+ * interfaces in the kernel that were made in an earlier run and nobody wants now.
+ */
+void interface_doubt_all(void);
+void interface_drop_doubtful(void);
 
 /*
  * Makes the counters of an existing interface count from zero, and says since when. Returns 0 or a

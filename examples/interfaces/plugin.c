@@ -6,8 +6,8 @@
  * It takes the configuration of interfaces from the daemon and carries it out (interface.c),
  * answers for their status (state.c), sets the view of their counters back when asked to, and
  * notifies the daemon when the status of an interface changes. It runs until it is told to end, by
- * SIGTERM, SIGINT or the daemon's kick-off, and joins the daemon again when that has been away.
- * Interfaces that it made stay when it ends.
+ * SIGTERM, SIGINT or the daemon's kick-off. A supervisor joins the daemon, again and again when
+ * need be. Interfaces that it made stay when it ends.
  *
  * One thread, one loop, four callbacks (callbacks.c). Messages go to the system log and to standard
  * error.
@@ -16,7 +16,7 @@
 #include "interface.h"
 #include "link.h"
 
-#include "conf_api.h"
+#include "conf_supervisor.h"
 
 #include <errno.h>
 #include <libxml/parser.h>
@@ -29,35 +29,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
-enum { REJOIN_MILLISECONDS = 2000 };
-
-static bool leaving; /* the loop ends */
-
 /* ---- The daemon ---------------------------------------------------------------------------- */
 
-/* Registers and activates. Returns the socket to watch, or -1 when the daemon is not there. */
-static int join_daemon(void)
+static void on_lost(void *user, const char *why)
 {
-    static bool missing; /* has been said */
-    const int sock = econf_plugin_init("interfaces", interfaces_callbacks());
-    if (sock < 0) {
-        if (!missing) {
-            syslog(LOG_WARNING, "the daemon is not there; trying again");
-        }
-        missing = true;
-        return -1;
-    }
-    missing = false;
-    /*
-     * The configuration that is in force already now arrives like changes. What left it while the
-     * daemon was away is not told, and stays as it is.
-     */
-    if (econf_plugin_activate(ACTIVATE_WITH_CFGR) != 0) {
-        econf_plugin_close();
-        return -1;
-    }
-    syslog(LOG_NOTICE, "joined the daemon");
-    return sock;
+    (void)user;
+    syslog(LOG_WARNING, "the daemon is gone: %s", why);
 }
 
 static bool notify_daemon(const struct link_state *state)
@@ -91,50 +68,42 @@ static void report_changes(bool (*tell)(const struct link_state *))
 
 /* ---- The loop ------------------------------------------------------------------------------ */
 
-static int serve(int signals, int changes)
+/* Returns 0 when the plugin is to end, -1 when it cannot go on. */
+static int serve(econf_supervisor_t *supervisor, int signals, int changes)
 {
     enum { DAEMON, CHANGES, SIGNALS, SOURCES };
-    int sock = -1;
-    while (!leaving && !interfaces_events.kicked_off) {
-        if (sock < 0) {
-            sock = join_daemon();
-            interfaces_events.changed =
-                true; /* something may have changed while the daemon was away */
-        }
-        if (sock >= 0 && interfaces_events.changed) {
-            interfaces_events.changed = false;
+    struct pollfd sources[SOURCES] = {
+        [DAEMON] = {.fd = econf_supervisor_fd(supervisor), .events = POLLIN},
+        [CHANGES] = {.fd = changes, .events = POLLIN}, /* -1 is passed over */
+        [SIGNALS] = {.fd = signals, .events = POLLIN},
+    };
+    for (;;) {
+        const bool is_joined = econf_supervisor_reason(supervisor)[0] == '\0';
+        if (is_joined && interfaces_changed) {
+            interfaces_changed = false;
             report_changes(notify_daemon);
         }
-
-        struct pollfd sources[SOURCES] = {
-            [DAEMON] = {.fd = sock, .events = POLLIN | POLLRDHUP}, /* -1 is passed over */
-            [CHANGES] = {.fd = changes, .events = POLLIN},
-            [SIGNALS] = {.fd = signals, .events = POLLIN},
-        };
-        if (poll(sources, SOURCES, sock < 0 ? REJOIN_MILLISECONDS : -1) < 0 && errno != EINTR) {
-            syslog(LOG_ERR, "cannot wait: %s", strerror(errno));
-            return -1;
+        if (poll(sources, SOURCES, -1) < 0) {
+            if (errno != EINTR) {
+                syslog(LOG_ERR, "cannot wait: %s", strerror(errno));
+                return -1;
+            }
+            continue;
         }
         if (sources[SIGNALS].revents != 0) {
-            leaving = true;
+            return 0;
         }
         if (sources[CHANGES].revents != 0) {
             link_watch_drain(changes);
-            interfaces_events.changed = true;
+            interfaces_changed = true;
         }
-        if ((sources[DAEMON].revents & POLLIN) != 0) {
-            econf_plugin_run();
-        }
-        if ((sources[DAEMON].revents & (POLLHUP | POLLRDHUP | POLLERR)) != 0) {
-            syslog(LOG_WARNING, "the daemon has hung up");
-            econf_plugin_close();
-            sock = -1;
+        if (sources[DAEMON].revents != 0) {
+            const int result = econf_supervisor_process(supervisor);
+            if (result != 1) {
+                return result;
+            }
         }
     }
-    if (sock >= 0) {
-        econf_plugin_close();
-    }
-    return 0;
 }
 
 /* A descriptor that becomes readable when the process is to end, or -1. */
@@ -171,7 +140,11 @@ int main(int argc, char **argv)
 
     interface_table_open(record_only);
     report_changes(notify_nobody);
-    const int result = serve(signals, changes);
+    const econf_supervisor_options_t options = {.joined = interfaces_joined, .lost = on_lost};
+    econf_supervisor_t *supervisor =
+        econf_supervisor_create("interfaces", interfaces_callbacks(), &options);
+    const int result = supervisor == NULL ? -1 : serve(supervisor, signals, changes);
+    econf_supervisor_destroy(supervisor);
     interface_table_close();
 
     if (changes >= 0) {

@@ -6,7 +6,7 @@
 #include "interface.h"
 
 #include "conf_api.h"
-#include "conf_misc.h"
+#include "conf_values.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -50,10 +50,9 @@ void request_place(const char *path)
     if (econf_plugin_locate(0, path, &position) != 0) {
         return; /* a daemon need not know */
     }
-    for (xmlNode *node = position; node != NULL; node = node->next) {
-        if (xmlStrEqual(node->name, (const xmlChar *)"prev")) {
-            syslog(LOG_INFO, "%s stands behind %s", path, conf_get_node_content(node));
-        }
+    const char *before = NULL;
+    if (econf_node_text(econf_node_find(position, "prev"), &before) == 1) {
+        syslog(LOG_INFO, "%s stands behind %s", path, before);
     }
     xmlFreeNodeList(position);
 }

@@ -1,8 +1,6 @@
 /*
- * requests.h - what the plugin asks of the daemon beside the values of a change.
- *
- * All of it is asked inside of callbacks: while the plugin waits for an answer, it drops whatever
- * else the daemon sends, and only during a callback the daemon sends nothing else.
+ * requests.h - what the plugin asks of the daemon beside the values of a change. Under a supervisor
+ * that may be asked at any time: what the daemon sends meanwhile is handled afterwards.
  */
 #ifndef INTERFACES_REQUESTS_H
 #define INTERFACES_REQUESTS_H

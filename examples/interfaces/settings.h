@@ -14,6 +14,9 @@ struct settings {
     char description[256];
 };
 
+/* Whether Linux can have an interface of that name: 0, or the code of the error recorded. */
+int settings_check_name(const char *name);
+
 /*
  * Takes the interface's name out of a path such as /ietf-interfaces:interfaces/interface[name=eth0]
  * and checks it. Returns 0, or the code of the error that it has recorded.
@@ -21,13 +24,13 @@ struct settings {
 int settings_read_name(const char *path, char name[IFNAMSIZ]);
 
 /*
- * Reads the settings of the interface from a pulled list of nodes; what is not configured gets its
- * default. Returns 0, or the code of the error that it has recorded.
+ * Reads the settings of the interface from its element; what is not configured gets its default.
+ * Returns 0, or the code of the error that it has recorded.
  */
-int settings_read(const xmlNode *pulled, const char *name, struct settings *settings);
+int settings_read(xmlNode *interface, const char *name, struct settings *settings);
 
 /*
- * Records the error that the daemon gets in the answer to the request being handled. Returns
+ * Logs an error, and records it for the answer to the request being handled, if one is. Returns
  * `code`, which is never 0, so that a callback can end with: return refuse(EINVAL, "...");
  */
 __attribute__((format(printf, 2, 3))) int refuse(int code, const char *format, ...);
