@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Compiles a plugin of each interface, as C and as C++, with what is installed alone, and runs it
-# with the installed confsim.
+# Compiles plugins of each interface, as C and as C++, with what is installed alone, and runs them
+# with the installed confsim: plain ones, the one of the README, which is supervised, and its twin
+# in C++.
 # usage: installed.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 # shellcheck source=tests/abi/scratch.sh
@@ -8,6 +9,8 @@ source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 install_tree "$2"
 tee newer.c newer.cpp <"$1/tests/confsim/plugin.c" >/dev/null
 tee older.c older.cpp <"$1/examples/legacy/banner.c" >/dev/null
+block "$1/README.md" c 1 | tee hello.c hello.cpp >/dev/null
+block "$1/README.md" cpp 1 >closures.cpp
 
 cat >newer.confsim <<'END'
 wait good
@@ -37,32 +40,59 @@ expect <length>7</length>
 call clear-banner <reason>night</reason>
 expect <cleared>night</cleared>
 END
+cat >hello.confsim <<'END'
+wait hello
+set /hello:settings/greeting Hi
+commit
+delete /hello:settings
+fail commit
+expect code 42: A greeting is needed.
+END
+ln -s hello.confsim closures.confsim
 
 read -ra flags <<<"$(pkg-config --cflags --libs libconfsvc)"
 flags+=("-Wl,-rpath,$(realpath "$(pkg-config --variable=libdir libconfsvc)")")
 
-# try COMPILER STANDARD SUFFIX: with both plugins; the argument of each is a name or a file.
+# try COMPILER STANDARD SUFFIX PROGRAM...: the argument of each is a name or a file.
 try()
 {
-    local interface needed
-    for interface in newer older; do
-        printf '=== %s, %s, %s\n' "$interface" "$1" "$2"
-        "$1" "-std=$2" -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror "$interface.$3" \
-            -o "$interface" "${flags[@]}"
-        needed=$(readelf -d "$interface" | grep NEEDED)
-        if [[ $needed != *libconfsvc.so.1* || ($3 == c && $needed =~ c\+\+|libgcc) ]]; then
+    local compiler=$1 standard=$2 suffix=$3 name program needed
+    shift 3
+    for name; do
+        program=./$name-$compiler-$standard
+        printf '=== %s, %s, %s\n' "$name" "$compiler" "$standard"
+        "$compiler" "-std=$standard" -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror \
+            "$name.$suffix" -o "$program" "${flags[@]}"
+        needed=$(readelf -d "$program" | grep NEEDED)
+        if [[ $needed != *libconfsvc.so.1* || ($suffix == c && $needed =~ c\+\+|libgcc) ]]; then
             printf 'needs other libraries than it should:\n%s\n' "$needed"
             return 1
         fi
-        usr/bin/confsim run --script "$interface.confsim" -- "./$interface" good
+        usr/bin/confsim run --script "$name.confsim" -- "$program" good
     done
 }
 
+try_all() # C_COMPILER CXX_COMPILER
+{
+    local standard
+    try "$1" c11 c newer older hello
+    for standard in c++17 c++20 c++2b; do
+        try "$2" "$standard" cpp newer older hello closures
+    done
+}
+
+printed=()
 for compilers in "gcc g++" "clang clang++"; do
     read -r c cxx <<<"$compilers"
     if command -v "$c" "$cxx" >/dev/null; then
-        try "$c" c11 c
-        try "$cxx" c++17 cpp
-        try "$cxx" c++20 cpp
+        try_all "$c" "$cxx" >"$c.log" 2>&1 &
+        printed+=("$c.log $!")
     fi
 done
+status=0
+for each in "${printed[@]}"; do
+    read -r log process <<<"$each"
+    wait "$process" || status=1
+    cat "$log"
+done
+exit "$status"

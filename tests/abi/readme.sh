@@ -5,24 +5,16 @@
 set -euo pipefail
 source_dir=$1
 build_dir=$2
+readme=$source_dir/README.md
 # shellcheck source=tests/abi/scratch.sh
 source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
 mkdir build
 ln -s "$build_dir" build/release
 ln -s "$source_dir/include" include
 
-# block LANGUAGE NUMBER: a fenced block of the README.
-block()
-{
-    awk -v wanted="$1" -v number="$2" '
-        $0 == "```" {inside = 0}
-        inside {print}
-        $0 == "```" wanted && ++count == number {inside = 1}' "$source_dir/README.md"
-}
-
-block c 1 >hello.c
+block "$readme" c 1 >hello.c
 # The session, with what a newcomer is told to see in it.
-block text 1 >pasted
+block "$readme" text 1 >pasted
 awk '
     $0 == "try commit" {print "fail commit\nexpect A greeting is needed."; next}
     {print}
@@ -30,7 +22,7 @@ awk '
     $0 == "show" {print "expect <greeting>Hi</greeting>"}' pasted >session
 [[ $(grep -c '^expect' session) == 3 ]]
 
-block sh 2 | sed 's/confsim run --/confsim run --script session --/' >commands
+block "$readme" sh 2 | sed 's/confsim run --/confsim run --script session --/' >commands
 grep -q 'run --script' commands
 sh -eux commands
 # Pasted into a pipe as it stands, it goes on to its end.
@@ -41,13 +33,13 @@ grep -q '<greeting>Hi</greeting>' printed
 cc -Wall -Wextra -Werror -fsyntax-only -Iinclude $(pkg-config --cflags libxml-2.0) hello.c
 
 # The same in C++.
-block cpp 1 >hello.cpp
-block sh 2 | sed -n '1,2s/^cc \(.*\)hello\.c -o hello/c++ -std=c++17 -Wall -Wextra -Werror \1hello.cpp -o hello-cpp/p; 2p' >commands
+block "$readme" cpp 1 >hello.cpp
+block "$readme" sh 2 | sed -n '1,2s/^cc \(.*\)hello\.c -o hello/c++ -std=c++17 -Wall -Wextra -Werror \1hello.cpp -o hello-cpp/p; 2p' >commands
 grep -q hello-cpp commands
 sh -eux commands
 build/release/tools/confsim/confsim run --script session -- ./hello-cpp
 
 install_tree "$build_dir"
-block sh 3 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
+block "$readme" sh 3 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
 echo 'usr/bin/confsim run --script session -- ./installed' >>commands
 sh -eux commands

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Sourced by the tests that build against the installed tree: enters a directory that goes at the
-# end, and installs there.
+# Sourced by the tests that build programs of the pages or against the installed tree: enters a
+# directory that goes at the end, and installs there.
 set -euo pipefail
 scratch_dir=$(mktemp -d)
 trap 'rm -rf "$scratch_dir"' EXIT
@@ -12,4 +12,13 @@ install_tree()
     cmake --install "$1" --prefix "$PWD/usr" >/dev/null
     PKG_CONFIG_PATH=$(dirname "$(find usr -name libconfsvc.pc)")
     export PKG_CONFIG_PATH
+}
+
+# block FILE LANGUAGE NUMBER: the text of a fenced block of a page.
+block()
+{
+    awk -v wanted="$2" -v number="$3" '
+        $0 == "```" {inside = 0}
+        inside {print}
+        $0 == "```" wanted && ++count == number {inside = 1}' "$1"
 }
