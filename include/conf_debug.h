@@ -5,6 +5,8 @@
  *    filtered by level, removed at the first line written after it has passed 2 MiB. It holds the
  *    texts as they are, sensitive values included: it is for development, not for production. It is
  *    made for its owner and group only, and a process of root does not follow a link in its place.
+ *    So where root writes the first line, those of processes of other users are lost. Make the
+ *    file beforehand, writable for a group of theirs, to have all; it is gone again after 2 MiB.
  *  - The system log: always on. Every text is searched for passwords, keys and secrets, which are
  *    overwritten with asterisks, before it reaches syslog(3).
  *

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Does what README.md tells a newcomer to do: compiles its plugin with its command, runs its session,
-# and compiles the plugin once more against an installed tree.
+# and compiles the plugin once more against an installed tree. Does the same with docs/guide.md, whose
+# blocks of each language are a program in pieces.
 # usage: readme.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 source_dir=$1
@@ -38,6 +39,17 @@ block "$readme" sh 2 | sed -n '1,2s/^cc \(.*\)hello\.c -o hello/c++ -std=c++17 -
 grep -q hello-cpp commands
 sh -eux commands
 build/release/tools/confsim/confsim run --script session -- ./hello-cpp
+
+guide=$source_dir/docs/guide.md
+block "$guide" c all >door.c
+block "$guide" cpp all >door.cpp
+block "$guide" text 1 >door.confsim
+block "$guide" sh 1 | sed '1s/^cc /cc -Wall -Wextra -Werror /' >commands
+sh -eux commands
+sed '1s/^cc /c++ -std=c++17 /; s/door\.c /door.cpp /; s/ -o door/ -o door-cpp/; s@\./door$@./door-cpp@' \
+    commands >commands-cpp
+grep -q 'door.cpp -o door-cpp' commands-cpp
+sh -eux commands-cpp
 
 install_tree "$build_dir"
 block "$readme" sh 3 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands

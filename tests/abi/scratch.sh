@@ -14,11 +14,11 @@ install_tree()
     export PKG_CONFIG_PATH
 }
 
-# block FILE LANGUAGE NUMBER: the text of a fenced block of a page.
+# block FILE LANGUAGE NUMBER|all: the text of a fenced block of a page, or of all.
 block()
 {
     awk -v wanted="$2" -v number="$3" '
         $0 == "```" {inside = 0}
         inside {print}
-        $0 == "```" wanted && ++count == number {inside = 1}' "$1"
+        $0 == "```" wanted && (++count == number || number == "all") {inside = 1}' "$1"
 }

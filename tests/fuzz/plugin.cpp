@@ -1,10 +1,12 @@
 // A whole plugin under a hostile daemon. In the target "loop" the daemon registers and activates it
 // soundly and then sends what it likes; in "exchange" each of the plugin's own requests is met by
-// any answer.
+// any answer; in "supervised" a supervisor joins it, again and again, and both happens.
 //
 // The daemon has no thread: the library's waits are replaced at link time, and give it its turns.
+// Directories are not watched, since the kernel takes milliseconds to end that.
 #include "both_interfaces.h"
 #include "conf_plugin/plugin_internal.h"
+#include "conf_supervisor.h"
 #include "fuzz.h"
 
 #include <array>
@@ -20,6 +22,12 @@ namespace {
 constexpr bool is_sound_at_first = false;
 #else
 constexpr bool is_sound_at_first = true;
+#endif
+
+#ifdef FUZZ_SUPERVISED
+constexpr bool is_supervised = true;
+#else
+constexpr bool is_supervised = false;
 #endif
 
 using fuzz::rpc;
@@ -63,11 +71,13 @@ struct hostile_daemon {
     std::string received = {};
     std::string asked = {};             // the id that the plugin waits for
     std::vector<bool> is_answered = {}; // each request, from first_id on
+    std::size_t answered = 0;           // up to there requests are, or never will be
 
     [[nodiscard]] bool accept()
     {
         connection.reset(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         received.clear();
+        asked.clear();
         return static_cast<bool>(connection);
     }
     void turn()
@@ -127,13 +137,52 @@ struct hostile_daemon {
         const unsigned long number = std::strtoul(id.c_str(), nullptr, 10) - first_id;
         if (number < is_answered.size()) {
             MUST(!is_answered[number], std::string(body));
+            MUST(!is_supervised || number >= answered, std::string(body));
             is_answered[number] = true;
+            answered = number + 1;
         }
     }
 };
 
 hostile_daemon *peer;
-int depth = 0; // of callbacks
+econf_supervisor_t *supervisor; // null for a plain plugin
+int depth = 0;                  // of callbacks
+
+void act(fuzz::input &in);
+
+void create_supervisor()
+{
+    const econf_supervisor_options_t options = {
+        static_cast<int>(peer->in.below(3)),
+        0,
+        0,
+        1,
+        1,
+        [](void *) { act(peer->in); },
+        [](void *, const char *why) { MUST(why != nullptr); },
+        nullptr};
+    supervisor = econf_supervisor_create("demo", test::callbacks(), &options);
+    MUST(supervisor != nullptr);
+}
+
+int supervise(fuzz::input &in, std::size_t which)
+{
+    switch (which) {
+    case 0:
+        return econf_supervisor_post(
+            supervisor, [](void *) { act(peer->in); }, nullptr);
+    case 1:
+        MUST(depth == 0 || supervisor == nullptr || econf_supervisor_process(supervisor) == 1);
+        return 0;
+    default:
+        if (in.rarely(4)) {
+            econf_supervisor_stop(supervisor);
+        } else if (in.rarely(4)) {
+            econf_supervisor_destroy(std::exchange(supervisor, nullptr));
+        }
+        return 0;
+    }
+}
 
 // Registers and activates, by one interface or the other.
 void start()
@@ -202,21 +251,23 @@ void act(fuzz::input &in)
     const char *text = element(in);
     xmlNode *list = nullptr;
     const std::size_t which = in.below(15);
-    const int result = call(in, which, path.c_str(), text, &list);
+    const bool is_for_supervisor = is_supervised && which >= 12 && which < 15;
+    const int result =
+        is_for_supervisor ? supervise(in, which - 12) : call(in, which, path.c_str(), text, &list);
     MUST(result == 0 || (result == -1 && list == nullptr));
     xmlFreeNodeList(list);
     // Bytes left behind by an exchange would wake nobody.
     const conf_plugin_context_t *context = get_plugin_context();
-    MUST(depth > 0 || which >= exchanges || context == nullptr ||
+    MUST(is_supervised || depth > 0 || which >= exchanges || context == nullptr ||
          context->recv_buf->used + context->send_buf->used == 0);
 }
 
 template <typename poller>
-int wait_for(poller look)
+int wait_for(int limit, poller look)
 {
     for (;;) {
         const int count = look();
-        if (count != 0) {
+        if (count != 0 || limit == 0) {
             return count;
         }
         if (peer->in.rarely(64)) {
@@ -225,6 +276,20 @@ int wait_for(poller look)
         }
         peer->turn();
     }
+}
+
+// Until the input has ended or the supervisor has.
+void serve()
+{
+    create_supervisor();
+    for (int result = 1; result == 1 && !peer->in.ended();) {
+        result = econf_supervisor_process(supervisor);
+        if (peer->connection) {
+            peer->is_sound = false;
+            peer->turn();
+        }
+    }
+    econf_supervisor_destroy(std::exchange(supervisor, nullptr));
 }
 
 } // namespace
@@ -250,14 +315,20 @@ extern "C" {
 int __real_epoll_wait(int epoll, epoll_event *events, int most, int limit);
 int __real_poll(pollfd *states, nfds_t count, int limit);
 
-int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int /*limit*/)
+int __wrap_epoll_wait(int epoll, epoll_event *events, int most, int limit)
 {
-    return wait_for([&] { return __real_epoll_wait(epoll, events, most, 0); });
+    return wait_for(limit, [&] { return __real_epoll_wait(epoll, events, most, 0); });
 }
 
-int __wrap_poll(pollfd *states, nfds_t count, int /*limit*/)
+int __wrap_poll(pollfd *states, nfds_t count, int limit)
 {
-    return wait_for([&] { return __real_poll(states, count, 0); });
+    return wait_for(limit, [&] { return __real_poll(states, count, 0); });
+}
+
+int __wrap_inotify_add_watch(int /*watch*/, const char * /*path*/, u32_t /*events*/)
+{
+    errno = ENOSPC;
+    return -1;
 }
 }
 
@@ -268,7 +339,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     hostile_daemon daemon{in, listener};
     peer = &daemon;
     econf_plugin_config_debug(DBG_ALL, in.writes(8) ? 1 : 0);
-    start();
+    if (is_supervised) {
+        serve();
+    } else {
+        start();
+    }
     daemon.is_sound = false;
     while (!in.ended() && get_plugin_context() != nullptr) {
         if (!daemon.connection) {
