@@ -6,6 +6,7 @@
 #include "timing.h"
 
 #include <libxml/parserInternals.h>
+#include <sys/resource.h>
 
 using namespace test;
 
@@ -85,6 +86,50 @@ TEST_F(XmlWrite, WhatHasNoTextIsRefusedAndNothingOfItStays)
     const node_ptr empty(xmlNewText(BAD_CAST ""));
     EXPECT_EQ(text_of(empty.get(), odd_bytes::refused), "-");
     xmlFreeDoc(document);
+}
+
+// A tree of every kind of node, printed into room that ends at each of its bytes.
+TEST_F(XmlWrite, EndsWhereTheRoomEndsAndLeavesNothing)
+{
+    const node_ptr node(new_element("a"));
+    xmlNs *const space = declare_namespace(node.get(), "p", "v\"<");
+    ASSERT_NE(space, nullptr);
+    ASSERT_NE(xmlNewNs(node.get(), BAD_CAST "u", nullptr), nullptr);
+    ASSERT_NE(xmlNewNsProp(node.get(), space, BAD_CAST "k", BAD_CAST "<x\xc3\xa9\xf4\x8f\xbf\xbf"),
+              nullptr);
+    for (xmlNode *each :
+         {xmlNewText(BAD_CAST "t<\xc3\xa9\r"), xmlNewComment(BAD_CAST "c"),
+          xmlNewPI(BAD_CAST "i", BAD_CAST "d"), xmlNewReference(nullptr, BAD_CAST "lt"),
+          xmlNewCDataBlock(nullptr, BAD_CAST "x]]>y", 5), xmlNewNode(space, BAD_CAST "b"),
+          xmlNewCDataBlock(nullptr, BAD_CAST "", 0), xmlNewComment(nullptr)}) {
+        ASSERT_NE(xmlAddChild(node.get(), each), nullptr);
+    }
+    const std::string whole = text_of(node.get(), odd_bytes::refused);
+    ASSERT_EQ(whole,
+              "<a xmlns:p='v\"&lt;' xmlns=\"u\" p:k=\"&lt;x&#xE9;&#x10FFFF;\">t&lt;\xc3\xa9&#13;"
+              "<!--c--><?i d?>&lt;<![CDATA[x]]]]><![CDATA[>y]]><p:b/><![CDATA[]]></a>");
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &usual), 0);
+    const rlimit none{4096, usual.rlim_max}; // no mapping grows
+    for (std::size_t room = 0; room <= whole.size() + 4; ++room) {
+        conf_buffer_t *buffer = conf_buffer_create(0);
+        const std::string before(4087 - room, 'x');
+        ASSERT_EQ(conf_buffer_append(&buffer, const_cast<char *>(before.data()),
+                                     static_cast<int>(before.size())),
+                  0);
+        ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+        const printed result = print_node(&buffer, node.get(), odd_bytes::refused);
+        ASSERT_EQ(setrlimit(RLIMIT_AS, &usual), 0);
+        const bool fits = result == printed::whole;
+        EXPECT_EQ(result, fits ? printed::whole : printed::no_room) << room;
+        EXPECT_EQ(fits, room >= whole.size()) << room;
+        EXPECT_EQ(std::string(buffer->buf, 4088),
+                  before + (fits ? whole : "") +
+                      std::string(4088 - before.size() - (fits ? whole.size() : 0), '\0'))
+            << room;
+        conf_buffer_destroy(buffer);
+        (void)take_system_log();
+    }
 }
 
 TEST_F(XmlWrite, GrowsWhileItPrints)
