@@ -16,6 +16,7 @@ TEST_F(Supervisor, SaysWhyItIsNotJoined)
     struct {
         std::function<void()> prepare;
         std::string wanted;
+        int limit = never;
     } const rows[] = {
         {[&] { daemon.play([](Peer &p) { p.answer(error("7", "the name is taken")); }); },
          "The daemon refuses: the name is taken"},
@@ -23,7 +24,7 @@ TEST_F(Supervisor, SaysWhyItIsNotJoined)
          "The daemon refuses: not now"},
         {[&] { daemon.play([](Peer &p) { p.receive(), p.close(); }); },
          "The daemon has closed the connection."},
-        {[&] { daemon.play([](Peer &p) { p.receive(); }); }, "The daemon does not answer."},
+        {[&] { daemon.play([](Peer &p) { p.receive(); }); }, "The daemon does not answer.", 30},
         {[&] { daemon.stop(); }, "There is no daemon" + at + "Connection refused."},
         {[] { std::filesystem::remove("/var/tmp/daemon/confd.plugin.socket"); },
          "There is no daemon" + at + "No such file or directory."},
@@ -31,7 +32,7 @@ TEST_F(Supervisor, SaysWhyItIsNotJoined)
          "There is no daemon" + at + "No such file or directory."},
     };
     for (const auto &row : rows) {
-        create({.join_limit = 30, .retry_first = never});
+        create({.join_limit = row.limit, .retry_first = never});
         row.prepare();
         const std::string before = reason();
         EXPECT_EQ(turn_until([&] { return reason() != before; }), 1);

@@ -91,6 +91,9 @@ TEST_F(XmlWrite, WhatHasNoTextIsRefusedAndNothingOfItStays)
 // A tree of every kind of node, printed into room that ends at each of its bytes.
 TEST_F(XmlWrite, EndsWhereTheRoomEndsAndLeavesNothing)
 {
+    if (sizeof(void *) == 4) {
+        GTEST_SKIP() << "qemu sets no limits to memory";
+    }
     const node_ptr node(new_element("a"));
     xmlNs *const space = declare_namespace(node.get(), "p", "v\"<");
     ASSERT_NE(space, nullptr);
