@@ -181,10 +181,15 @@ TEST_F(Supervisor, RefusesWithAReason)
     get_plugin_from_hash()->confd_hooks = &hooks;
     EXPECT_EQ(refusal("demo", &info), "No supervisor is made: the process is the daemon's own.");
     get_plugin_from_hash()->confd_hooks = nullptr;
+    s = econf_supervisor_create("demo", &info, nullptr); // with all defaults
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(econf_supervisor_post(s, nullptr, nullptr), -1);
+    econf_supervisor_destroy(std::exchange(s, nullptr));
     econf_supervisor_stop(nullptr);
-    EXPECT_EQ(econf_supervisor_fd(nullptr) + econf_supervisor_process(nullptr) +
-                  econf_supervisor_run(nullptr) + econf_supervisor_post(nullptr, nullptr, nullptr),
-              -4);
+    EXPECT_EQ(econf_supervisor_fd(nullptr), -1);
+    EXPECT_EQ(econf_supervisor_process(nullptr), -1);
+    EXPECT_EQ(econf_supervisor_run(nullptr), -1);
+    EXPECT_EQ(econf_supervisor_post(nullptr, nullptr, nullptr), -1);
     EXPECT_STREQ(econf_supervisor_reason(nullptr), "There is no supervisor.");
 }
 
