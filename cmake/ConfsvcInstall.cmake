@@ -1,12 +1,24 @@
 # What is installed, in the components library, development and simulator, and the Debian packages
 # made of them: libconfsvc1, libconfsvc-dev and confsim.
-install(TARGETS confsvc
+install(TARGETS confsvc confsvc_cpp EXPORT confsvc
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library
                 NAMELINK_COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT development FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 
-# The file finds its prefix from where it stands, so an installed tree can be moved.
+# The files for CMake and for pkg-config find their prefix from where they stand, so an installed
+# tree can be moved.
+include(CMakePackageConfigHelpers)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/confsvc)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/confsvc-config.cmake.in
+                              confsvc-config.cmake INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(confsvc-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/confsvc-config.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/confsvc-config-version.cmake
+        DESTINATION ${package_dir} COMPONENT development)
+install(EXPORT confsvc NAMESPACE confsvc:: FILE confsvc-targets.cmake
+        DESTINATION ${package_dir} COMPONENT development)
+
 string(REGEX REPLACE "[^/]+" ".." CONFSVC_PC_TO_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 configure_file(${PROJECT_SOURCE_DIR}/src/lib/libconfsvc.pc.in libconfsvc.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libconfsvc.pc

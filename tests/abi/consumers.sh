@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# Builds plugins in each way in which a project of its own takes the library in: installed and moved,
+# by CMake and by pkg-config; as a part of its own build, by add_subdirectory and by FetchContent.
+# usage: consumers.sh SOURCE_DIR BUILD_DIR
+set -euo pipefail
+# shellcheck source=tests/abi/scratch.sh
+source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
+source_dir=$1
+install_tree "$2"
+library_dir=$(dirname "$PKG_CONFIG_PATH")
+export PKG_CONFIG_PATH=$PWD/moved/${PKG_CONFIG_PATH#*/} LD_LIBRARY_PATH=$PWD/moved/${library_dir#*/}
+mv usr moved
+if grep -rl "$PWD/usr" moved; then
+    printf 'these files name the place where they were installed first\n'
+    exit 1
+fi
+
+# project DIRECTORY LINE...: a project of a plugin in C and one in C++, with the lines that find the
+# library.
+project()
+{
+    local directory=$1
+    shift
+    mkdir "$directory"
+    cp "$source_dir/examples/legacy/banner.c" "$source_dir/examples/users/users.cpp" "$directory"
+    printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(plugins C CXX)' "$@" \
+        'add_executable(banner banner.c)' 'target_compile_definitions(banner PRIVATE _GNU_SOURCE)' \
+        'target_link_libraries(banner PRIVATE confsvc::confsvc)' 'add_executable(users users.cpp)' \
+        'target_link_libraries(users PRIVATE confsvc::cpp)' >"$directory/CMakeLists.txt"
+}
+
+# configure DIRECTORY OPTION...: the output is shown only where CMake fails.
+configure()
+{
+    cmake -S "$1" -B "$1/build" -G Ninja "${@:2}" >log 2>&1 || { cat log; return 1; }
+}
+
+# play DIRECTORY: runs what was built there with the installed confsim.
+play()
+{
+    local plugin
+    for plugin in banner users; do
+        moved/bin/confsim run --script <(printf 'wait %s\n' "$plugin") -- "$1/$plugin" "$plugin.state"
+    done
+}
+
+printf '=== find_package\n'
+project found 'find_package(confsvc 1.0 CONFIG REQUIRED)'
+configure found -DCMAKE_PREFIX_PATH="$PWD/moved"
+cmake --build found/build
+play found/build
+if grep -r "$source_dir" moved/lib*; then
+    printf 'the installed files name the sources\n'
+    exit 1
+fi
+
+# Version 2 stands for another soname: what asks for it must not get this one.
+project other 'find_package(confsvc 2.0 CONFIG REQUIRED)'
+if configure other -DCMAKE_PREFIX_PATH="$PWD/moved" >/dev/null || ! grep -q 'version: 1\.' log; then
+    printf 'a project that asks for version 2.0 was not refused for its version\n'
+    exit 1
+fi
+
+printf '=== pkg-config\n'
+mkdir bare
+# shellcheck disable=SC2046 # several options
+cc -D_GNU_SOURCE found/banner.c -o bare/banner $(pkg-config --cflags --libs libconfsvc)
+# shellcheck disable=SC2046
+c++ -std=c++17 found/users.cpp -o bare/users $(pkg-config --cflags --libs libconfsvc)
+play bare
+
+printf '=== add_subdirectory\n'
+project within "add_subdirectory($source_dir confsvc)"
+configure within -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DCONFSVC_TOOLS=OFF
+cmake --build within/build
+LD_LIBRARY_PATH=within/build/confsvc/src/lib play within/build
+cmake --install within/build --prefix "$PWD/empty"
+
+printf '=== FetchContent\n'
+project fetched 'include(FetchContent)' "FetchContent_Declare(confsvc SOURCE_DIR $source_dir)" \
+    'FetchContent_MakeAvailable(confsvc)'
+configure fetched
+
+# Whoever takes the library in gets neither its tests nor its examples, nor installs it unasked.
+for build in within fetched; do
+    if find "$build/build" \( -path '*confsvc*/tests' -o -path '*confsvc*/examples' \
+        -o -name CTestTestfile.cmake -o -name 'libconfsvc_static.a' \) | grep .; then
+        printf 'these are no business of the project in %s\n' "$build"
+        exit 1
+    fi
+done
+if find empty -type f 2>/dev/null | grep .; then
+    printf 'these were installed unasked\n'
+    exit 1
+fi
