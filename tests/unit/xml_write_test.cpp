@@ -83,6 +83,14 @@ TEST_F(XmlWrite, WhatHasNoTextIsRefusedAndNothingOfItStays)
     xmlNode *child = add_element(broken, "b");
     child->parent = nullptr;
     refused("links", broken);
+    broken = new_element("a");
+    child = add_element(broken, "b");
+    add_element(broken, "c")->parent = child;
+    refused("links of siblings", broken);
+    for (xmlNode *nameless : {new_element("a"), xmlNewReference(nullptr, BAD_CAST "lt")}) {
+        xmlFree(const_cast<xmlChar *>(std::exchange(nameless->name, nullptr)));
+        refused("no name", nameless);
+    }
     const node_ptr empty(xmlNewText(BAD_CAST ""));
     EXPECT_EQ(text_of(empty.get(), odd_bytes::refused), "-");
     xmlFreeDoc(document);
@@ -104,7 +112,7 @@ TEST_F(XmlWrite, EndsWhereTheRoomEndsAndLeavesNothing)
          {xmlNewText(BAD_CAST "t<\xc3\xa9\r"), xmlNewComment(BAD_CAST "c"),
           xmlNewPI(BAD_CAST "i", BAD_CAST "d"), xmlNewReference(nullptr, BAD_CAST "lt"),
           xmlNewCDataBlock(nullptr, BAD_CAST "x]]>y", 5), xmlNewNode(space, BAD_CAST "b"),
-          xmlNewCDataBlock(nullptr, BAD_CAST "", 0), xmlNewComment(nullptr)}) {
+          xmlNewCDataBlock(nullptr, nullptr, 0), xmlNewComment(nullptr)}) {
         ASSERT_NE(xmlAddChild(node.get(), each), nullptr);
     }
     const std::string whole = text_of(node.get(), odd_bytes::refused);
