@@ -24,7 +24,7 @@ configure_file(${PROJECT_SOURCE_DIR}/src/lib/libconfsvc.pc.in libconfsvc.pc @ONL
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libconfsvc.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
-              ${PROJECT_SOURCE_DIR}/LICENSE
+              ${PROJECT_SOURCE_DIR}/docs/guide.md ${PROJECT_SOURCE_DIR}/LICENSE
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libconfsvc-dev COMPONENT development)
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libconfsvc1 COMPONENT library)

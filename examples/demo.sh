@@ -39,6 +39,9 @@ printf '\n=== The interfaces plugin inside a daemon (nothing is changed, only re
 grep -q 'interface\[name=lan1\]: ok$' "$printed"
 grep -q '^reset-interface-counters of mgmt0: ok$' "$printed"
 
+printf '\n=== The interfaces plugin, whose daemon is killed, twice ===\n\n'
+interfaces/restart.sh "$build"
+
 printf '\n=== A plugin in C++ whose daemon is killed, three times ===\n\n'
 users/demo.sh "$build"
 

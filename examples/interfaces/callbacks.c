@@ -94,7 +94,7 @@ static int on_status(int session_id, const char *path, const char *filter, xmlNo
     (void)session_id;
     (void)path;
     struct link_states states = {NULL, 0, 0};
-    xmlNode *list = xmlNewNode(NULL, (const xmlChar *)"interfaces-state");
+    xmlNode *list = econf_node_build("interfaces-state", NULL);
     bool made = interface_look(&states) == 0 && list != NULL &&
                 xmlNewNs(list, (const xmlChar *)INTERFACES_NAMESPACE, NULL) != NULL;
     for (size_t i = 0; i < states.count && made; ++i) {

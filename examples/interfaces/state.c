@@ -6,6 +6,8 @@
 
 #include "link.h"
 
+#include "conf_values.h"
+
 #include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
@@ -155,43 +157,25 @@ void state_time_text(time_t time, char text[32])
     }
 }
 
-static bool add_text(xmlNode *parent, const char *name, const char *text)
-{
-    return xmlNewTextChild(parent, NULL, (const xmlChar *)name, (const xmlChar *)text) != NULL;
-}
-
-static bool add_number(xmlNode *parent, const char *name, uint64_t number)
-{
-    char text[24];
-    (void)snprintf(text, sizeof(text), "%" PRIu64, number);
-    return add_text(parent, name, text);
-}
-
 xmlNode *state_brief_xml(const char *element, const struct link_state *state)
 {
-    xmlNode *node = xmlNewNode(NULL, (const xmlChar *)element);
     const char *oper_status = state->oper_status[0] == '\0' ? "unknown" : state->oper_status;
-    if (node == NULL || !add_text(node, "name", state->name) ||
-        !add_text(node, "admin-status", state->admin_up ? "up" : "down") ||
-        !add_text(node, "oper-status", oper_status)) {
-        xmlFreeNode(node);
-        return NULL;
-    }
-    return node;
+    return econf_node_build(element, "name", state->name, "admin-status",
+                            state->admin_up ? "up" : "down", "oper-status", oper_status, NULL);
 }
 
 static bool add_statistics(xmlNode *parent, const struct link_state *state,
                            const struct counters_view *view)
 {
-    xmlNode *statistics = xmlNewChild(parent, NULL, (const xmlChar *)"statistics", NULL);
+    xmlNode *statistics = econf_node_add(parent, "statistics", NULL);
     char since[32];
     state_time_text(view->since, since);
-    bool added = statistics != NULL && add_text(statistics, "discontinuity-time", since);
+    bool added = econf_node_add(statistics, "discontinuity-time", "%s", since) != NULL;
     for (size_t i = 0; i < COUNTERS && added; ++i) {
         /* A counter below its baseline was set back by the kernel, so all of it is new. */
         const uint64_t value = state->counters[i];
         const uint64_t base = value < view->baseline[i] ? 0 : view->baseline[i];
-        added = add_number(statistics, counters[i].name, value - base);
+        added = econf_node_add(statistics, counters[i].name, "%" PRIu64, value - base) != NULL;
     }
     return added;
 }
@@ -200,9 +184,10 @@ xmlNode *state_xml(const struct link_state *state, const struct counters_view *v
 {
     xmlNode *node = state_brief_xml("interface", state);
     const bool made =
-        node != NULL && (state->index == 0 || add_number(node, "if-index", state->index)) &&
-        (state->address[0] == '\0' || add_text(node, "phys-address", state->address)) &&
-        (state->mtu == 0 || add_number(node, "mtu", state->mtu)) &&
+        (state->index == 0 || econf_node_add(node, "if-index", "%u", state->index) != NULL) &&
+        (state->address[0] == '\0' ||
+         econf_node_add(node, "phys-address", "%s", state->address) != NULL) &&
+        (state->mtu == 0 || econf_node_add(node, "mtu", "%u", state->mtu) != NULL) &&
         add_statistics(node, state, view);
     if (!made) {
         xmlFreeNode(node);

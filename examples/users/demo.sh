@@ -6,55 +6,9 @@
 #     demo.sh BUILD_DIR
 #
 # The exit status is 0 only when every step had the outcome that it should have.
-set -euo pipefail
-
-if (($# == 1)); then
-    namespaces=(unshare --map-root-user --mount --ipc)
-    "${namespaces[@]}" true 2>/dev/null || namespaces=(unshare --mount --ipc)
-    exec "${namespaces[@]}" "$0" "$(realpath "$1")" inside
-elif (($# != 2)); then
-    printf 'usage: %s BUILD_DIR\n' "$0" >&2
-    exit 2
-fi
-build=$1
-cd "$(dirname "${BASH_SOURCE[0]}")"
-for covered in /dev/shm /var/log /mnt; do
-    mount -t tmpfs none "$covered"
-done
-work=/mnt # everything in here goes with the namespace
+# shellcheck source=examples/daemon.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../daemon.sh"
 accounts=$work/accounts
-
-users=
-confsim=
-trap 'kill -KILL $users $confsim 2>/dev/null || true' EXIT
-
-# start_confsim OPTION...: with the script that stands on standard input; it stays after that.
-start_confsim()
-{
-    {
-        cat
-        echo 'echo all is well'
-        echo 'sleep 600'
-    } >"$work/script"
-    : >"$work/log"
-    "$build/tools/confsim/confsim" --dir "$work" --script "$work/script" "$@" >"$work/log" 2>&1 &
-    confsim=$!
-    until grep -q '^all is well' "$work/log"; do
-        if ! kill -0 "$confsim" 2>/dev/null; then
-            cat "$work/log"
-            exit 1
-        fi
-        sleep 0.05
-    done
-    cat "$work/log"
-}
-
-kill_confsim()
-{
-    echo '=== The daemon is killed.'
-    kill -KILL "$confsim"
-    wait "$confsim" 2>/dev/null || true
-}
 
 # Each argument is a line of the file, in order.
 accounts_are()
@@ -62,8 +16,7 @@ accounts_are()
     printf '%s\n' "$@" | sed '/^$/d' | diff - "$accounts"
 }
 
-"$build/examples/users/users-plugin" "$accounts" &
-users=$!
+start_plugin users/users-plugin "$accounts"
 echo '=== The plugin waits for a daemon, which begins with two users.'
 start_confsim --config users.xml <<'END'
 wait users
@@ -122,7 +75,6 @@ wait users
 kickoff users
 expect users: ok
 END
-wait "$users"
-users=
+end_plugin
 echo
 echo 'Every step had the outcome that it should have.'

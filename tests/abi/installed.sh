@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Compiles plugins of each interface, as C and as C++, with what is installed alone, and runs them
-# with the installed confsim: plain ones, the one of the README, which is supervised, and its twin
-# in C++.
+# with the installed confsim: plain ones, the one of the README, which is supervised, its twin in
+# C++, and that without exceptions, which is the guide's.
 # usage: installed.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 # shellcheck source=tests/abi/scratch.sh
@@ -11,6 +11,7 @@ tee newer.c newer.cpp <"$1/tests/confsim/plugin.c" >/dev/null
 tee older.c older.cpp <"$1/examples/legacy/banner.c" >/dev/null
 block "$1/README.md" c 1 | tee hello.c hello.cpp >/dev/null
 block "$1/README.md" cpp 1 >closures.cpp
+block "$1/docs/guide.md" c++ 1 >outcomes.cpp
 
 cat >newer.confsim <<'END'
 wait good
@@ -47,8 +48,11 @@ commit
 delete /hello:settings
 fail commit
 expect code 42: A greeting is needed.
+discard
+kickoff hello
 END
 ln -s hello.confsim closures.confsim
+ln -s hello.confsim outcomes.confsim
 
 read -ra flags <<<"$(pkg-config --cflags --libs libconfsvc)"
 flags+=("-Wl,-rpath,$(realpath "$(pkg-config --variable=libdir libconfsvc)")")
@@ -56,13 +60,14 @@ flags+=("-Wl,-rpath,$(realpath "$(pkg-config --variable=libdir libconfsvc)")")
 # try COMPILER STANDARD SUFFIX PROGRAM...: the argument of each is a name or a file.
 try()
 {
-    local compiler=$1 standard=$2 suffix=$3 name program needed
+    local compiler=$1 standard=$2 suffix=$3 name program needed mode
     shift 3
     for name; do
         program=./$name-$compiler-$standard
+        [[ $name == outcomes ]] && mode=-fno-exceptions || mode=-fexceptions
         printf '=== %s, %s, %s\n' "$name" "$compiler" "$standard"
-        "$compiler" "-std=$standard" -D_GNU_SOURCE -Wall -Wextra -Wpedantic -Werror \
-            "$name.$suffix" -o "$program" "${flags[@]}"
+        "$compiler" "-std=$standard" "$mode" -D_GNU_SOURCE -Wall -Wextra -Wpedantic \
+            -Werror "$name.$suffix" -o "$program" "${flags[@]}"
         needed=$(readelf -d "$program" | grep NEEDED)
         if [[ $needed != *libconfsvc.so.1* || ($suffix == c && $needed =~ c\+\+|libgcc) ]]; then
             printf 'needs other libraries than it should:\n%s\n' "$needed"
@@ -76,8 +81,9 @@ try_all() # C_COMPILER CXX_COMPILER
 {
     local standard
     try "$1" c11 c newer older hello
+    try "$2" c++17 cpp older
     for standard in c++17 c++20 c++2b; do
-        try "$2" "$standard" cpp newer older hello closures
+        try "$2" "$standard" cpp newer hello closures outcomes
     done
 }
 

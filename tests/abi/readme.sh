@@ -35,10 +35,9 @@ cc -Wall -Wextra -Werror -fsyntax-only -Iinclude $(pkg-config --cflags libxml-2.
 
 # The same in C++.
 block "$readme" cpp 1 >hello.cpp
-block "$readme" sh 2 | sed -n '1,2s/^cc \(.*\)hello\.c -o hello/c++ -std=c++17 -Wall -Wextra -Werror \1hello.cpp -o hello-cpp/p; 2p' >commands
-grep -q hello-cpp commands
+block "$readme" sh 3 | sed 's/^c++ /&-Wall -Wextra -Werror /; s/run --/run --script session --/' >commands
+grep -q 'run --script' commands
 sh -eux commands
-build/release/tools/confsim/confsim run --script session -- ./hello-cpp
 
 guide=$source_dir/docs/guide.md
 block "$guide" c all >door.c
@@ -52,6 +51,6 @@ grep -q 'door.cpp -o door-cpp' commands-cpp
 sh -eux commands-cpp
 
 install_tree "$build_dir"
-block "$readme" sh 3 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
+block "$readme" sh 4 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
 echo 'usr/bin/confsim run --script session -- ./installed' >>commands
 sh -eux commands

@@ -161,6 +161,16 @@ TEST_F(Supervisor, ChildHasNone)
     EXPECT_EQ(id_of(peer->receive()), 5);
 }
 
+TEST_F(Supervisor, ErrorBelongsToTheRequestBeingHandled)
+{
+    inside["joined"] = [] { econf_plugin_error(9, "too early"); };
+    ASSERT_NO_FATAL_FAILURE(join());
+    act.result = 5;
+    peer->send(status_request(3));
+    ASSERT_EQ(turn_until([] { return !called.empty(); }), 1);
+    EXPECT_EQ(peer->receive(), reply(error("5", default_error), "3"));
+}
+
 TEST_F(Supervisor, RefusesWithAReason)
 {
     econf_plugin_subpub_info_t info{};

@@ -177,6 +177,7 @@ void lose(econf_supervisor_t &s)
 bool handle_next(econf_supervisor_t &s, conf_plugin_data *plugin)
 {
     const loop_scope scope;
+    clear_error(plugin->plugin_ctxt); // one recorded outside of a request is no answer to this one
     if (s.exchange->has_kept()) {
         const wiped_node rpc(s.exchange->take_kept());
         handle_request(plugin, rpc.get());
