@@ -65,7 +65,7 @@ TEST_F(Supervisor, KickOffIsAnsweredAndEndsIt)
     EXPECT_EQ(econf_supervisor_run(s), 0);
     EXPECT_EQ(called, "kick-off");
     EXPECT_EQ(peer->receive(), succeeded());
-    EXPECT_EQ(reason(), "The daemon has kicked the plugin off.");
+    EXPECT_EQ(reason(), "It was kicked off.");
     EXPECT_EQ(econf_supervisor_process(s), 0);
 }
 

@@ -221,7 +221,7 @@ econf_supervisor_t *econf_supervisor_create(const char *name,
         return nullptr;
     }
     s->exchange.emplace(s->event.get(), s->options.answer_limit);
-    s->exchange->explain("No attempt to join has been made yet.");
+    s->exchange->explain("Not tried yet.");
     s->pause = s->options.retry_first;
     arm_timer(*s, 0);
     g_supervisor = s;
@@ -303,7 +303,7 @@ const char *econf_supervisor_reason(econf_supervisor_t *supervisor)
     case plugin_state::joined:
         return owns_plugin(*supervisor) ? "" : "The plugin was closed.";
     case plugin_state::kicked_off:
-        return "The daemon has kicked the plugin off.";
+        return "It was kicked off.";
     default:
         return "The plugin was closed.";
     }

@@ -113,7 +113,7 @@ bool join(econf_supervisor_t &s)
         return true;
     }
     if (exchange.explanation()[0] == '\0') {
-        exchange.explain("The plugin cannot be registered, the debug file says why.");
+        exchange.explain("Not registered, see the debug file.");
     }
     leave(s);
     return false;
