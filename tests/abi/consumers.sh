@@ -10,7 +10,7 @@ install_tree "$2"
 library_dir=$(dirname "$PKG_CONFIG_PATH")
 export PKG_CONFIG_PATH=$PWD/moved/${PKG_CONFIG_PATH#*/} LD_LIBRARY_PATH=$PWD/moved/${library_dir#*/}
 mv usr moved
-if grep -rl "$PWD/usr" moved; then
+if grep -rIl "$PWD/usr" moved; then
     printf 'these files name the place where they were installed first\n'
     exit 1
 fi
@@ -49,7 +49,7 @@ project found 'find_package(confsvc 1.0 CONFIG REQUIRED)'
 configure found -DCMAKE_PREFIX_PATH="$PWD/moved"
 cmake --build found/build
 play found/build
-if grep -r "$source_dir" moved/lib*; then
+if grep -rI "$source_dir" moved/lib*; then
     printf 'the installed files name the sources\n'
     exit 1
 fi
