@@ -1,6 +1,6 @@
 // Configurations with long lists: what stands in the index and in shared versions is what a tree
 // says that was read anew, and one change of many entries takes about the time of one of few.
-#include "commit.h"
+#include "service/commit.h"
 #include "failure.h"
 #include "test_support.h"
 

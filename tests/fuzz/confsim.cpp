@@ -1,7 +1,7 @@
 // confsim's daemon under hostile peers: plugins in the target "confsim_plugin", agents in
 // "confsim_agent". Peers and operator take turns in the daemon's own loop; afterwards the daemon
 // must still serve, and what it would store must read back as what it holds.
-#include "commands.h"
+#include "commands/commands.h"
 #include "conf_plugin/plugin_internal.h"
 #include "fuzz.h"
 

@@ -2,7 +2,7 @@
 // that leads to the same place, and a change that is refused leaves the tree as it was.
 #include "failure.h"
 #include "fuzz.h"
-#include "tree_xml.h"
+#include "tree/tree_xml.h"
 
 using namespace confsim;
 

@@ -1,16 +1,16 @@
 // confsim: plays the configuration daemon for plugins under development. See docs/confsim.md.
-#include "child.h"
-#include "commands.h"
-#include "configuration.h"
-#include "console.h"
-#include "daemon.h"
-#include "endpoints.h"
+#include "commands/child.h"
+#include "commands/commands.h"
+#include "commands/console.h"
+#include "commands/input.h"
 #include "failure.h"
-#include "input.h"
-#include "loop.h"
 #include "process_space.h"
 #include "sandbox.h"
-#include "trace.h"
+#include "service/daemon.h"
+#include "service/endpoints.h"
+#include "service/loop.h"
+#include "store/configuration.h"
+#include "trace/trace.h"
 
 #include <CLI/CLI.hpp>
 

@@ -1,0 +1,282 @@
+// See commands.h. Each command finds its words counted; what goes wrong it throws as failure.
+#include "commands/commands.h"
+
+#include "commands/words.h"
+#include "failure.h"
+#include "service/commit.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <set>
+
+namespace confsim {
+
+namespace {
+
+constexpr std::size_t any_number = 1000000;
+
+// Every answer holds the empty text.
+std::string expected_text(const std::vector<std::string> &line)
+{
+    std::string text = join_words(line, 1);
+    if (text.empty()) {
+        throw failure("there is no text to look for");
+    }
+    return text;
+}
+
+} // namespace
+
+const interpreter::command interpreter::table[] = {
+    {"plugins", "", "the plugins and what they subscribed to", 0, 0, &interpreter::plugins},
+    {"load", "FILE", "take the candidate from an XML file", 1, 1, &interpreter::load},
+    {"set", "PATH [VALUE]", "make a node of the candidate, or change a leaf", 1, 2,
+     &interpreter::set},
+    {"delete", "PATH", "remove nodes from the candidate", 1, 1, &interpreter::remove},
+    {"show", "[NAME] [PATH]",
+     "the configuration running, old, candidate or deployment, or published", 0, 2,
+     &interpreter::show},
+    {"diff", "", "what the candidate changes", 0, 0, &interpreter::diff},
+    {"commit", "", "put the candidate in force", 0, 0, &interpreter::commit},
+    {"discard", "", "make the candidate equal to the running configuration", 0, 0,
+     &interpreter::discard},
+    {"status", "PATH [FILTER]", "ask a plugin for status data", 1, 2, &interpreter::status},
+    {"call", "OPERATION [XML|@FILE]", "call an operation of a plugin", 1, any_number,
+     &interpreter::call},
+    {"kickoff", "[PLUGIN]", "kick off one plugin, or all", 0, 1, &interpreter::kickoff},
+    {"wait", "PLUGIN [SECONDS]", "until the plugin is activated", 1, 2, &interpreter::wait},
+    {"wait-notification", "[SECONDS]", "until a notification arrives that was not shown yet", 0, 1,
+     &interpreter::wait_notification},
+    {"notifications", "", "the notifications received so far", 0, 0, &interpreter::notifications},
+    {"expect", "TEXT", "fail unless the last answer holds TEXT", 1, any_number,
+     &interpreter::expect},
+    {"expect-not", "TEXT", "fail if the last answer holds TEXT", 1, any_number,
+     &interpreter::expect_not},
+    {"expect-exit", "[STATUS] [SECONDS]",
+     "until the program that runs ends as expected: status 0, another one, or a signal's name", 0,
+     2, &interpreter::expect_exit},
+    {"fail", "COMMAND...", "carry the command out and fail unless it does", 1, any_number,
+     &interpreter::expect_failure},
+    {"try", "COMMAND...", "carry the command out and go on when it fails", 1, any_number,
+     &interpreter::attempt},
+    {"sleep", "SECONDS", "let time pass", 1, 1, &interpreter::sleep},
+    {"echo", "TEXT", "print a text", 0, any_number, &interpreter::echo},
+    {"trace", "on|off", "print the frames in both directions, secrets masked", 1, 1,
+     &interpreter::trace},
+    {"help", "", "this list", 0, 0, &interpreter::help},
+    {"quit", "", "end confsim", 0, 0, &interpreter::quit},
+};
+
+bool interpreter::run(const std::string &line)
+{
+    try {
+        const words split = split_words(line);
+        if (!split.empty()) {
+            keeps_answer_ = keeps_answer(split);
+            if (!keeps_answer_) {
+                answer_.clear();
+            }
+            (this->*look_up(split).carry_out)(split);
+        }
+        return true;
+    } catch (const failure &reason) {
+        error_ = reason.what();
+        say("error: " + error_);
+        return false;
+    }
+}
+
+const interpreter::command &interpreter::look_up(const words &line)
+{
+    const auto *found =
+        std::find_if(std::begin(table), std::end(table),
+                     [&line](const command &each) { return line.front() == each.name; });
+    if (found == std::end(table)) {
+        throw failure("there is no command " + line.front() + "; try help");
+    }
+    if (line.size() - 1 < found->fewest || line.size() - 1 > found->most) {
+        throw failure(std::string("usage: ") + found->name + " " + found->arguments);
+    }
+    return *found;
+}
+
+// Whether `expect` behind a command still looks at the answer before it.
+bool interpreter::keeps_answer(const words &line)
+{
+    static const std::set<std::string> wrapping = {"fail", "try"};
+    static const std::set<std::string> keeping = {"expect", "expect-not", "sleep", "echo", "trace"};
+    const auto first = std::find_if(
+        line.begin(), line.end(), [](const std::string &word) { return !wrapping.contains(word); });
+    return first != line.end() && keeping.contains(*first);
+}
+
+// Prints a part of the answer at once.
+void interpreter::say(const std::string &text)
+{
+    if (!keeps_answer_) {
+        answer_ += (answer_.empty() ? "" : "\n") + here_.out.shown(text);
+    }
+    here_.out.print(text);
+}
+
+void interpreter::load(const words &line)
+{
+    here_.config.load(line[1]);
+    say("candidate loaded from " + line[1]);
+}
+
+void interpreter::set(const words &line)
+{
+    here_.config.set(parse_path(line[1]), line.size() > 2 ? std::optional(line[2]) : std::nullopt);
+    say("ok");
+}
+
+void interpreter::remove(const words &line)
+{
+    const std::size_t count = here_.config.remove(parse_path(line[1]));
+    if (count == 0) {
+        throw failure("the candidate holds no " + line[1]);
+    }
+    say(count == 1 ? "ok" : std::to_string(count) + " nodes removed");
+}
+
+void interpreter::show(const words &line)
+{
+    const node *chosen = line.size() > 1 ? here_.config.named(line[1]) : nullptr;
+    const std::size_t path_position = chosen == nullptr ? 1 : 2;
+    const node &tree = chosen == nullptr ? here_.config.running() : *chosen;
+    if (line.size() > path_position + 1) {
+        throw failure("usage: show [running|old|candidate|deployment|published] [PATH]");
+    }
+    std::vector<const node *> shown = {&tree};
+    if (line.size() > path_position) {
+        shown = find(tree, parse_path(line[path_position]));
+    }
+    for (const node *each : shown) {
+        say(here_.out.shown(here_.config.as_xml(*each).get()));
+    }
+    if (shown.empty()) {
+        throw failure("there is no " + line[path_position]);
+    }
+}
+
+void interpreter::diff(const words & /*line*/)
+{
+    const std::vector<difference> changes =
+        differences(here_.config.running(), here_.config.candidate());
+    for (const difference &each : changes) {
+        say(to_text(each));
+    }
+    if (changes.empty()) {
+        say("no difference");
+    }
+}
+
+void interpreter::commit(const words & /*line*/)
+{
+    confsim::commit(here_.service, here_.config, [this](const std::string &text) { say(text); });
+}
+
+void interpreter::discard(const words & /*line*/)
+{
+    here_.config.discard();
+    say("ok");
+}
+
+seconds interpreter::patience_from(const words &line, std::size_t position) const
+{
+    if (line.size() <= position) {
+        return here_.patience;
+    }
+    char *end = nullptr;
+    const double given = std::strtod(line[position].c_str(), &end);
+    if (line[position].empty() || *end != '\0' || !(given >= 0 && given <= 86400)) {
+        throw failure("not a number of seconds: " + line[position]);
+    }
+    return seconds(given);
+}
+
+void interpreter::expect(const words &line)
+{
+    const std::string text = expected_text(line);
+    if (answer_.find(text) == std::string::npos) {
+        throw failure("expected \"" + text + "\" in the last answer, which was:\n" + answer_);
+    }
+}
+
+void interpreter::expect_not(const words &line)
+{
+    const std::string text = expected_text(line);
+    if (answer_.find(text) != std::string::npos) {
+        throw failure("did not expect \"" + text + "\" in the last answer, which was:\n" + answer_);
+    }
+}
+
+void interpreter::expect_exit(const words &line)
+{
+    if (here_.program == nullptr) {
+        throw failure("no program was started; see confsim run");
+    }
+    const std::string wanted = line.size() > 1 ? line[1] : "0";
+    here_.program->expect(wanted, patience_from(line, 2));
+    say("ended as expected: " + wanted);
+}
+
+void interpreter::expect_failure(const words &line)
+{
+    const words inner(line.begin() + 1, line.end());
+    const command &known = look_up(inner); // a mistyped command is no failure to expect
+    try {
+        (this->*known.carry_out)(inner);
+    } catch (const failure &reason) {
+        say(std::string("failed as expected: ") + reason.what());
+        return;
+    }
+    throw failure("expected the command to fail: " + join_words(line, 1));
+}
+
+void interpreter::attempt(const words &line)
+{
+    const words inner(line.begin() + 1, line.end());
+    const command &known = look_up(inner);
+    try {
+        (this->*known.carry_out)(inner);
+    } catch (const failure &reason) {
+        say(std::string("failed: ") + reason.what());
+    }
+}
+
+void interpreter::sleep(const words &line)
+{
+    const auto never = [] { return false; };
+    (void)here_.loop.run_until(never, after(patience_from(line, 1)));
+}
+
+void interpreter::echo(const words &line)
+{
+    here_.out.print(join_words(line, 1));
+}
+
+void interpreter::trace(const words &line)
+{
+    if (line[1] != "on" && line[1] != "off") {
+        throw failure("usage: trace on|off");
+    }
+    here_.trace.enable(line[1] == "on");
+}
+
+void interpreter::help(const words & /*line*/)
+{
+    for (const command &each : table) {
+        std::string usage = std::string(each.name) + " " + each.arguments;
+        usage.resize(std::max<std::size_t>(usage.size() + 1, 32), ' ');
+        say(usage + each.help);
+    }
+}
+
+void interpreter::quit(const words & /*line*/)
+{
+    has_quit_ = true;
+}
+
+} // namespace confsim

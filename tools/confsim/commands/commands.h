@@ -1,0 +1,94 @@
+// The command language: one command a line, found in a table.
+#ifndef CONFSIM_COMMANDS_H
+#define CONFSIM_COMMANDS_H
+
+#include "commands/child.h"
+#include "commands/console.h"
+#include "service/daemon.h"
+#include "service/loop.h"
+#include "store/configuration.h"
+#include "trace/trace.h"
+
+#include <string>
+#include <vector>
+
+namespace confsim {
+
+// What the commands work on.
+struct workplace {
+    event_loop &loop;
+    console &out;
+    tracer &trace;
+    configuration &config;
+    conf_daemon &service;
+    seconds patience;
+    child *program = nullptr; // of run
+};
+
+class interpreter {
+public:
+    explicit interpreter(const workplace &here) : here_(here) {}
+
+    // Carries one line out and prints its answer, which begins with "error: " when it fails.
+    // Returns whether it succeeded; an empty line does.
+    bool run(const std::string &line);
+
+    [[nodiscard]] bool has_quit() const { return has_quit_; }
+    // Why the last command failed.
+    [[nodiscard]] const std::string &error() const { return error_; }
+
+private:
+    using words = std::vector<std::string>;
+    struct command {
+        const char *name;
+        const char *arguments;
+        const char *help;
+        std::size_t fewest;
+        std::size_t most;
+        void (interpreter::*carry_out)(const words &);
+    };
+    static const command table[];
+
+    [[nodiscard]] static const command &look_up(const words &line);
+    [[nodiscard]] static bool keeps_answer(const words &line);
+    void say(const std::string &text);
+    [[nodiscard]] std::string shown_children(const xmlNode *parent) const;
+    [[nodiscard]] plugin_ptr active_plugin(const std::string &name) const;
+    [[nodiscard]] seconds patience_from(const words &line, std::size_t position) const;
+    [[nodiscard]] static const xmlNode *result_of(const answer &got, const std::string &who);
+
+    void plugins(const words &line);
+    void load(const words &line);
+    void set(const words &line);
+    void remove(const words &line);
+    void show(const words &line);
+    void diff(const words &line);
+    void commit(const words &line);
+    void discard(const words &line);
+    void status(const words &line);
+    void call(const words &line);
+    void kickoff(const words &line);
+    void wait(const words &line);
+    void wait_notification(const words &line);
+    void notifications(const words &line);
+    void expect(const words &line);
+    void expect_not(const words &line);
+    void expect_exit(const words &line);
+    void expect_failure(const words &line);
+    void attempt(const words &line);
+    void sleep(const words &line);
+    void echo(const words &line);
+    void trace(const words &line);
+    void help(const words &line);
+    void quit(const words &line);
+
+    workplace here_;
+    std::string answer_; // of the last command that gives one
+    bool keeps_answer_ = false;
+    std::string error_;
+    bool has_quit_ = false;
+};
+
+} // namespace confsim
+
+#endif

@@ -1,0 +1,236 @@
+// The commands that deal with plugins. See commands.h.
+#include "commands/commands.h"
+
+#include "commands/words.h"
+#include "failure.h"
+#include "tree/nearest.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <list>
+#include <sstream>
+
+namespace confsim {
+
+namespace {
+
+const char *state_text(plugin::state now)
+{
+    switch (now) {
+    case plugin::state::connected:
+        return "connected";
+    case plugin::state::registered:
+        return "registered";
+    case plugin::state::activated:
+        return "activated";
+    case plugin::state::gone:
+        break;
+    }
+    return "gone";
+}
+
+std::string read_file(const std::string &name)
+{
+    std::ifstream file(name);
+    std::ostringstream text;
+    if (file.peek() != std::ifstream::traits_type::eof()) {
+        text << file.rdbuf();
+    }
+    if (!file.is_open() || file.bad() || !text) {
+        throw failure("cannot read " + name);
+    }
+    return text.str();
+}
+
+// Whether an operation goes by this name, in any form of path.
+bool is_called(const operation &known, const std::string &name)
+{
+    if (known.name == name) {
+        return true;
+    }
+    try {
+        return to_text(parse_path(known.name)) == to_text(parse_path(name));
+    } catch (const failure &) {
+        return false;
+    }
+}
+
+} // namespace
+
+void interpreter::plugins(const words & /*line*/)
+{
+    if (here_.service.plugins().empty()) {
+        say("no plugin is connected");
+    }
+    for (const plugin_ptr &each : here_.service.plugins()) {
+        say(each->called() + ": " + state_text(each->now) + ", pid " + each->stream.process());
+        for (const subscription &config : each->configs) {
+            say("    configuration " + to_text(config.where) + ", priority " +
+                std::to_string(config.priority) + ", index " + std::to_string(config.index));
+        }
+        for (const subscription &status : each->statuses) {
+            say("    status        " + to_text(status.where) + ", index " +
+                std::to_string(status.index));
+        }
+        for (const operation &operation : each->operations) {
+            say("    operation     " + operation.name + ", index " +
+                std::to_string(operation.index));
+        }
+    }
+}
+
+const xmlNode *interpreter::result_of(const answer &got, const std::string &who)
+{
+    if (!got.is_result()) {
+        throw failure("plugin " + who + ", " + got.in_words());
+    }
+    return got.result();
+}
+
+std::string interpreter::shown_children(const xmlNode *parent) const
+{
+    std::string shown;
+    for (xmlNode *node = parent->children; node != nullptr; node = node->next) {
+        shown += (shown.empty() ? "" : "\n") + here_.out.shown(node);
+    }
+    return shown;
+}
+
+void interpreter::status(const words &line)
+{
+    const path where = parse_path(line[1]);
+    plugin_ptr best;
+    subscription published{};
+    std::vector<std::string> names;
+    for (const plugin_ptr &each : here_.service.plugins()) {
+        for (const subscription &status : each->statuses) {
+            if (each->is_active()) {
+                names.push_back(to_text(status.where));
+            }
+            if (each->is_active() && leads_to(status.where, where) &&
+                status.where.size() > published.where.size()) {
+                best = each;
+                published = status;
+            }
+        }
+    }
+    if (best == nullptr) {
+        throw failure("no active plugin publishes status of " + line[1] +
+                      hint_of_nearest(to_text(where), names));
+    }
+    xml::node_ptr params = xml::element("params");
+    xml::add(params.get(), "path", to_text(where));
+    xml::add(params.get(), "session-id", session_id);
+    if (line.size() > 2) {
+        if (!xml::can_hold(line[2])) {
+            throw failure("status of " + line[1] +
+                          ": the filter holds characters that XML cannot hold");
+        }
+        xml::add(params.get(), "filter", line[2]);
+    }
+    xml::add(params.get(), "callback", std::to_string(published.index));
+    const answer got = here_.service.exchange(best, "subscribe", std::move(params));
+    const xmlNode *data = xml::child(result_of(got, best->name + ", " + to_text(where)), "data");
+    const std::string printed = data == nullptr ? "" : shown_children(data);
+    say(printed.empty() ? "no data" : printed);
+}
+
+void interpreter::call(const words &line)
+{
+    std::string input = join_words(line, 2);
+    if (input.starts_with('@')) {
+        input = read_file(input.substr(1));
+    }
+    const std::list<plugin_ptr> present = here_.service.plugins(); // one that ends leaves the list
+    std::vector<std::string> names;
+    for (const plugin_ptr &each : present) {
+        const auto found =
+            std::find_if(each->operations.begin(), each->operations.end(),
+                         [&line](const operation &known) { return is_called(known, line[1]); });
+        if (!each->is_active()) {
+            continue;
+        }
+        if (found == each->operations.end()) {
+            for (const operation &served : each->operations) {
+                names.push_back(served.name);
+            }
+            continue;
+        }
+        const xml::doc_ptr info = xml::parse_text("<info>" + input + "</info>", "input");
+        xml::node_ptr params = xml::element("params");
+        xml::add(params.get(), "type", "operate");
+        xml::add(params.get(), "session-id", session_id);
+        xml::add(params.get(), "callback", std::to_string(found->index));
+        xml::add(params.get(), xml::copy(xmlDocGetRootElement(info.get())));
+        const answer got = here_.service.exchange(each, "publish", std::move(params));
+        say(shown_children(result_of(got, each->name + ", " + line[1])));
+        return;
+    }
+    throw failure("no active plugin serves the operation " + line[1] +
+                  hint_of_nearest(line[1], names));
+}
+
+plugin_ptr interpreter::active_plugin(const std::string &name) const
+{
+    plugin_ptr found = here_.service.find(name);
+    if (found == nullptr || !found->is_active()) {
+        throw failure("there is no active plugin " + name);
+    }
+    return found;
+}
+
+void interpreter::kickoff(const words &line)
+{
+    std::vector<plugin_ptr> chosen;
+    if (line.size() > 1) {
+        chosen.push_back(active_plugin(line[1]));
+    } else {
+        std::copy_if(here_.service.plugins().begin(), here_.service.plugins().end(),
+                     std::back_inserter(chosen),
+                     [](const plugin_ptr &each) { return each->is_active(); });
+    }
+    for (const plugin_ptr &each : chosen) {
+        const answer got = here_.service.exchange(each, "kickoff", xml::element("params"));
+        (void)result_of(got, each->name);
+        say(each->name + ": ok");
+    }
+    if (chosen.empty()) {
+        throw failure("there is no active plugin");
+    }
+}
+
+void interpreter::wait(const words &line)
+{
+    const auto is_there = [&] {
+        const plugin_ptr found = here_.service.find(line[1]);
+        return found != nullptr && found->is_active();
+    };
+    if (!here_.loop.run_until(is_there, after(patience_from(line, 2)))) {
+        throw failure("plugin " + line[1] + " was not activated in time");
+    }
+    say("plugin " + line[1] + " is activated");
+}
+
+void interpreter::wait_notification(const words &line)
+{
+    std::optional<std::string> got;
+    const auto arrived = [&] { return (got = here_.service.take_notification()).has_value(); };
+    if (!here_.loop.run_until(arrived, after(patience_from(line, 1)))) {
+        throw failure("no notification arrived in time");
+    }
+    say(here_.out.shown_notification(*got));
+}
+
+void interpreter::notifications(const words & /*line*/)
+{
+    for (const std::string &each : here_.service.notifications()) {
+        say(here_.out.shown_notification(each));
+    }
+    if (here_.service.notifications().empty()) {
+        say("no notification was received");
+    }
+    here_.service.take_all_notifications();
+}
+
+} // namespace confsim

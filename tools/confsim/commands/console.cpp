@@ -1,0 +1,43 @@
+// See console.h.
+#include "commands/console.h"
+
+#include "trace/mask.h"
+#include "tree/xml.h"
+
+#include <cstdio>
+
+namespace confsim {
+
+void console::print(const std::string &text) const
+{
+    if (before) {
+        before();
+    }
+    std::fputs((shown(text) + "\n").c_str(), stdout);
+    std::fflush(stdout);
+    if (after) {
+        after();
+    }
+}
+
+std::string console::shown(const std::string &text) const
+{
+    return masks_ ? masked(text) : text;
+}
+
+std::string console::shown(xmlNode *node) const
+{
+    return masks_ ? masked(node) : xml::print(node);
+}
+
+std::string console::shown_notification(const std::string &text) const
+{
+    return masks_ ? masked_as_given(text) : text;
+}
+
+std::string console::shown_command(const std::string &line) const
+{
+    return masks_ ? masked_command(line) : line;
+}
+
+} // namespace confsim

@@ -1,0 +1,140 @@
+// See commit.h.
+#include "service/commit.h"
+
+#include "conf_api.h"
+#include "failure.h"
+#include "tree/nearest.h"
+
+#include <algorithm>
+
+namespace confsim {
+
+namespace {
+
+using speaker = std::function<void(const std::string &)>;
+
+// Lets plugins read the candidate, for its lifetime.
+class committing_scope {
+public:
+    explicit committing_scope(configuration &config) : config_(config)
+    {
+        config_.set_committing(true);
+    }
+    ~committing_scope() { config_.set_committing(false); }
+    committing_scope(const committing_scope &) = delete;
+    committing_scope &operator=(const committing_scope &) = delete;
+
+private:
+    configuration &config_;
+};
+
+std::string in_words(const publication &what)
+{
+    return std::string(verb_of(what.oper)) + " " + to_text(what.where) + " to " + what.to->name;
+}
+
+std::string counted(std::size_t count, const char *what)
+{
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+answer publish(conf_daemon &service, const std::vector<publication> &all, std::size_t current)
+{
+    return service.exchange(all[current].to, "publish",
+                            publish_params(all[current], more_follow(all, current)));
+}
+
+int inverse(int oper)
+{
+    switch (oper) {
+    case CONFIG_OP_ADD:
+        return CONFIG_OP_RM;
+    case CONFIG_OP_RM:
+        return CONFIG_OP_ADD;
+    default:
+        return oper;
+    }
+}
+
+// Publishes what was applied back, the last first. A plugin that cannot take its change back is
+// reported; the others still take back theirs.
+void roll_back(conf_daemon &service, std::vector<publication> applied, const speaker &say)
+{
+    std::reverse(applied.begin(), applied.end());
+    for (publication &each : applied) {
+        each.oper = inverse(each.oper) | CONFIG_OP_ROLLBACK;
+    }
+    for (std::size_t i = 0; i < applied.size(); ++i) {
+        const answer got = publish(service, applied, i);
+        say("roll back: " + in_words(applied[i]) + ": " +
+            (got.is_result() ? "ok" : got.in_words()));
+    }
+}
+
+// A subscription that is mistyped shows in what nobody is told of.
+void report_unsubscribed(const std::list<plugin_ptr> &plugins,
+                         const std::vector<difference> &changes, const speaker &say)
+{
+    constexpr std::size_t most = 10;
+    std::vector<std::string> names;
+    for (const path &each : subscribed_paths(plugins)) {
+        names.push_back(to_text(each));
+    }
+    const std::vector<std::string> all = unsubscribed(plugins, changes);
+    for (std::size_t i = 0; i < std::min(all.size(), most); ++i) {
+        say("no active plugin subscribed to " + all[i] + hint_of_nearest(all[i], names));
+    }
+    if (all.size() > most) {
+        say("nor to " + counted(all.size() - most, "further path"));
+    }
+}
+
+void carry_out(conf_daemon &service, configuration &config, const speaker &say)
+{
+    const std::vector<difference> changes = differences(config.running(), config.candidate());
+    std::vector<publication> all = publications(service.plugins(), changes);
+    report_unsubscribed(service.plugins(), changes, say);
+    const committing_scope scope(config);
+    const auto give_up = [&](const std::string &why) {
+        roll_back(service, std::move(all), say);
+        throw failure("commit failed: " + why);
+    };
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const answer got = publish(service, all, i);
+        say("publish: " + in_words(all[i]) + ": " + (got.is_result() ? "ok" : got.in_words()));
+        if (!got.is_result()) {
+            const std::string why =
+                "plugin " + all[i].to->name + ", " + to_text(all[i].where) + ", " + got.in_words();
+            all.resize(i);
+            give_up(why);
+        }
+    }
+    try {
+        config.accept();
+    } catch (const failure &reason) {
+        give_up(reason.what());
+    }
+    say("committed: " + counted(changes.size(), "difference") + ", " +
+        counted(all.size(), "publication"));
+}
+
+} // namespace
+
+void commit(conf_daemon &service, configuration &config, const speaker &say)
+{
+    // A plugin that starts is told what is in force, before the commit or after it.
+    service.hold_starts();
+    const std::list<plugin_ptr> present = service.plugins();
+    for (const plugin_ptr &each : present) {
+        (void)service.wait_until_free(each); // one that is late does not stop it
+    }
+    try {
+        carry_out(service, config, say);
+    } catch (const failure &) {
+        service.release_starts();
+        throw;
+    }
+    service.release_starts();
+}
+
+} // namespace confsim

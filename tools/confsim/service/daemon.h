@@ -1,0 +1,91 @@
+// Plays the configuration daemon towards plugins: accepts them, answers what they ask, and asks
+// them on behalf of the commands.
+#ifndef CONFSIM_DAEMON_H
+#define CONFSIM_DAEMON_H
+
+#include "commands/console.h"
+#include "service/agents.h"
+#include "service/endpoints.h"
+#include "service/loop.h"
+#include "service/plugin.h"
+#include "service/publication.h"
+#include "service/server.h"
+#include "store/configuration.h"
+#include "trace/trace.h"
+
+#include <deque>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace confsim {
+
+class conf_daemon {
+public:
+    conf_daemon(event_loop &loop, const console &out, const tracer &trace, configuration &config,
+                const endpoints &where, seconds patience);
+    ~conf_daemon();
+    conf_daemon(const conf_daemon &) = delete;
+    conf_daemon &operator=(const conf_daemon &) = delete;
+
+    [[nodiscard]] const std::list<plugin_ptr> &plugins() const { return plugins_.peers(); }
+    [[nodiscard]] plugin_ptr find(const std::string &name) const;
+
+    // Waits until the plugin has answered all that it was asked, as long as no single answer takes
+    // too long. Returns whether it has.
+    bool wait_until_free(const plugin_ptr &whom);
+
+    // Sends a request to a free plugin and waits for what becomes of it; never throws broken.
+    answer exchange(const plugin_ptr &to, const char *method, xml::node_ptr params);
+
+    // While starts are held, plugins that are activated wait to be told the configuration.
+    void hold_starts() { are_starts_held_ = true; }
+    void release_starts();
+
+    // Notifications as received, the oldest first; the oldest of very many are forgotten.
+    [[nodiscard]] const std::deque<std::string> &notifications() const { return notifications_; }
+    // The oldest one that was not yet taken, if any.
+    std::optional<std::string> take_notification();
+    void take_all_notifications() { not_taken_ = 0; }
+
+private:
+    using handler = xml::node_ptr (conf_daemon::*)(const plugin_ptr &from, const xmlNode *params);
+    struct served_method {
+        const char *name;
+        handler handle;
+    };
+    static const served_method methods[];
+
+    void receive_notifications();
+    void handle(const plugin_ptr &from, xml::node_ptr message);
+    void let_go(const plugin_ptr &whom, const std::string &why);
+    void start(const plugin_ptr &whom);
+    void ask(const plugin_ptr &to, const char *method, xml::node_ptr params, plugin::answered done);
+
+    xml::node_ptr on_register(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_activate(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_deactivate(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_pull(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_locate(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_push(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_config_deployment(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_save_deployment(const plugin_ptr &from, const xmlNode *params);
+    xml::node_ptr on_copy_deployment(const plugin_ptr &from, const xmlNode *params);
+
+    event_loop &loop_;
+    const console &out_;
+    const tracer &trace_;
+    configuration &config_;
+    const endpoints &where_;
+    seconds patience_;
+    agent_service agents_;
+    server<plugin> plugins_;
+    std::deque<std::string> notifications_;
+    std::size_t not_taken_ = 0;
+    bool are_starts_held_ = false;
+};
+
+} // namespace confsim
+
+#endif

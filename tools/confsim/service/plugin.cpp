@@ -1,0 +1,170 @@
+// See plugin.h.
+#include "service/plugin.h"
+
+#include "conf_plugin.h"
+#include "failure.h"
+
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace confsim {
+
+namespace {
+
+template <typename Visit>
+void for_each_entry(const xmlNode *params, const char *section, Visit visit)
+{
+    const xmlNode *entries = xml::child(params, section);
+    if (entries == nullptr) {
+        return;
+    }
+    for (const xmlNode *entry = xml::first_element(entries); entry != nullptr;
+         entry = xml::next_element(entry)) {
+        visit(entry);
+    }
+}
+
+std::vector<subscription> read_subscriptions(const xmlNode *params, const char *section)
+{
+    std::vector<subscription> found;
+    for_each_entry(params, section, [&found](const xmlNode *entry) {
+        found.push_back({parse_path(xml::child_text(entry, "path")),
+                         xml::child_number(entry, "priority"),
+                         xml::child_number(entry, "callback")});
+    });
+    return found;
+}
+
+answer read_answer(xml::node_ptr reply)
+{
+    xmlNode *result = nullptr;
+    xmlNode *error = nullptr;
+    if (plugin_parse_reply(reply.get(), &result, &error) != 0) {
+        return {answer::outcome::refused, -1, "the reply holds neither result nor error",
+                std::move(reply)};
+    }
+    if (result != nullptr) {
+        return {answer::outcome::result, 0, "", std::move(reply)};
+    }
+    const char *text = plugin_get_reply_errmsg(error);
+    return {answer::outcome::refused, plugin_get_reply_errcode(error), text == nullptr ? "" : text,
+            std::move(reply)};
+}
+
+} // namespace
+
+std::string answer::in_words() const
+{
+    return kind == outcome::refused ? "code " + std::to_string(code) + ": " + message : message;
+}
+
+plugin::plugin(int descriptor, const tracer &trace, event_loop &loop, seconds patience)
+    : stream(descriptor, trace), loop_(loop), patience_(patience)
+{
+}
+
+plugin::~plugin()
+{
+    stop_waiting();
+}
+
+std::string plugin::called() const
+{
+    return name.empty() ? "process " + stream.process() : name;
+}
+
+void plugin::take_registration(const xmlNode *params)
+{
+    const std::string given = xml::child_text(params, "plugin-name");
+    if (given.empty()) {
+        throw failure("The registration names no plugin.");
+    }
+    std::vector<subscription> new_configs = read_subscriptions(params, "config-subscribe");
+    std::vector<subscription> new_statuses = read_subscriptions(params, "status-publish");
+    std::vector<operation> new_operations;
+    for_each_entry(params, "operate-subscribe", [&new_operations](const xmlNode *entry) {
+        new_operations.push_back(
+            {xml::child_text(entry, "path"), xml::child_number(entry, "callback")});
+    });
+    configs = std::move(new_configs);
+    statuses = std::move(new_statuses);
+    operations = std::move(new_operations);
+    name = given;
+    stream.set_peer(name);
+    now = state::registered;
+}
+
+void plugin::ask(const char *method, xml::node_ptr params, answered done)
+{
+    const u32_t id = last_id_ = last_id_ % 0x7fffffffU + 1;
+    xml::node_ptr document(plugin_build_rpc_message(method, params.release(), id));
+    if (document == nullptr) {
+        throw std::bad_alloc();
+    }
+    requests_.push_back({id, std::move(document), std::move(done)});
+    if (requests_.size() == 1) {
+        send_next();
+    }
+}
+
+void plugin::take_reply(xml::node_ptr reply)
+{
+    if (requests_.empty() || plugin_get_msgid(reply.get()) != requests_.front().id) {
+        return; // an answer to nothing that was asked
+    }
+    stop_waiting();
+    const request answered_request = std::move(requests_.front());
+    requests_.pop_front();
+    if (answered_request.done) {
+        answered_request.done(read_answer(std::move(reply)));
+    }
+    if (!requests_.empty() && !timeout_) {
+        send_next();
+    }
+}
+
+void plugin::send_next()
+{
+    timeout_ = loop_.start_timer(patience_, [this] {
+        timeout_.reset();
+        const answered done = std::exchange(requests_.front().done, nullptr);
+        done({answer::outcome::silent, -1, "no answer in time", nullptr});
+    });
+    stream.send(requests_.front().document.get());
+}
+
+void plugin::give_up(const std::string &why)
+{
+    stop_waiting();
+    end(std::exchange(requests_, {}), why);
+}
+
+void plugin::give_up_unsent(const std::string &why)
+{
+    std::deque<request> sent;
+    if (!requests_.empty()) {
+        sent.push_back(std::move(requests_.front()));
+        requests_.pop_front();
+    }
+    end(std::exchange(requests_, std::move(sent)), why);
+}
+
+void plugin::end(const std::deque<request> &given_up, const std::string &why)
+{
+    for (const request &each : given_up) {
+        if (each.done) {
+            each.done({answer::outcome::gone, -1, why, nullptr});
+        }
+    }
+}
+
+void plugin::stop_waiting()
+{
+    if (timeout_) {
+        loop_.stop_timer(*timeout_);
+        timeout_.reset();
+    }
+}
+
+} // namespace confsim

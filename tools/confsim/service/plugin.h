@@ -1,0 +1,115 @@
+// One connected plugin: who it is, what it registered, and the requests that wait for its answers.
+//
+// A plugin is asked one thing at a time: while it waits for an answer of its own in the middle of a
+// callback, it discards every other message. So a request that was given up still holds up those
+// behind it until the plugin answers.
+#ifndef CONFSIM_PLUGIN_H
+#define CONFSIM_PLUGIN_H
+
+#include "service/connection.h"
+#include "service/loop.h"
+#include "tree/path.h"
+
+#include "conf_def.h"
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace confsim {
+
+// A configuration or status path that a plugin named at registration.
+struct subscription {
+    path where;
+    int priority; // of configuration
+    int index;    // of the callback
+};
+
+// An operation that it serves.
+struct operation {
+    std::string name;
+    int index;
+};
+
+// What became of a request.
+struct answer {
+    enum class outcome { result, refused, gone, silent };
+
+    outcome kind;
+    int code = 0;             // of an error
+    std::string message;      // of an error, or in words what else went wrong
+    xml::node_ptr document{}; // the reply, when one came
+
+    [[nodiscard]] bool is_result() const { return kind == outcome::result; }
+    [[nodiscard]] const xmlNode *result() const { return xml::child(document.get(), "result"); }
+    // "code 22: text", or what else went wrong.
+    [[nodiscard]] std::string in_words() const;
+};
+
+class plugin {
+public:
+    enum class state { connected, registered, activated, gone };
+    using answered = std::function<void(answer)>;
+
+    plugin(int descriptor, const tracer &trace, event_loop &loop, seconds patience);
+    ~plugin();
+    plugin(const plugin &) = delete;
+    plugin &operator=(const plugin &) = delete;
+
+    connection stream;
+    state now = state::connected;
+    std::string name; // empty until it registers
+    std::vector<subscription> configs;
+    std::vector<subscription> statuses;
+    std::vector<operation> operations;
+    int wanted_start = 0; // CONFIG_OP_CFGR or _SMOOTH until it is told the configuration that way
+
+    [[nodiscard]] bool is_active() const { return now == state::activated; }
+
+    // The name, or what there is instead.
+    [[nodiscard]] std::string called() const;
+
+    // Takes over what a register request says. Throws failure, with the plugin as before.
+    void take_registration(const xmlNode *params);
+
+    // Sends a request as soon as the ones before it are answered. `done` is called exactly once,
+    // from the event loop, also when no answer comes in time. Throws broken.
+    void ask(const char *method, xml::node_ptr params, answered done);
+
+    // An answer has come. Throws broken when sending the next request fails.
+    void take_reply(xml::node_ptr reply);
+
+    // The number of the request that it has yet to answer, in time or not; 0 when there is none.
+    [[nodiscard]] u32_t awaited() const { return requests_.empty() ? 0 : requests_.front().id; }
+
+    // End all requests, or those that wait for an answer to another, for a plugin that has gone or
+    // takes part no longer.
+    void give_up(const std::string &why);
+    void give_up_unsent(const std::string &why);
+
+private:
+    struct request {
+        u32_t id;
+        xml::node_ptr document;
+        answered done; // null when it was given up
+    };
+
+    void send_next();
+    static void end(const std::deque<request> &given_up, const std::string &why);
+    void stop_waiting();
+
+    event_loop &loop_;
+    seconds patience_;
+    std::deque<request> requests_; // the first one has been sent
+    std::optional<event_loop::timer> timeout_;
+    u32_t last_id_ = 0;
+};
+
+using plugin_ptr = std::shared_ptr<plugin>;
+
+} // namespace confsim
+
+#endif

@@ -1,0 +1,369 @@
+// See siblings.h.
+#include "tree/siblings.h"
+
+#include "tree/tree.h"
+
+#include <algorithm>
+#include <array>
+
+namespace confsim {
+
+namespace {
+
+// From this number on, an index is worth its memory; below the lower one it goes again.
+constexpr std::size_t many = 32;
+constexpr std::size_t few = 16;
+
+bool is_usual_key(const node &tree)
+{
+    constexpr std::array<std::string_view, 4> names = {"name", "id", "key", "index"};
+    return tree.is_leaf() && std::find(names.begin(), names.end(), tree.name) != names.end();
+}
+
+// Names compare before modules, which are few.
+using full_name = std::pair<std::string_view, std::string_view>;
+
+full_name name_of(const node &tree)
+{
+    return {tree.name, tree.module};
+}
+
+bool is_named(const node &tree, const step &wanted)
+{
+    return tree.name == wanted.name && tree.module == wanted.module;
+}
+
+// What a child is found by. It is a copy, so the index stays as it is when something else in the
+// child changes.
+struct naming {
+    explicit naming(const node &of)
+        : name(of.name), module(of.module), key_name(key_of(of).name), key_value(key_of(of).value)
+    {
+    }
+    std::string name;
+    std::string module;
+    std::string key_name;
+    std::string key_value;
+
+    [[nodiscard]] full_name called() const { return {name, module}; }
+    bool operator==(const naming &) const = default;
+};
+
+struct listed {
+    std::uint64_t label;
+    std::shared_ptr<const naming> as;
+
+    bool operator==(const listed &) const = default;
+};
+
+listed listed_as(const branch &whom)
+{
+    return {whom.label, std::make_shared<const naming>(*whom.tree)};
+}
+
+struct no_summary {
+    no_summary() = default;
+    explicit no_summary(const listed & /*of*/) {}
+    no_summary &operator+=(const no_summary & /*more*/) { return *this; }
+};
+
+struct name_order {
+    using summary = no_summary;
+    static std::strong_ordering compare(const listed &item, const listed &probe)
+    {
+        const std::strong_ordering order = compare(item, probe.as->called());
+        return std::is_eq(order) ? item.label <=> probe.label : order;
+    }
+    static std::strong_ordering compare(const listed &item, const full_name &probe)
+    {
+        return item.as->called() <=> probe;
+    }
+};
+
+// All children of a name, or those of them with a key of a name, or those with a key.
+struct key_probe {
+    full_name called;
+    std::optional<std::string_view> key_name{};
+    std::optional<std::string_view> key_value{};
+};
+
+struct key_order {
+    using summary = no_summary;
+    static std::strong_ordering compare(const listed &item, const listed &probe)
+    {
+        const std::strong_ordering order =
+            compare(item, {probe.as->called(), probe.as->key_name, probe.as->key_value});
+        return std::is_eq(order) ? item.label <=> probe.label : order;
+    }
+    static std::strong_ordering compare(const listed &item, const key_probe &probe)
+    {
+        std::strong_ordering order = item.as->called() <=> probe.called;
+        if (std::is_eq(order) && probe.key_name) {
+            order = item.as->key_name <=> *probe.key_name;
+        }
+        if (std::is_eq(order) && probe.key_value) {
+            order = item.as->key_value <=> *probe.key_value;
+        }
+        return order;
+    }
+};
+
+bool has_predicate(const node &tree, const predicate &wanted)
+{
+    const key_view key = key_of(tree);
+    if (key.name == wanted.name) {
+        return key.value == wanted.value;
+    }
+    return std::any_of(tree.children.begin(), tree.children.end(), [&](const node &each) {
+        return each.is_leaf() && each.name == wanted.name && each.text == wanted.value;
+    });
+}
+
+} // namespace
+
+struct siblings::index {
+    shared_set<listed, name_order> by_name;
+    shared_set<listed, key_order> by_key;
+};
+
+extent::extent(const branch &of)
+    : has_leaf(of.tree->is_leaf()), has_usual_key(is_usual_key(*of.tree)), bytes(size_of(*of.tree)),
+      depth(depth_of(*of.tree))
+{
+}
+
+extent &extent::operator+=(const extent &more)
+{
+    has_leaf = has_leaf || more.has_leaf;
+    has_usual_key = has_usual_key || more.has_usual_key;
+    bytes += more.bytes;
+    depth = std::max(depth, more.depth);
+    return *this;
+}
+
+siblings::siblings(std::vector<node> in_order)
+{
+    std::vector<branch> all;
+    all.reserve(in_order.size());
+    for (node &each : in_order) {
+        all.push_back({all.size(), std::make_shared<const node>(std::move(each))});
+    }
+    ordered_ = shared_set<branch, document_order>(all);
+    keep_index();
+}
+
+// Makes the index, or drops it, when the number of children has passed a limit.
+void siblings::keep_index()
+{
+    if (index_ != nullptr && size() < few) {
+        index_ = nullptr;
+    } else if (index_ == nullptr && size() >= many) {
+        std::vector<listed> all;
+        all.reserve(size());
+        for (iterator each = begin(); each != end(); ++each) {
+            all.push_back(listed_as(each.held()));
+        }
+        const auto sorted_by = [&all](auto order) {
+            std::sort(all.begin(), all.end(), [](const listed &left, const listed &right) {
+                return std::is_lt(decltype(order)::compare(left, right));
+            });
+            return shared_set<listed, decltype(order)>(all);
+        };
+        index made;
+        made.by_name = sorted_by(name_order());
+        made.by_key = sorted_by(key_order());
+        index_ = std::make_shared<const index>(std::move(made));
+    }
+}
+
+template <typename Change>
+void siblings::change_index(const Change &change)
+{
+    if (index_ != nullptr) {
+        index changed = *index_;
+        change(changed.by_name);
+        change(changed.by_key);
+        index_ = std::make_shared<const index>(std::move(changed));
+    }
+    keep_index();
+}
+
+branch siblings::append(node added)
+{
+    const branch *last = ordered_.back();
+    return insert(last == nullptr ? 0 : last->label + 1, std::move(added));
+}
+
+branch siblings::insert(std::uint64_t label, node added)
+{
+    branch held{label, std::make_shared<const node>(std::move(added))};
+    ordered_.put(held);
+    change_index([item = listed_as(held)](auto &all) { all.put(item); });
+    return held;
+}
+
+void siblings::replace(const branch &former, node now)
+{
+    if (naming(*former.tree) == naming(now)) {
+        ordered_.put({former.label, std::make_shared<const node>(std::move(now))});
+    } else {
+        erase(former);
+        insert(former.label, std::move(now));
+    }
+}
+
+void siblings::erase(const branch &former)
+{
+    ordered_.erase(former);
+    change_index([item = listed_as(former)](auto &all) { all.erase(item); });
+}
+
+// A few children among which are all that a step leads to: those of the key, where all of the name
+// have a key that the step gives; else those of the name.
+std::vector<branch> siblings::candidates(const step &wanted) const
+{
+    std::vector<branch> found;
+    if (index_ == nullptr) {
+        for (iterator each = begin(); each != end(); ++each) {
+            if (is_named(*each, wanted)) {
+                found.push_back(each.held());
+            }
+        }
+        return found;
+    }
+    const auto take = [&](const auto &all, const auto &probe, auto order) {
+        for (const listed *item = all.first_from(probe);
+             item != nullptr && std::is_eq(decltype(order)::compare(*item, probe));
+             item = all.first_after(*item)) {
+            found.push_back(*at(item->label));
+        }
+    };
+    const auto &by_key = index_->by_key;
+    const key_probe all_named{{wanted.name, wanted.module}};
+    const listed *first = by_key.first_from(all_named);
+    if (first == nullptr || std::is_neq(key_order::compare(*first, all_named))) {
+        return found;
+    }
+    const std::string &key_name = first->as->key_name;
+    const auto given =
+        std::find_if(wanted.keys.begin(), wanted.keys.end(), [&](const predicate &each) {
+            return each.name == key_name && !key_name.empty();
+        });
+    if (given != wanted.keys.end() && by_key.last_up_to(all_named)->as->key_name == key_name) {
+        take(by_key, key_probe{all_named.called, key_name, given->value}, key_order());
+    } else {
+        take(index_->by_name, all_named.called, name_order());
+    }
+    return found;
+}
+
+std::vector<branch> siblings::matching(const step &wanted) const
+{
+    std::vector<branch> found = candidates(wanted);
+    std::erase_if(found, [&](const branch &each) {
+        return !std::all_of(wanted.keys.begin(), wanted.keys.end(), [&](const predicate &key) {
+            return key.name.empty() ? key.value == std::to_string(position_of(each))
+                                    : has_predicate(*each.tree, key);
+        });
+    });
+    return found;
+}
+
+std::size_t siblings::position_of(const branch &whom) const
+{
+    if (index_ != nullptr) {
+        const auto &all = index_->by_name;
+        return all.count_before(listed_as(whom)) - all.count_before(name_of(*whom.tree)) + 1;
+    }
+    return 1 + static_cast<std::size_t>(std::count_if(
+                   begin(),
+                   std::find_if(begin(), end(),
+                                [&whom](const node &each) { return &each == whom.tree.get(); }),
+                   [&whom](const node &each) { return name_of(each) == name_of(*whom.tree); }));
+}
+
+step siblings::step_to(const branch &whom, bool several) const
+{
+    const node &tree = *whom.tree;
+    step made{tree.module, tree.name, {}};
+    if (several || tree.children.begin_with_key()) {
+        const key_view key = key_of(tree);
+        made.keys.push_back({std::string(key.name), key.name.empty()
+                                                        ? std::to_string(position_of(whom))
+                                                        : std::string(key.value)});
+    }
+    return made;
+}
+
+// The next child of the same name in the direction in which `step` goes through a set.
+template <typename Accessor>
+const branch *siblings::neighbour(const branch &whom, Accessor step) const
+{
+    const full_name wanted = name_of(*whom.tree);
+    if (index_ != nullptr) {
+        const listed *found = step(index_->by_name, listed_as(whom));
+        return found != nullptr && found->as->called() == wanted ? at(found->label) : nullptr;
+    }
+    const branch *found = step(ordered_, whom);
+    while (found != nullptr && name_of(*found->tree) != wanted) {
+        found = step(ordered_, *found);
+    }
+    return found;
+}
+
+const branch *siblings::previous(const branch &whom) const
+{
+    return neighbour(whom, [](const auto &all, const auto &from) { return all.last_before(from); });
+}
+
+const branch *siblings::next(const branch &whom) const
+{
+    return neighbour(whom, [](const auto &all, const auto &from) { return all.first_after(from); });
+}
+
+bool siblings::has_several(const std::string &module, const std::string &name) const
+{
+    const full_name wanted{name, module};
+    if (index_ != nullptr) {
+        const auto &all = index_->by_name;
+        const listed *first = all.first_from(wanted);
+        return first != nullptr && first->as->called() == wanted && all.last_up_to(wanted) != first;
+    }
+    return std::count_if(begin(), end(),
+                         [&](const node &each) { return name_of(each) == wanted; }) > 1;
+}
+
+bool siblings::has_twin(const branch &whom) const
+{
+    const key_view key = key_of(*whom.tree);
+    if (key.name.empty()) {
+        return false;
+    }
+    const step wanted{
+        whom.tree->module, whom.tree->name, {{std::string(key.name), std::string(key.value)}}};
+    const std::vector<branch> found = candidates(wanted);
+    return std::any_of(found.begin(), found.end(), [&](const branch &each) {
+        return each.label != whom.label && key_of(*each.tree) == key;
+    });
+}
+
+const node *siblings::key() const
+{
+    const branch *found = ordered_.first_with([](const extent &all) { return all.has_usual_key; });
+    if (found == nullptr) {
+        found = ordered_.first_with([](const extent &all) { return all.has_leaf; });
+    }
+    return found == nullptr ? nullptr : found->tree.get();
+}
+
+bool siblings::begin_with_key() const
+{
+    return !empty() && is_usual_key(*begin());
+}
+
+void siblings::compare(const siblings &before, const siblings &after, const visitor &visit)
+{
+    shared_set<branch, document_order>::compare(before.ordered_, after.ordered_, visit);
+}
+
+} // namespace confsim

@@ -1,0 +1,329 @@
+// See tree.h. Changes are made in a version of their own, which takes the place of the former one
+// at the end.
+#include "tree/tree.h"
+
+#include "failure.h"
+#include "tree/xml.h"
+
+#include <algorithm>
+#include <functional>
+
+namespace confsim {
+
+namespace {
+
+// Parsers of XML stop at 256; a reply wraps the data in three elements more.
+constexpr std::size_t deepest = 250;
+
+path beginning(const path &where, std::size_t count)
+{
+    return {where.begin(), where.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
+// A value that XML cannot hold, or no parser takes, makes the file that it is stored in unreadable.
+void refuse_unprintable(const std::string &text, const path &where)
+{
+    constexpr std::size_t longest = 10000000;
+    if (text.size() > longest) {
+        throw failure(to_text(where) + ": the value is too long");
+    }
+    if (!text.empty() && text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        throw failure(to_text(where) +
+                      ": the value holds nothing but blanks, which is read as empty");
+    }
+    if (!xml::can_hold(text)) {
+        throw failure(to_text(where) + ": the value holds characters that XML cannot hold");
+    }
+}
+
+void refuse_twin(const siblings &all, const branch &whom, const path &above)
+{
+    if (all.has_twin(whom)) {
+        path where = above;
+        where.push_back(all.step_to(whom, true));
+        throw failure("there is more than one " + to_text(where));
+    }
+}
+
+// What must not stand in a file that is to be read again. `where` is as before afterwards.
+void refuse_content(const node &tree, path &where)
+{
+    if (!tree.text.empty() && !tree.is_leaf()) {
+        throw failure(to_text(where) + " holds both a text and other nodes");
+    }
+    for (auto each = tree.children.begin(); each != tree.children.end(); ++each) {
+        refuse_twin(tree.children, each.held(), where);
+        if (!each->is_leaf()) {
+            where.push_back(tree.children.step_to(
+                each.held(), tree.children.has_several(each->module, each->name)));
+            refuse_content(*each, where);
+            where.pop_back();
+        }
+    }
+}
+
+void refuse_depth(const node &tree, const path &where)
+{
+    if (depth_of(tree) > deepest) {
+        throw failure((where.empty() ? "" : to_text(where) + ": ") +
+                      "the data are nested too deep");
+    }
+}
+
+// The node of the last step of a path, with the keys that the step gives.
+node made_for(const path &where)
+{
+    const step &wanted = where.back();
+    node made{wanted.module, wanted.name, "", {}};
+    for (const predicate &key : wanted.keys) {
+        if (key.name.empty()) {
+            throw failure("there is no " + to_text(where) + " to change");
+        }
+        refuse_unprintable(key.value, where);
+        if (key.name == ".") {
+            made.text = key.value;
+        } else {
+            const branch added = made.children.append({wanted.module, key.name, key.value, {}});
+            refuse_twin(made.children, added, where);
+        }
+    }
+    siblings alone;
+    alone.append(made);
+    if (alone.matching(wanted).empty()) {
+        throw failure(to_text(where) + " contradicts itself");
+    }
+    return made;
+}
+
+// A list entry is known by its key. `several`: there are others of its name.
+void refuse_renaming(const node &before, const node &after, bool several, const path &where)
+{
+    const key_view key = key_of(before);
+    const auto is_key = [&key](const predicate &each) { return each.name == key.name; };
+    const bool is_entry = several || before.children.begin_with_key() ||
+                          std::any_of(where.back().keys.begin(), where.back().keys.end(), is_key);
+    if (is_entry && !key.name.empty() && key_of(after) != key) {
+        throw failure("the key of the list entry " + to_text(where) +
+                      " cannot change; delete the entry, and set the other one");
+    }
+}
+
+// A node that got children would lose its text.
+void refuse_below_leaf(const node &place, const path &where)
+{
+    if (place.is_leaf() && !place.text.empty()) {
+        throw failure(to_text(where) + ": " + place.name + " is a leaf");
+    }
+}
+
+// Does something to the node that the first `length` steps of a path lead to, and makes the nodes
+// that are missing. `place` is where the first `done` steps lead.
+void edit(node &place, const path &where, std::size_t done, std::size_t length,
+          const std::function<void(node &)> &act)
+{
+    if (done == length) {
+        act(place);
+        return;
+    }
+    const std::vector<branch> found = place.children.matching(where[done]);
+    const path here = beginning(where, done + 1);
+    if (found.size() > 1) {
+        throw failure(to_text(where) + " is ambiguous: there are " + std::to_string(found.size()) +
+                      " nodes called " + where[done].name);
+    }
+    if (found.empty()) {
+        refuse_below_leaf(place, where);
+    }
+    const node before = found.empty() ? made_for(here) : *found.front().tree;
+    node after = before;
+    edit(after, where, done + 1, length, act);
+    refuse_renaming(before, after, place.children.has_several(before.module, before.name), here);
+    if (found.empty()) {
+        const branch added = place.children.append(std::move(after));
+        refuse_twin(place.children, added, beginning(where, done));
+    } else {
+        place.children.replace(found.front(), std::move(after));
+    }
+}
+
+void find_below(const node &parent, const path &where, std::size_t depth,
+                std::vector<const node *> &found)
+{
+    for (const branch &each : parent.children.matching(where[depth])) {
+        if (depth + 1 == where.size()) {
+            found.push_back(each.tree.get());
+        } else {
+            find_below(*each.tree, where, depth + 1, found);
+        }
+    }
+}
+
+std::size_t remove_below(node &parent, const path &where, std::size_t depth)
+{
+    std::size_t removed = 0;
+    const bool several = parent.children.has_several(where[depth].module, where[depth].name);
+    for (const branch &each : parent.children.matching(where[depth])) {
+        if (depth + 1 == where.size()) {
+            parent.children.erase(each);
+            ++removed;
+            continue;
+        }
+        node changed = *each.tree;
+        const std::size_t below = remove_below(changed, where, depth + 1);
+        removed += below;
+        if (below > 0) {
+            refuse_renaming(*each.tree, changed, several, beginning(where, depth + 1));
+            if (changed.is_leaf()) {
+                parent.children.erase(each);
+            } else {
+                parent.children.replace(each, std::move(changed));
+            }
+        }
+    }
+    return removed;
+}
+
+void add_missing_below(node &to, const node &from)
+{
+    for (auto each = from.children.begin(); each != from.children.end(); ++each) {
+        const bool several = from.children.has_several(each->module, each->name) ||
+                             to.children.has_several(each->module, each->name);
+        const std::vector<branch> found =
+            to.children.matching(from.children.step_to(each.held(), several));
+        if (found.empty()) {
+            to.children.append(*each);
+        } else if (found.front().tree != each.held().tree) {
+            node changed = *found.front().tree;
+            add_missing_below(changed, *each);
+            to.children.replace(found.front(), std::move(changed));
+        }
+    }
+}
+
+} // namespace
+
+key_view key_of(const node &entry)
+{
+    if (entry.is_leaf()) {
+        return {".", entry.text};
+    }
+    const node *key = entry.children.key();
+    return key == nullptr ? key_view{} : key_view{key->name, key->text};
+}
+
+std::vector<const node *> find(const node &top, const path &where)
+{
+    std::vector<const node *> found;
+    find_below(top, where, 0, found);
+    return found;
+}
+
+void set(node &top, const path &where, const std::optional<std::string> &text)
+{
+    if (text) {
+        refuse_unprintable(*text, where);
+    }
+    node changed = top;
+    edit(changed, where, 0, where.size(), [&](node &place) {
+        if (text && !place.is_leaf()) {
+            throw failure(to_text(where) + " is not a leaf");
+        }
+        if (text) {
+            place.text = *text;
+        }
+    });
+    refuse_depth(changed, where);
+    top = std::move(changed);
+}
+
+void put(node &top, const path &where, std::vector<node> instances)
+{
+    const path above = beginning(where, where.size() - 1);
+    const std::size_t count = instances.size();
+    node changed = top;
+    edit(changed, where, 0, above.size(), [&](node &parent) {
+        refuse_below_leaf(parent, where);
+        const std::vector<branch> replaced = parent.children.matching(where.back());
+        std::vector<branch> added;
+        for (const branch &each : replaced) {
+            parent.children.erase(each);
+        }
+        for (node &each : instances) {
+            path inside = where;
+            refuse_content(each, inside);
+            if (added.size() < replaced.size()) {
+                added.push_back(
+                    parent.children.insert(replaced[added.size()].label, std::move(each)));
+            } else {
+                added.push_back(parent.children.append(std::move(each)));
+            }
+        }
+        for (const branch &each : added) {
+            refuse_twin(parent.children, each, above);
+        }
+    });
+    if (find(changed, where).size() != count) {
+        throw failure("The data are not what " + to_text(where) + " names.");
+    }
+    refuse_depth(changed, where);
+    top = std::move(changed);
+}
+
+void add_missing(node &to, const node &from)
+{
+    node changed = to;
+    add_missing_below(changed, from);
+    refuse_unreadable(changed, {});
+    to = std::move(changed);
+}
+
+neighbours find_neighbours(const node &top, const path &where)
+{
+    const path above = beginning(where, where.size() - 1);
+    const std::vector<const node *> parents =
+        above.empty() ? std::vector<const node *>{&top} : find(top, above);
+    const std::vector<branch> found = parents.size() == 1
+                                          ? parents.front()->children.matching(where.back())
+                                          : std::vector<branch>();
+    if (found.size() != 1) {
+        throw failure(to_text(where) + " does not lead to one node.");
+    }
+    const siblings &all = parents.front()->children;
+    const auto path_to = [&](const branch *neighbour) {
+        if (neighbour == nullptr) {
+            return std::optional<path>();
+        }
+        path leading = above;
+        leading.push_back(all.step_to(*neighbour, true));
+        return std::optional(leading);
+    };
+    return {path_to(all.previous(found.front())), path_to(all.next(found.front()))};
+}
+
+std::size_t size_of(const node &tree)
+{
+    return sizeof tree + tree.module.size() + tree.name.size() + tree.text.size() +
+           tree.children.total().bytes;
+}
+
+std::size_t depth_of(const node &tree)
+{
+    return 1 + tree.children.total().depth;
+}
+
+std::size_t remove(node &top, const path &where)
+{
+    node changed = top;
+    const std::size_t count = remove_below(changed, where, 0);
+    top = std::move(changed);
+    return count;
+}
+
+void refuse_unreadable(const node &tree, const path &where)
+{
+    refuse_depth(tree, where);
+    path here = where;
+    refuse_content(tree, here);
+}
+
+} // namespace confsim

@@ -1,0 +1,191 @@
+// See xml.h.
+#include "tree/xml.h"
+
+#include "failure.h"
+
+#include <libxml/chvalid.h>
+#include <libxml/parser.h>
+#include <libxml/parserInternals.h>
+#include <libxml/xmlerror.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace confsim::xml {
+
+namespace {
+
+constexpr int options =
+    XML_PARSE_NOBLANKS | XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+
+const xmlChar *chars(const char *text)
+{
+    return reinterpret_cast<const xmlChar *>(text);
+}
+
+template <typename Pointer>
+Pointer made(Pointer pointer)
+{
+    if (pointer == nullptr) {
+        throw std::bad_alloc();
+    }
+    return pointer;
+}
+
+doc_ptr checked(xmlDoc *parsed, const std::string &origin)
+{
+    doc_ptr doc(parsed);
+    if (doc != nullptr && doc->intSubset != nullptr) { // its entities would be lost
+        throw failure(origin + ": a document type declaration is not supported");
+    }
+    if (doc != nullptr && xmlDocGetRootElement(doc.get()) != nullptr) {
+        return doc;
+    }
+    const xmlError *error = xmlGetLastError();
+    if (error == nullptr || error->message == nullptr) {
+        throw failure(origin + ": no XML element");
+    }
+    std::string cause = error->message;
+    while (!cause.empty() && cause.back() == '\n') {
+        cause.pop_back();
+    }
+    throw failure(origin + (error->line > 0 ? ":" + std::to_string(error->line) : "") + ": " +
+                  cause);
+}
+
+xmlNode *skip_to_element(xmlNode *node)
+{
+    while (node != nullptr && node->type != XML_ELEMENT_NODE) {
+        node = node->next;
+    }
+    return node;
+}
+
+} // namespace
+
+doc_ptr parse_text(const std::string &text, const std::string &origin)
+{
+    xmlResetLastError();
+    return checked(
+        xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, options),
+        origin);
+}
+
+doc_ptr parse_file(const std::string &file)
+{
+    xmlResetLastError();
+    return checked(xmlReadFile(file.c_str(), nullptr, options), file);
+}
+
+std::size_t character_length(const std::string &text, std::size_t at)
+{
+    int length = static_cast<int>(std::min<std::size_t>(text.size() - at, 4));
+    const int code = xmlGetUTF8Char(chars(&text[at]), &length);
+    if (code < 0 || !xmlIsCharQ(code)) {
+        return 0;
+    }
+    // It takes a byte from the middle of a character, and more bytes than are needed, for one.
+    std::array<xmlChar, 8> right{};
+    const int right_length = xmlCopyChar(0, right.data(), code);
+    const auto taken = static_cast<std::size_t>(length);
+    return length == right_length && std::memcmp(&text[at], right.data(), taken) == 0 ? taken : 0;
+}
+
+bool can_hold(const std::string &text)
+{
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t taken = character_length(text, at);
+        if (taken == 0) {
+            return false;
+        }
+        at += taken;
+    }
+    return true;
+}
+
+node_ptr element(const char *name)
+{
+    return node_ptr(made(xmlNewNode(nullptr, chars(name))));
+}
+
+node_ptr copy(const xmlNode *node)
+{
+    return node_ptr(made(xmlCopyNode(const_cast<xmlNode *>(node), 1)));
+}
+
+xmlNode *add(xmlNode *parent, const char *name, const std::string &text)
+{
+    return made(xmlNewTextChild(parent, nullptr, chars(name),
+                                text.empty() ? nullptr : chars(text.c_str())));
+}
+
+void add(xmlNode *parent, node_ptr child)
+{
+    (void)made(xmlAddChild(parent, child.get()));
+    (void)child.release();
+}
+
+const char *name(const xmlNode *node)
+{
+    return reinterpret_cast<const char *>(node->name);
+}
+
+xmlNode *first_element(const xmlNode *parent)
+{
+    return skip_to_element(parent->children);
+}
+
+xmlNode *next_element(const xmlNode *node)
+{
+    return skip_to_element(node->next);
+}
+
+xmlNode *child(const xmlNode *parent, const char *name)
+{
+    xmlNode *node = first_element(parent);
+    while (node != nullptr && std::strcmp(xml::name(node), name) != 0) {
+        node = next_element(node);
+    }
+    return node;
+}
+
+std::string text(const xmlNode *node)
+{
+    std::string all;
+    for (const xmlNode *part = node->children; part != nullptr; part = part->next) {
+        if ((part->type == XML_TEXT_NODE || part->type == XML_CDATA_SECTION_NODE) &&
+            part->content != nullptr) {
+            all += reinterpret_cast<const char *>(part->content);
+        }
+    }
+    return all.find_first_not_of(" \t\r\n") == std::string::npos ? "" : all;
+}
+
+std::string child_text(const xmlNode *parent, const char *name)
+{
+    const xmlNode *node = child(parent, name);
+    return node == nullptr ? "" : text(node);
+}
+
+int child_number(const xmlNode *parent, const char *name)
+{
+    return static_cast<int>(std::strtol(child_text(parent, name).c_str(), nullptr, 10));
+}
+
+std::string print(xmlNode *node)
+{
+    xmlBuffer *buffer = made(xmlBufferCreate());
+    const int length = xmlNodeDump(buffer, nullptr, node, 0, 1);
+    std::string printed;
+    if (length > 0) {
+        printed.assign(reinterpret_cast<const char *>(xmlBufferContent(buffer)),
+                       static_cast<std::size_t>(length));
+    }
+    xmlBufferFree(buffer);
+    return printed;
+}
+
+} // namespace confsim::xml
