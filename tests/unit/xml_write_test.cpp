@@ -86,6 +86,7 @@ TEST_F(XmlWrite, WhatHasNoTextIsRefusedAndNothingOfItStays)
             reinterpret_cast<xmlNode *>(xmlNewDtd(nullptr, BAD_CAST "a", nullptr, nullptr)));
     refused("entity", xmlNewReference(nullptr, BAD_CAST "e"));
     refused("name", xmlNewNode(nullptr, BAD_CAST "a b"));
+    refused("name", xmlNewNode(nullptr, BAD_CAST "a\xc3\x97"));
     refused("target", xmlNewPI(BAD_CAST "XML", nullptr));
     refused("instruction", xmlNewPI(BAD_CAST "p", BAD_CAST "x?>"));
     refused("comment", xmlNewComment(BAD_CAST "x--y"));
