@@ -17,8 +17,8 @@ namespace confsim {
 
 namespace {
 
-constexpr rlim_t most_seconds = 30;
-constexpr rlim_t most_memory = rlim_t{1} << 30;
+constexpr rlim_t most_seconds = 20;
+constexpr rlim_t most_memory = rlim_t{512} << 20;
 constexpr rlim_t most_stack = rlim_t{4} << 20;
 
 // A sanitizer takes address space without end.
