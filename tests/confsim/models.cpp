@@ -28,6 +28,24 @@ long number_from(const char *name, long otherwise)
     return given == nullptr ? otherwise : std::strtol(given, nullptr, 10);
 }
 
+// What stands there explicitly: defaults and empty containers say nothing.
+std::string as_text(const lyd_node *tree)
+{
+    char *text = nullptr;
+    (void)lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
+    const yang::text_ptr owned(text);
+    return text == nullptr ? "" : text;
+}
+
+// The data of a text; null when they are not valid.
+data_ptr read_by(const ly_ctx *context, const std::string &text)
+{
+    lyd_node *tree = nullptr;
+    (void)lyd_parse_data_mem(context, text.c_str(), LYD_XML, LYD_PARSE_STRICT,
+                             LYD_VALIDATE_NO_STATE, &tree);
+    return data_ptr(tree);
+}
+
 // Makes a valid tree of one context.
 class generator {
 public:
@@ -50,7 +68,8 @@ public:
             }
             remove_one();
         }
-        return data_ptr(tree_);
+        const data_ptr made(tree_);
+        return read_by(context_, as_text(made.get())); // which finds more than the validation
     }
 
 private:
@@ -289,15 +308,6 @@ private:
     lyd_node *tree_ = nullptr;
 };
 
-// What stands there explicitly: defaults and empty containers say nothing.
-std::string as_text(const lyd_node *tree)
-{
-    char *text = nullptr;
-    (void)lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
-    const yang::text_ptr owned(text);
-    return text == nullptr ? "" : text;
-}
-
 // Sets each node that a configuration tells of.
 std::size_t set_all(configuration &config, const lyd_node *first)
 {
@@ -321,16 +331,6 @@ std::size_t set_all(configuration &config, const lyd_node *first)
     return count;
 }
 
-// The same data in libyang's own order.
-data_ptr read_by(const ly_ctx *context, const std::string &text)
-{
-    lyd_node *tree = nullptr;
-    EXPECT_EQ(lyd_parse_data_mem(context, text.c_str(), LYD_XML, LYD_PARSE_STRICT,
-                                 LYD_VALIDATE_NO_STATE, &tree),
-              LY_SUCCESS);
-    return data_ptr(tree);
-}
-
 class round_trip {
 public:
     explicit round_trip(const model_sources &from)
@@ -339,30 +339,48 @@ public:
     {
     }
 
-    // Returns the number of nodes that were set.
+    // Returns the number of nodes that were set; none when no valid configuration was found.
     std::size_t play(std::mt19937 &random)
     {
-        const data_ptr wanted = generator(modules_.context.get(), random).make();
-        const std::size_t count = set_all(config_, wanted.get());
-        if (count == 0) {
+        const data_ptr first = generator(modules_.context.get(), random).make();
+        const data_ptr second = generator(modules_.context.get(), random).make();
+        std::size_t count = 0;
+        if (first == nullptr || second == nullptr || (count = put_in_force(first.get())) == 0) {
             return 0;
         }
-        const auto silent = [](const std::string & /*said*/) {};
-        commit(service_, config_, silent);
-        const data_ptr seen = read_by(modules_.context.get(), config_.as_text(config_.running()));
-        EXPECT_EQ(as_text(wanted.get()), as_text(seen.get()));
-        fs::copy(store_, store_ + ".copy", fs::copy_options::recursive);
-        configuration restored(store_ + ".copy", known_.get());
-        for (const difference &each : differences(config_.running(), restored.running())) {
-            ADD_FAILURE() << "not read back: " << to_text(each);
+        const node former = config_.running();
+        for (const node &each : former.children) {
+            config_.remove({{each.module, each.name, {}}});
         }
+        count += put_in_force(second.get());
         config_.load(store_ + "/old.xml");
-        commit(service_, config_, silent);
-        EXPECT_TRUE(config_.running().children.empty());
+        commit(service_, config_, [](const std::string & /*said*/) {});
+        expect_same(former, config_.running(), "not undone");
         return count;
     }
 
 private:
+    static void expect_same(const node &wanted, const node &seen, const std::string &otherwise)
+    {
+        for (const difference &each : differences(wanted, seen)) {
+            ADD_FAILURE() << otherwise << ": " << to_text(each);
+        }
+    }
+
+    std::size_t put_in_force(const lyd_node *wanted)
+    {
+        const std::size_t count = set_all(config_, wanted);
+        commit(service_, config_, [](const std::string & /*said*/) {});
+        const data_ptr seen = read_by(modules_.context.get(), config_.as_text(config_.running()));
+        EXPECT_EQ(as_text(wanted), as_text(seen.get()));
+        const std::string copy = store_ + ".copy";
+        fs::remove_all(copy);
+        fs::copy(store_, copy, fs::copy_options::recursive);
+        expect_same(config_.running(), configuration(copy, known_.get()).running(),
+                    "not read back");
+        return count;
+    }
+
     static std::string fresh_store()
     {
         static int number = 0;
