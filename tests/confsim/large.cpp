@@ -1,7 +1,7 @@
 // Configurations with long lists: what stands in the index and in shared versions is what a tree
 // says that was read anew, and one change of many entries takes about the time of one of few.
-#include "service/commit.h"
 #include "failure.h"
+#include "service/commit.h"
 #include "test_support.h"
 
 #include <chrono>
