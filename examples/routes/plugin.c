@@ -148,6 +148,7 @@ static void on_kick_off(void)
 static void on_signal(int signal_number)
 {
     (void)signal_number;
+    // NOLINTNEXTLINE(bugprone-signal-handler,cert-sig30-c): its header promises that
     econf_supervisor_stop(supervisor);
 }
 

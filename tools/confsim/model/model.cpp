@@ -92,7 +92,7 @@ public:
                 return false;
             }
         }
-        return (found->nodetype & (LYS_RPC | LYS_ACTION)) != 0;
+        return found != nullptr && (found->nodetype & (LYS_RPC | LYS_ACTION)) != 0;
     }
 
     [[nodiscard]] std::string to_json(const std::string &text) const override

@@ -58,6 +58,7 @@ std::vector<fs::path> modules_in(const fs::path &directory)
         }
     }
     std::vector<fs::path> files;
+    files.reserve(newest.size());
     for (const auto &[name, file] : newest) {
         files.push_back(file);
     }

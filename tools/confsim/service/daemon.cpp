@@ -142,13 +142,14 @@ void conf_daemon::report_breach(const std::string &who, const std::string &breac
     }
 }
 
-// Subscriptions to what the model has not, which would never be told of anything.
-void conf_daemon::check_registration(const plugin &whom)
+// Subscriptions to what the model has not would never be told of anything; the others get the form
+// that the model gives them.
+void conf_daemon::check_registration(plugin &whom)
 {
-    for (const auto *all : {&whom.configs, &whom.statuses}) {
-        for (const subscription &each : *all) {
+    for (auto *all : {&whom.configs, &whom.statuses}) {
+        for (subscription &each : *all) {
             try {
-                (void)config_.as_modelled(each.where);
+                each.where = config_.as_modelled(each.where);
             } catch (const failure &reason) {
                 report_breach(whom.name, reason.what());
             }
@@ -158,7 +159,7 @@ void conf_daemon::check_registration(const plugin &whom)
 
 path conf_daemon::path_in(const plugin_ptr &from, const xmlNode *params)
 {
-    const path where = parse_path(xml::child_text(params, "path"));
+    path where = parse_path(xml::child_text(params, "path"));
     try {
         return config_.as_modelled(where);
     } catch (const failure &reason) {
@@ -268,7 +269,13 @@ xml::node_ptr conf_daemon::on_register(const plugin_ptr &from, const xmlNode *pa
         throw failure("There is a plugin " + name + " already.");
     }
     from->take_registration(params);
-    check_registration(*from);
+    try {
+        check_registration(*from);
+    } catch (const failure &) {
+        from->now = plugin::state::connected;
+        from->name.clear();
+        throw;
+    }
     out_.event("plugin " + from->name + " registered");
     return xml::element("result");
 }

@@ -68,7 +68,7 @@ private:
 
     void receive_notifications();
     void check_notification(const std::string &text);
-    void check_registration(const plugin &whom);
+    void check_registration(plugin &whom);
     [[nodiscard]] path path_in(const plugin_ptr &from, const xmlNode *params);
     void handle(const plugin_ptr &from, xml::node_ptr message);
     void let_go(const plugin_ptr &whom, const std::string &why);

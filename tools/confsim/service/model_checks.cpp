@@ -33,8 +33,11 @@ std::string breach_of_operation(configuration &config, const std::string &name,
                                 model::message which, const xmlNode *values)
 {
     const model *known = config.known_model();
-    const path where = known == nullptr ? path() : path_of_operation(*known, name);
-    if (where.empty() || !known->has_operation(where)) {
+    if (known == nullptr) {
+        return "";
+    }
+    const path where = path_of_operation(*known, name);
+    if (!known->has_operation(where)) {
         return "";
     }
     std::vector<const xmlNode *> given = xml::elements(values);

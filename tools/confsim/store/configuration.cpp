@@ -96,6 +96,7 @@ std::vector<node> configuration::read_xml(const std::string &file, module_table 
                             model::content::configuration, modules);
     }
     std::vector<node> read;
+    read.reserve(tops.size());
     for (const xmlNode *each : tops) {
         read.push_back(from_xml(each, "", modules));
     }

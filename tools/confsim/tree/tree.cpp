@@ -76,9 +76,10 @@ void refuse_missing_keys(const schema_node &place, const path &where)
         const std::vector<predicate> &given = where.back().keys;
         if (std::none_of(given.begin(), given.end(),
                          [&name](const predicate &each) { return each.name == name; })) {
-            throw failure(to_text(where) +
-                          (name == "." ? " lacks the value" : " lacks the key " + name) +
-                          ", as in [" + name + "=\"...\"]");
+            std::string complaint = to_text(where);
+            complaint += name == "." ? " lacks the value" : " lacks the key " + name;
+            complaint.append(", as in [").append(name).append("=\"...\"]");
+            throw failure(complaint);
         }
     }
 }
