@@ -4,6 +4,7 @@
 #include "commands/console.h"
 #include "commands/input.h"
 #include "failure.h"
+#include "model/model.h"
 #include "process_space.h"
 #include "sandbox.h"
 #include "service/daemon.h"
@@ -36,6 +37,8 @@ struct settings {
     std::string config;
     std::string store;
     std::string script;
+    model_sources model;
+    bool strict = false;
     bool trace = false;
     bool mask = false;
     double timeout = 5;
@@ -52,6 +55,18 @@ void add_common_options(CLI::App &app, settings &wanted)
     app.add_option("--store", wanted.store, "Directory that keeps the configurations");
     app.add_option("--script", wanted.script, "File with commands; without, standard input")
         ->check(CLI::ExistingFile);
+    app.add_option("--yang", wanted.model.modules, "YANG module of the data, or directory of them")
+        ->check(CLI::ExistingPath)
+        ->expected(1)
+        ->take_all();
+    app.add_option("--yang-path", wanted.model.directories, "Directory of modules that they import")
+        ->check(CLI::ExistingDirectory)
+        ->expected(1)
+        ->take_all();
+    app.add_option("--feature", wanted.model.features, "MODULE:NAME of a feature that is there")
+        ->expected(1)
+        ->take_all();
+    app.add_flag("--strict", wanted.strict, "A plugin that breaks the model is an error");
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
     app.add_flag("--mask", wanted.mask, "Mask secrets in all else that is printed, too");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
@@ -76,6 +91,9 @@ void enter_sandbox(settings &wanted)
         if (!file.empty()) {
             options.keep.push_back(file);
         }
+    }
+    for (const auto *all : {&wanted.model.modules, &wanted.model.directories}) {
+        options.keep.insert(options.keep.end(), all->begin(), all->end());
     }
     std::string error;
     if (!sandbox::enter(options, error)) {
@@ -145,13 +163,25 @@ int converse(input &source, interpreter &commands, const event_loop &loop, const
     return loop.is_interrupted() ? failed : 0;
 }
 
+std::unique_ptr<model> read_wanted(const model_sources &from)
+{
+    if (from.modules.empty()) {
+        if (!from.directories.empty() || !from.features.empty()) {
+            throw failure("--yang-path and --feature need --yang");
+        }
+        return nullptr;
+    }
+    return read_model(from);
+}
+
 // Plays the daemon until the commands end, and hangs up. Returns the exit status.
 int serve(const settings &wanted, event_loop &loop, console &out, std::optional<child> &program,
           const sandbox::process_space *space)
 {
     tracer trace(out);
     trace.enable(wanted.trace);
-    configuration config(wanted.store);
+    const std::unique_ptr<model> known = read_wanted(wanted.model);
+    configuration config(wanted.store, known.get());
     if (!wanted.config.empty() && !config.begin_with(wanted.config)) {
         out.event("the configuration of the store is used, not " + wanted.config);
     }
@@ -160,13 +190,21 @@ int serve(const settings &wanted, event_loop &loop, console &out, std::optional<
     const endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
     conf_daemon service(loop, out, trace, config, where, patience);
+    if (wanted.strict) {
+        service.take_breaches_for_errors();
+    }
     out.event("sockets in " + where.directory());
     if (space != nullptr) {
         program.emplace(loop, out, *space, wanted.command);
     }
     interpreter commands(
         {loop, out, trace, config, service, patience, program ? &*program : nullptr});
-    return converse(*source, commands, loop, out);
+    const int status = converse(*source, commands, loop, out);
+    if (status == 0 && service.has_failed_by_breach()) {
+        std::cerr << "confsim: a plugin has broken the model\n";
+        return failed;
+    }
+    return status;
 }
 
 int simulate(settings &wanted, bool with_command)

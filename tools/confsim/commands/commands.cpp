@@ -29,13 +29,19 @@ std::string expected_text(const std::vector<std::string> &line)
 
 const interpreter::command interpreter::table[] = {
     {"plugins", "", "the plugins and what they subscribed to", 0, 0, &interpreter::plugins},
-    {"load", "FILE", "take the candidate from an XML file", 1, 1, &interpreter::load},
+    {"load", "FILE", "take the candidate from an XML file, or from FILE.json (--yang)", 1, 1,
+     &interpreter::load},
     {"set", "PATH [VALUE]", "make a node of the candidate, or change a leaf", 1, 2,
      &interpreter::set},
     {"delete", "PATH", "remove nodes from the candidate", 1, 1, &interpreter::remove},
-    {"show", "[NAME] [PATH]",
-     "the configuration running, old, candidate or deployment, or published", 0, 2,
+    {"show", "[--json] [NAME] [PATH]",
+     "the configuration running, old, candidate or deployment, or published", 0, 3,
      &interpreter::show},
+    {"move", "PATH before|after|first|last [PATH]",
+     "move an entry of a list that users order (--yang)", 2, 3, &interpreter::move},
+    {"validate", "", "whether the model allows the candidate (--yang)", 0, 0,
+     &interpreter::validate},
+    {"model", "[PATH]", "what the model has below a path (--yang)", 0, 1, &interpreter::model},
     {"diff", "", "what the candidate changes", 0, 0, &interpreter::diff},
     {"commit", "", "put the candidate in force", 0, 0, &interpreter::commit},
     {"discard", "", "make the candidate equal to the running configuration", 0, 0,
@@ -142,21 +148,29 @@ void interpreter::remove(const words &line)
 
 void interpreter::show(const words &line)
 {
-    const node *chosen = line.size() > 1 ? here_.config.named(line[1]) : nullptr;
-    const std::size_t path_position = chosen == nullptr ? 1 : 2;
+    const bool is_json = line.size() > 1 && line[1] == "--json";
+    const std::size_t first = is_json ? 2 : 1;
+    const node *chosen = line.size() > first ? here_.config.named(line[first]) : nullptr;
+    const std::size_t path_position = first + (chosen == nullptr ? 0 : 1);
     const node &tree = chosen == nullptr ? here_.config.running() : *chosen;
     if (line.size() > path_position + 1) {
-        throw failure("usage: show [running|old|candidate|deployment|published] [PATH]");
+        throw failure("usage: show [--json] [running|old|candidate|deployment|published] [PATH]");
     }
     std::vector<const node *> shown = {&tree};
+    path where;
     if (line.size() > path_position) {
-        shown = find(tree, parse_path(line[path_position]));
-    }
-    for (const node *each : shown) {
-        say(here_.out.shown(here_.config.as_xml(*each).get()));
+        where = here_.config.as_modelled(parse_path(line[path_position]));
+        shown = find(tree, where);
     }
     if (shown.empty()) {
         throw failure("there is no " + line[path_position]);
+    }
+    if (is_json) {
+        say(here_.out.shown(here_.config.as_json(tree, where)));
+        return;
+    }
+    for (const node *each : shown) {
+        say(here_.out.shown(here_.config.as_xml(*each).get()));
     }
 }
 

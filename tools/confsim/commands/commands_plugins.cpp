@@ -3,13 +3,13 @@
 
 #include "commands/words.h"
 #include "failure.h"
+#include "files.h"
+#include "service/model_checks.h"
 #include "tree/nearest.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 #include <list>
-#include <sstream>
 
 namespace confsim {
 
@@ -28,19 +28,6 @@ const char *state_text(plugin::state now)
         break;
     }
     return "gone";
-}
-
-std::string read_file(const std::string &name)
-{
-    std::ifstream file(name);
-    std::ostringstream text;
-    if (file.peek() != std::ifstream::traits_type::eof()) {
-        text << file.rdbuf();
-    }
-    if (!file.is_open() || file.bad() || !text) {
-        throw failure("cannot read " + name);
-    }
-    return text.str();
 }
 
 // Whether an operation goes by this name, in any form of path.
@@ -99,7 +86,7 @@ std::string interpreter::shown_children(const xmlNode *parent) const
 
 void interpreter::status(const words &line)
 {
-    const path where = parse_path(line[1]);
+    const path where = here_.config.as_modelled(parse_path(line[1]));
     plugin_ptr best;
     subscription published{};
     std::vector<std::string> names;
@@ -132,6 +119,8 @@ void interpreter::status(const words &line)
     xml::add(params.get(), "callback", std::to_string(published.index));
     const answer got = here_.service.exchange(best, "subscribe", std::move(params));
     const xmlNode *data = xml::child(result_of(got, best->name + ", " + to_text(where)), "data");
+    here_.service.report_breach(best->name,
+                                breach_of_status(here_.config, where, published.where, data));
     const std::string printed = data == nullptr ? "" : shown_children(data);
     say(printed.empty() ? "no data" : printed);
 }
@@ -158,13 +147,23 @@ void interpreter::call(const words &line)
             continue;
         }
         const xml::doc_ptr info = xml::parse_text("<info>" + input + "</info>", "input");
+        const xmlNode *given = xmlDocGetRootElement(info.get());
+        const std::string refusal =
+            breach_of_operation(here_.config, line[1], confsim::model::message::input, given);
+        if (!refusal.empty()) {
+            throw failure("the model forbids this input: " + refusal);
+        }
         xml::node_ptr params = xml::element("params");
         xml::add(params.get(), "type", "operate");
         xml::add(params.get(), "session-id", session_id);
         xml::add(params.get(), "callback", std::to_string(found->index));
-        xml::add(params.get(), xml::copy(xmlDocGetRootElement(info.get())));
+        xml::add(params.get(), xml::copy(given));
         const answer got = here_.service.exchange(each, "publish", std::move(params));
-        say(shown_children(result_of(got, each->name + ", " + line[1])));
+        const xmlNode *output = result_of(got, each->name + ", " + line[1]);
+        here_.service.report_breach(
+            each->name,
+            breach_of_operation(here_.config, line[1], confsim::model::message::output, output));
+        say(shown_children(output));
         return;
     }
     throw failure("no active plugin serves the operation " + line[1] +

@@ -89,6 +89,15 @@ void report_unsubscribed(const std::list<plugin_ptr> &plugins,
     }
 }
 
+void refuse_invalid(configuration &config)
+{
+    try {
+        config.validate();
+    } catch (const failure &reason) {
+        throw failure(std::string("commit failed: the model forbids it: ") + reason.what());
+    }
+}
+
 void carry_out(conf_daemon &service, configuration &config, const speaker &say)
 {
     const std::vector<difference> changes = differences(config.running(), config.candidate());
@@ -129,6 +138,7 @@ void commit(conf_daemon &service, configuration &config, const speaker &say)
         (void)service.wait_until_free(each); // one that is late does not stop it
     }
     try {
+        refuse_invalid(config);
         carry_out(service, config, say);
     } catch (const failure &) {
         service.release_starts();
