@@ -32,7 +32,8 @@ install(FILES ${PROJECT_SOURCE_DIR}/LICENSE
 if(TARGET confsim)
     set_target_properties(confsim PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
     install(TARGETS confsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
-    install(FILES ${PROJECT_SOURCE_DIR}/docs/confsim.md ${PROJECT_SOURCE_DIR}/LICENSE
+    install(FILES ${PROJECT_SOURCE_DIR}/docs/confsim.md ${PROJECT_SOURCE_DIR}/docs/json.md
+                  ${PROJECT_SOURCE_DIR}/LICENSE
             DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/confsim COMPONENT simulator)
 endif()
 

@@ -1,7 +1,7 @@
 // Configurations with long lists: what stands in the index and in shared versions is what a tree
 // says that was read anew, and one change of many entries takes about the time of one of few.
-#include "service/commit.h"
 #include "failure.h"
+#include "service/commit.h"
 #include "test_support.h"
 
 #include <chrono>
@@ -139,7 +139,9 @@ public:
             });
             time(shortest["set and commit"], [this] {
                 config_.set(leaf_of_another(), std::to_string(++value_));
-                commit(service_, config_, [](const std::string & /*said*/) {});
+                commit(service_, config_,
+                       {[](const std::string & /*said*/) {},
+                        [](const auto & /*what*/, const auto & /*got*/) {}});
             });
         }
         return shortest;
