@@ -3,6 +3,7 @@
 
 json_test.py CONFSIM PLUGIN DOCUMENTATION
 """
+import atexit
 import json
 import os
 import re
@@ -74,6 +75,7 @@ def documented():
 
 class Session:
     def __init__(self, *options):
+        atexit.register(lambda: self.process.kill())
         self.process = subprocess.Popen([CONFSIM, "run", "--json", *options, "--", PLUGIN],
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
                                         cwd=os.path.dirname(os.path.abspath(__file__)))
