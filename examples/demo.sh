@@ -33,6 +33,17 @@ printf '\n=== A plugin of the older interface, and an agent that listens ===\n\n
 grep -q '<banner-changed/>$' "$printed"
 grep -q '^agent: exit status 0$' "$printed"
 
+printf '\n=== A plugin of routes, and the YANG module of its data ===\n\n'
+if ! "$build/tools/confsim/confsim" run --yang routes/routes.yang -- true </dev/null \
+    >"$printed" 2>&1 && grep -q 'built without libyang' "$printed"; then
+    echo 'This confsim knows no YANG modules, so the session is left out.'
+else
+    (cd routes && "$build/tools/confsim/confsim" run --strict --yang routes.yang \
+        --script demo.confsim -- "$build/examples/routes/routes-plugin") 2>&1 | tee "$printed"
+    grep -q '^routes: route to 10.0.0.0/8 by west: changed, metric 7$' "$printed"
+    grep -q '^routes: preference 10.2.0.0/16: behind 10.0.0.0/8$' "$printed"
+fi
+
 printf '\n=== The interfaces plugin inside a daemon (nothing is changed, only recorded) ===\n\n'
 "$build/examples/local/local-daemon" "$build/examples/interfaces/interfaces-module.so" \
     interfaces/interfaces.xml | tee "$printed"

@@ -2,14 +2,15 @@
 # Runs the unit tests of a build under valgrind and prints a line for each; fails on any error, and on
 # memory that nothing points to any more. Left out: secrets_test, which searches its own memory, the
 # time of a pull, the client table under threads and among processes that are killed by timers, and
-# tests that limit the memory of the process or count how often it waits.
+# tests that limit what the process may have (valgrind leaves poll() its way when a process may have no
+# descriptor) or count how often it waits.
 # usage: valgrind.sh BUILD_DIR
 set -euo pipefail
 tests=$(realpath "$1")/tests
 logs=$(realpath "$1")/valgrind
 mkdir -p "$logs"
 
-left_out='-*.TimeOfAPull*:*.LosesAndDoubles*:*.SeveralThreads*:*.EndsWhereTheRoomEnds*:*DoesNotWait'
+left_out='-*.TimeOfAPull*:*.LosesAndDoubles*:*.SeveralThreads*:*.EndsWhereTheRoomEnds*:*.*NothingCanBeWatched:*DoesNotWait'
 failed=0
 printf '%-28s %8s %8s %8s\n' program tests errors leaks
 for source in "$(dirname "$0")"/../tests/unit/*_test.cpp; do

@@ -287,6 +287,44 @@ END
     says 'known as 2'
     grep -q '^good: activated, pid [0-9]* (2 inside)$' "$output" || fail 'not both ids'
     ;;
+model)
+    routes=../../examples/routes
+    ends_with 0 run --yang $routes/routes.yang --config $routes/routes.xml --store "$store" \
+        --script model.confsim -- true
+    # The other notation, of what was stored.
+    type_in "$(printf '%s\n' 'show --json' "expect '\"next-hop\": \"west\"'")"
+    ends_with 0 run --yang $routes/routes.yang --store "$store" -- true
+    sed -n '/^{/,/^}/p' "$output" >"$work/same.json"
+    type_in "$(printf '%s\n' "load $work/same.json" diff 'expect no difference')"
+    ends_with 0 run --yang $routes/routes.yang --store "$store" -- true
+    # Values with prefixes, and lists of leaves.
+    head='module m { yang-version 1.1; namespace urn:m; prefix p;'
+    echo "$head identity base; identity one { base base; } leaf-list all { type string; }
+        leaf kind { type identityref { base base; } } }" >"$work/m.yang"
+    type_in "$(printf '%s\n' 'set /m:kind one' 'set /m:all b' 'set /m:all a' 'show candidate' \
+        'expect <kind xmlns="urn:m" xmlns:p="urn:m">p:one</kind>' commit 'delete /m:all[.=b]' \
+        diff 'expect remove /m:all[.="b"]')"
+    ends_with 0 run --yang "$work/m.yang" --store "$work/second" -- true
+    type_in "$(printf '%s\n' 'set /m:kind m:one' diff 'expect no difference')"
+    ends_with 0 run --yang "$work/m.yang" --store "$work/second" -- true
+    # A plugin of another model.
+    type_in 'wait good 30'
+    ends_with 0 run --yang $routes/routes.yang -- "$plugin"
+    says '* warning: plugin good breaks the model: the model has no /test:system'
+    type_in 'wait good 1'
+    ends_with 1 run --strict --yang $routes/routes.yang -- "$plugin"
+    says '* error: plugin good breaks the model: the model has no /test:system'
+    # Modules that nobody can use.
+    deep() { yes 'container c {' | head -n "$1"; yes '}' | head -n "$1"; }
+    twice() { echo "grouping g$1 { container a { uses g$2; } container b { uses g$2; } }"; }
+    for text in "$(deep 400)" "$(deep 60000)" \
+        "grouping g0 { leaf l { type string; } } $(for i in $(seq 40); do twice "$i" $((i - 1)); done) uses g40;" \
+        'grouping g { uses g; } uses g;' 'import nothing { prefix n; }' 'leaf l { type nothing; }'; do
+        echo "$head $text }" >"$work/m.yang"
+        (ulimit -t 3 && ends_with 1 run --yang "$work/m.yang" -- true)
+        grep -E 'm.yang: |nested too deep|too big|takes too long' "$output" || fail 'no clear error'
+    done
+    ;;
 exits)
     # What confsim ignores, its program does not.
     type_in 'wait good 30'

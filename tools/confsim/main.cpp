@@ -5,6 +5,7 @@
 #include "commands/control.h"
 #include "commands/input.h"
 #include "failure.h"
+#include "model/model.h"
 #include "process_space.h"
 #include "reports/json_output.h"
 #include "sandbox.h"
@@ -40,6 +41,8 @@ struct settings {
     std::string script;
     bool json = false;
     std::string control;
+    model_sources model;
+    bool strict = false;
     bool trace = false;
     bool mask = false;
     double timeout = 5;
@@ -60,6 +63,18 @@ void add_common_options(CLI::App &app, settings &wanted)
         "--json", wanted.json,
         "Standard output is a line of JSON for each answer; all else goes to standard error");
     app.add_option("--control", wanted.control, "Socket that takes commands, too");
+    app.add_option("--yang", wanted.model.modules, "YANG module of the data, or directory of them")
+        ->check(CLI::ExistingPath)
+        ->expected(1)
+        ->take_all();
+    app.add_option("--yang-path", wanted.model.directories, "Directory of modules that they import")
+        ->check(CLI::ExistingDirectory)
+        ->expected(1)
+        ->take_all();
+    app.add_option("--feature", wanted.model.features, "MODULE:NAME of a feature that is there")
+        ->expected(1)
+        ->take_all();
+    app.add_flag("--strict", wanted.strict, "A plugin that breaks the model is an error");
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
     app.add_flag("--mask", wanted.mask, "Mask secrets in all else that is printed, too");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
@@ -84,6 +99,9 @@ void enter_sandbox(settings &wanted)
         if (!file.empty()) {
             options.keep.push_back(file);
         }
+    }
+    for (const auto *all : {&wanted.model.modules, &wanted.model.directories}) {
+        options.keep.insert(options.keep.end(), all->begin(), all->end());
     }
     std::string error;
     if (!sandbox::enter(options, error)) {
@@ -173,6 +191,16 @@ int converse(const conversation &with, interpreter &commands, event_loop &loop, 
     return loop.is_interrupted() && !commands.has_quit() ? failed : 0;
 }
 
+std::unique_ptr<model> read_wanted(const model_sources &from)
+{
+    if (from.modules.empty()) {
+        if (!from.directories.empty() || !from.features.empty()) {
+            throw failure("--yang-path and --feature need --yang");
+        }
+        return nullptr;
+    }
+    return read_model(from);
+}
 // What other programs talk to confsim by; open before anything is printed or covered.
 struct channels {
     std::optional<json_output> answers;
@@ -185,7 +213,8 @@ int serve(const settings &wanted, const channels &programs, event_loop &loop, co
 {
     tracer trace(out);
     trace.enable(wanted.trace);
-    configuration config(wanted.store);
+    const std::unique_ptr<model> known = read_wanted(wanted.model);
+    configuration config(wanted.store, known.get());
     if (!wanted.config.empty() && !config.begin_with(wanted.config)) {
         out.event("the configuration of the store is used, not " + wanted.config);
     }
@@ -194,6 +223,9 @@ int serve(const settings &wanted, const channels &programs, event_loop &loop, co
     const endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
     conf_daemon service(loop, out, trace, config, where, patience);
+    if (wanted.strict) {
+        service.take_breaches_for_errors();
+    }
     out.event("sockets in " + where.directory());
     if (space != nullptr) {
         program.emplace(loop, out, *space, wanted.command);
@@ -204,9 +236,14 @@ int serve(const settings &wanted, const channels &programs, event_loop &loop, co
     if (programs.commands) {
         others.emplace(loop, out, *programs.commands, commands);
     }
-    return converse({*source, programs.answers ? &*programs.answers : nullptr,
-                     others ? &*others : nullptr, !wanted.script.empty()},
-                    commands, loop, out);
+    const int status = converse({*source, programs.answers ? &*programs.answers : nullptr,
+                                 others ? &*others : nullptr, !wanted.script.empty()},
+                                commands, loop, out);
+    if (status == 0 && service.has_failed_by_breach()) {
+        std::cerr << "confsim: a plugin has broken the model\n";
+        return failed;
+    }
+    return status;
 }
 
 int simulate(settings &wanted, bool with_command)

@@ -27,13 +27,13 @@ std::string expected_text(const std::vector<std::string> &line)
     return text;
 }
 
-json publication_data(const publication &what, const answer &got)
+json_value publication_data(const publication &what, const answer &got)
 {
-    json data = {{"plugin", what.to->name},
-                 {"path", to_text(what.where)},
-                 {"change", verb_of(what.oper)},
-                 {"rollback", (what.oper & CONFIG_OP_ROLLBACK) != 0},
-                 {"ok", got.is_result()}};
+    json_value data = {{"plugin", what.to->name},
+                       {"path", to_text(what.where)},
+                       {"change", verb_of(what.oper)},
+                       {"rollback", (what.oper & CONFIG_OP_ROLLBACK) != 0},
+                       {"ok", got.is_result()}};
     if (got.kind == answer::outcome::refused) {
         data["code"] = got.code;
     }
@@ -43,17 +43,36 @@ json publication_data(const publication &what, const answer &got)
     return data;
 }
 
+json_value difference_data(const difference &change)
+{
+    json_value data = {{"change", change.before == nullptr    ? "add"
+                                  : change.after == nullptr   ? "remove"
+                                  : !change.new_place.empty() ? "move"
+                                                              : "modify"},
+                       {"path", to_text(change.where)}};
+    if (!change.new_place.empty()) {
+        data["place"] = change.new_place;
+    }
+    return data;
+}
+
 } // namespace
 
 const interpreter::command interpreter::table[] = {
     {"plugins", "", "the plugins and what they subscribed to", 0, 0, &interpreter::plugins},
-    {"load", "FILE", "take the candidate from an XML file", 1, 1, &interpreter::load},
+    {"load", "FILE", "take the candidate from an XML file, or from FILE.json (--yang)", 1, 1,
+     &interpreter::load},
     {"set", "PATH [VALUE]", "make a node of the candidate, or change a leaf", 1, 2,
      &interpreter::set},
     {"delete", "PATH", "remove nodes from the candidate", 1, 1, &interpreter::remove},
-    {"show", "[NAME] [PATH]",
-     "the configuration running, old, candidate or deployment, or published", 0, 2,
+    {"show", "[--json] [NAME] [PATH]",
+     "the configuration running, old, candidate or deployment, or published", 0, 3,
      &interpreter::show},
+    {"move", "PATH before|after|first|last [PATH]",
+     "move an entry of a list that users order (--yang)", 2, 3, &interpreter::move},
+    {"validate", "", "whether the model allows the candidate (--yang)", 0, 0,
+     &interpreter::validate},
+    {"model", "[PATH]", "what the model has below a path (--yang)", 0, 1, &interpreter::model},
     {"diff", "", "what the candidate changes", 0, 0, &interpreter::diff},
     {"commit", "", "put the candidate in force", 0, 0, &interpreter::commit},
     {"discard", "", "make the candidate equal to the running configuration", 0, 0,
@@ -181,7 +200,7 @@ void interpreter::load(const words &line)
 
 void interpreter::set(const words &line)
 {
-    const path where = parse_path(line[1]);
+    const path where = here_.config.as_modelled(parse_path(line[1]));
     concern("", to_text(where));
     here_.config.set(where, line.size() > 2 ? std::optional(line[2]) : std::nullopt);
     say("ok");
@@ -189,7 +208,7 @@ void interpreter::set(const words &line)
 
 void interpreter::remove(const words &line)
 {
-    const path where = parse_path(line[1]);
+    const path where = here_.config.as_modelled(parse_path(line[1]));
     concern("", to_text(where));
     const std::size_t count = here_.config.remove(where);
     report_->data = count;
@@ -201,23 +220,30 @@ void interpreter::remove(const words &line)
 
 void interpreter::show(const words &line)
 {
-    const node *chosen = line.size() > 1 ? here_.config.named(line[1]) : nullptr;
-    const std::size_t path_position = chosen == nullptr ? 1 : 2;
+    const bool is_json = line.size() > 1 && line[1] == "--json";
+    const std::size_t first = is_json ? 2 : 1;
+    const node *chosen = line.size() > first ? here_.config.named(line[first]) : nullptr;
+    const std::size_t path_position = first + (chosen == nullptr ? 0 : 1);
     const node &tree = chosen == nullptr ? here_.config.running() : *chosen;
     if (line.size() > path_position + 1) {
-        throw failure("usage: show [running|old|candidate|deployment|published] [PATH]");
+        throw failure("usage: show [--json] [running|old|candidate|deployment|published] [PATH]");
     }
     std::vector<const node *> shown = {&tree};
+    path where;
     if (line.size() > path_position) {
-        const path where = parse_path(line[path_position]);
+        where = here_.config.as_modelled(parse_path(line[path_position]));
         concern("", to_text(where));
         shown = find(tree, where);
     }
-    for (const node *each : shown) {
-        say(here_.out.shown(here_.config.as_xml(*each).get()));
-    }
     if (shown.empty()) {
         throw failure("there is no " + line[path_position]);
+    }
+    if (is_json) {
+        say(here_.out.shown(here_.config.as_json(tree, where)));
+    } else {
+        for (const node *each : shown) {
+            say(here_.out.shown(here_.config.as_xml(*each).get()));
+        }
     }
     report_->data = report_->text;
 }
@@ -226,13 +252,10 @@ void interpreter::diff(const words & /*line*/)
 {
     const std::vector<difference> changes =
         differences(here_.config.running(), here_.config.candidate());
-    report_->data = json::array();
+    report_->data = json_value::array();
     for (const difference &each : changes) {
         say(to_text(each));
-        report_->data.push_back({{"change", each.before == nullptr  ? "add"
-                                            : each.after == nullptr ? "remove"
-                                                                    : "modify"},
-                                 {"path", to_text(each.where)}});
+        report_->data.push_back(difference_data(each));
     }
     if (changes.empty()) {
         say("no difference");
@@ -241,7 +264,7 @@ void interpreter::diff(const words & /*line*/)
 
 void interpreter::commit(const words & /*line*/)
 {
-    report_->data = json::array();
+    report_->data = json_value::array();
     confsim::commit(here_.service, here_.config,
                     {[this](const std::string &text) { say(text); },
                      [this](const publication &what, const answer &got) {
@@ -341,7 +364,7 @@ void interpreter::trace(const words &line)
 
 void interpreter::help(const words & /*line*/)
 {
-    report_->data = json::array();
+    report_->data = json_value::array();
     for (const command &each : table) {
         report_->data.push_back(
             {{"name", each.name}, {"arguments", each.arguments}, {"help", each.help}});

@@ -90,6 +90,9 @@ private:
     void sleep(const words &line);
     void echo(const words &line);
     void trace(const words &line);
+    void move(const words &line);
+    void validate(const words &line);
+    void model(const words &line);
     void help(const words &line);
     void quit(const words &line);
 

@@ -3,14 +3,14 @@
 
 #include "commands/words.h"
 #include "failure.h"
+#include "files.h"
+#include "service/model_checks.h"
 #include "service/refusal.h"
 #include "tree/nearest.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 #include <list>
-#include <sstream>
 
 namespace confsim {
 
@@ -31,14 +31,14 @@ const char *state_text(plugin::state now)
     return "gone";
 }
 
-json plugin_data(const plugin &whom)
+json_value plugin_data(const plugin &whom)
 {
-    json data = {{"name", whom.called()},
-                 {"state", state_text(whom.now)},
-                 {"process", whom.stream.process()},
-                 {"configurations", json::array()},
-                 {"statuses", json::array()},
-                 {"operations", json::array()}};
+    json_value data = {{"name", whom.called()},
+                       {"state", state_text(whom.now)},
+                       {"process", whom.stream.process()},
+                       {"configurations", json_value::array()},
+                       {"statuses", json_value::array()},
+                       {"operations", json_value::array()}};
     for (const subscription &each : whom.configs) {
         data["configurations"].push_back(
             {{"path", to_text(each.where)}, {"priority", each.priority}, {"index", each.index}});
@@ -50,19 +50,6 @@ json plugin_data(const plugin &whom)
         data["operations"].push_back({{"name", each.name}, {"index", each.index}});
     }
     return data;
-}
-
-std::string read_file(const std::string &name)
-{
-    std::ifstream file(name);
-    std::ostringstream text;
-    if (file.peek() != std::ifstream::traits_type::eof()) {
-        text << file.rdbuf();
-    }
-    if (!file.is_open() || file.bad() || !text) {
-        throw failure("cannot read " + name);
-    }
-    return text.str();
 }
 
 // Whether an operation goes by this name, in any form of path.
@@ -85,7 +72,7 @@ void interpreter::plugins(const words & /*line*/)
     if (here_.service.plugins().empty()) {
         say("no plugin is connected");
     }
-    report_->data = json::array();
+    report_->data = json_value::array();
     for (const plugin_ptr &each : here_.service.plugins()) {
         report_->data.push_back(plugin_data(*each));
         say(each->called() + ": " + state_text(each->now) + ", pid " + each->stream.process());
@@ -124,7 +111,7 @@ std::string interpreter::shown_children(const xmlNode *parent) const
 
 void interpreter::status(const words &line)
 {
-    const path where = parse_path(line[1]);
+    const path where = here_.config.as_modelled(parse_path(line[1]));
     plugin_ptr best;
     subscription published{};
     std::vector<std::string> names;
@@ -158,6 +145,8 @@ void interpreter::status(const words &line)
     const answer got = here_.service.exchange(best, "subscribe", std::move(params));
     concern(best->name, to_text(where));
     const xmlNode *data = xml::child(result_of(got, best->name, to_text(where)), "data");
+    here_.service.report_breach(best->name,
+                                breach_of_status(here_.config, where, published.where, data));
     const std::string printed = data == nullptr ? "" : shown_children(data);
     report_->data = printed;
     say(printed.empty() ? "no data" : printed);
@@ -185,14 +174,24 @@ void interpreter::call(const words &line)
             continue;
         }
         const xml::doc_ptr info = xml::parse_text("<info>" + input + "</info>", "input");
+        const xmlNode *given = xmlDocGetRootElement(info.get());
+        const std::string refusal =
+            breach_of_operation(here_.config, line[1], confsim::model::message::input, given);
+        if (!refusal.empty()) {
+            throw failure("the model forbids this input: " + refusal);
+        }
         xml::node_ptr params = xml::element("params");
         xml::add(params.get(), "type", "operate");
         xml::add(params.get(), "session-id", session_id);
         xml::add(params.get(), "callback", std::to_string(found->index));
-        xml::add(params.get(), xml::copy(xmlDocGetRootElement(info.get())));
+        xml::add(params.get(), xml::copy(given));
         const answer got = here_.service.exchange(each, "publish", std::move(params));
         concern(each->name, line[1]);
-        const std::string printed = shown_children(result_of(got, each->name, line[1]));
+        const xmlNode *output = result_of(got, each->name, line[1]);
+        here_.service.report_breach(
+            each->name,
+            breach_of_operation(here_.config, line[1], confsim::model::message::output, output));
+        const std::string printed = shown_children(output);
         report_->data = printed;
         say(printed);
         return;
@@ -220,7 +219,7 @@ void interpreter::kickoff(const words &line)
                      std::back_inserter(chosen),
                      [](const plugin_ptr &each) { return each->is_active(); });
     }
-    report_->data = json::array();
+    report_->data = json_value::array();
     for (const plugin_ptr &each : chosen) {
         const answer got = here_.service.exchange(each, "kickoff", xml::element("params"));
         (void)result_of(got, each->name, "");
@@ -259,7 +258,7 @@ void interpreter::wait_notification(const words &line)
 
 void interpreter::notifications(const words & /*line*/)
 {
-    report_->data = json::array();
+    report_->data = json_value::array();
     for (const std::string &each : here_.service.notifications()) {
         report_->data.push_back(here_.out.shown_notification(each));
         say(report_->data.back());

@@ -7,7 +7,7 @@ namespace confsim {
 
 std::string to_json(const command_answer &given)
 {
-    json line;
+    json_value line;
     line["ok"] = given.ok;
     if (!given.plugin.empty()) {
         line["plugin"] = given.plugin;
@@ -24,7 +24,7 @@ std::string to_json(const command_answer &given)
     }
     constexpr double microseconds = 1e6;
     line["seconds"] = std::round(given.duration.count() * microseconds) / microseconds;
-    return line.dump(-1, ' ', false, json::error_handler_t::replace);
+    return line.dump(-1, ' ', false, json_value::error_handler_t::replace);
 }
 
 } // namespace confsim

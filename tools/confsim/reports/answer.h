@@ -11,7 +11,7 @@
 
 namespace confsim {
 
-using json = nlohmann::ordered_json;
+using json_value = nlohmann::ordered_json;
 
 struct command_answer {
     bool ok = true;
@@ -19,7 +19,7 @@ struct command_answer {
     std::string path;        // likewise
     std::optional<int> code; // of a plugin that refused
     std::string text; // as printed; of a failure the reason, in a plugin's own words if it has any
-    json data;        // null when there is none
+    json_value data;  // null when there is none
     seconds duration{};
 };
 

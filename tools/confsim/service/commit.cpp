@@ -92,6 +92,15 @@ void report_unsubscribed(const std::list<plugin_ptr> &plugins,
     }
 }
 
+void refuse_invalid(configuration &config)
+{
+    try {
+        config.validate();
+    } catch (const failure &reason) {
+        throw failure(std::string("commit failed: the model forbids it: ") + reason.what());
+    }
+}
+
 void carry_out(conf_daemon &service, configuration &config, const commit_listener &listener)
 {
     const std::vector<difference> changes = differences(config.running(), config.candidate());
@@ -131,6 +140,7 @@ void commit(conf_daemon &service, configuration &config, const commit_listener &
         (void)service.wait_until_free(each); // one that is late does not stop it
     }
     try {
+        refuse_invalid(config);
         carry_out(service, config, listener);
     } catch (const failure &) {
         service.release_starts();

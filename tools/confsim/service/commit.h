@@ -13,8 +13,9 @@ namespace confsim {
 
 // Who is told of each step: in words, and of each publication what became of it.
 struct commit_listener {
-    std::function<void(const std::string &)> say;
-    std::function<void(const publication &, const answer &)> published;
+    std::function<void(const std::string &)> say = [](const auto & /*text*/) {};
+    std::function<void(const publication &, const answer &)> published =
+        [](const auto & /*what*/, const auto & /*got*/) {};
 };
 
 // Throws a refusal when a plugin refused, died or did not answer, and failure when the result

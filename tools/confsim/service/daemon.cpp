@@ -4,6 +4,7 @@
 #include "conf_api.h"
 #include "conf_plugin.h"
 #include "failure.h"
+#include "service/model_checks.h"
 
 #include <algorithm>
 #include <cstring>
@@ -28,11 +29,6 @@ xml::node_ptr error_element(int code, const std::string &message)
     xml::add(error.get(), "code", std::to_string(code));
     xml::add(error.get(), "message", message);
     return error;
-}
-
-path path_in(const xmlNode *params)
-{
-    return parse_path(xml::child_text(params, "path"));
 }
 
 bool asks_for_old(const xmlNode *params)
@@ -114,11 +110,61 @@ void conf_daemon::receive_notifications()
     if (!agents_.forward(text)) {
         out_.event("a notification is not XML: " + out_.shown_notification(text.substr(0, 80)));
     }
+    check_notification(text);
     notifications_.push_back(std::move(text));
     ++not_taken_;
     if (notifications_.size() > most_notifications) {
         notifications_.pop_front();
         not_taken_ = std::min(not_taken_, notifications_.size());
+    }
+}
+
+void conf_daemon::check_notification(const std::string &text)
+{
+    try {
+        report_breach("", breach_of_notification(config_, text));
+    } catch (const failure &) {
+        return; // nobody waits for an answer; the session fails in the end
+    }
+}
+
+void conf_daemon::report_breach(const std::string &who, const std::string &breach)
+{
+    if (breach.empty()) {
+        return;
+    }
+    has_seen_breach_ = true;
+    const std::string text =
+        (who.empty() ? "a plugin" : "plugin " + who) + " breaks the model: " + breach;
+    out_.event((are_breaches_errors_ ? "error: " : "warning: ") + text);
+    if (are_breaches_errors_) {
+        throw failure(text);
+    }
+}
+
+// Subscriptions to what the model has not would never be told of anything; the others get the form
+// that the model gives them.
+void conf_daemon::check_registration(plugin &whom)
+{
+    for (auto *all : {&whom.configs, &whom.statuses}) {
+        for (subscription &each : *all) {
+            try {
+                each.where = config_.as_modelled(each.where);
+            } catch (const failure &reason) {
+                report_breach(whom.name, reason.what());
+            }
+        }
+    }
+}
+
+path conf_daemon::path_in(const plugin_ptr &from, const xmlNode *params)
+{
+    path where = parse_path(xml::child_text(params, "path"));
+    try {
+        return config_.as_modelled(where);
+    } catch (const failure &reason) {
+        report_breach(from->name, reason.what());
+        return where;
     }
 }
 
@@ -223,6 +269,13 @@ xml::node_ptr conf_daemon::on_register(const plugin_ptr &from, const xmlNode *pa
         throw failure("There is a plugin " + name + " already.");
     }
     from->take_registration(params);
+    try {
+        check_registration(*from);
+    } catch (const failure &) {
+        from->now = plugin::state::connected;
+        from->name.clear();
+        throw;
+    }
     out_.event("plugin " + from->name + " registered");
     return xml::element("result");
 }
@@ -242,21 +295,21 @@ xml::node_ptr conf_daemon::on_deactivate(const plugin_ptr &from, const xmlNode *
     return xml::element("result");
 }
 
-xml::node_ptr conf_daemon::on_pull(const plugin_ptr & /*from*/, const xmlNode *params)
+xml::node_ptr conf_daemon::on_pull(const plugin_ptr &from, const xmlNode *params)
 {
     xml::node_ptr result = xml::element("result");
     xmlNode *data = xml::add(result.get(), "data");
     for (const node *each :
-         confsim::find(config_.seen_by_plugins(asks_for_old(params)), path_in(params))) {
+         confsim::find(config_.seen_by_plugins(asks_for_old(params)), path_in(from, params))) {
         xml::add(data, config_.as_xml(*each));
     }
     return result;
 }
 
-xml::node_ptr conf_daemon::on_locate(const plugin_ptr & /*from*/, const xmlNode *params)
+xml::node_ptr conf_daemon::on_locate(const plugin_ptr &from, const xmlNode *params)
 {
     const neighbours found =
-        find_neighbours(config_.seen_by_plugins(asks_for_old(params)), path_in(params));
+        find_neighbours(config_.seen_by_plugins(asks_for_old(params)), path_in(from, params));
     xml::node_ptr result = xml::element("result");
     if (found.previous) {
         xml::add(result.get(), "prev", to_text(*found.previous));
@@ -269,21 +322,25 @@ xml::node_ptr conf_daemon::on_locate(const plugin_ptr & /*from*/, const xmlNode 
 
 xml::node_ptr conf_daemon::on_push(const plugin_ptr &from, const xmlNode *params)
 {
-    const path where = path_in(params);
-    config_.publish(where, data_in(params));
-    out_.event("plugin " + from->name + " published " + to_text(where));
+    const given_data given = config_.read_given(parse_path(xml::child_text(params, "path")),
+                                                data_in(params), model::content::all);
+    report_breach(from->name, given.breach);
+    config_.publish(given);
+    out_.event("plugin " + from->name + " published " + to_text(given.where));
     return xml::element("result");
 }
 
 xml::node_ptr conf_daemon::on_config_deployment(const plugin_ptr &from, const xmlNode *params)
 {
-    const path where = path_in(params);
+    const given_data given = config_.read_given(parse_path(xml::child_text(params, "path")),
+                                                data_in(params), model::content::configuration);
     const std::string oper = xml::child_text(params, "oper-type");
     if (oper != "add" && oper != "delete" && oper != "update") {
         throw failure("There is no oper-type \"" + oper + "\".");
     }
-    config_.stage(where, oper, data_in(params));
-    out_.event("plugin " + from->name + " staged: " + oper + " " + to_text(where));
+    report_breach(from->name, given.breach);
+    config_.stage(given, oper);
+    out_.event("plugin " + from->name + " staged: " + oper + " " + to_text(given.where));
     return xml::element("result");
 }
 

@@ -43,6 +43,15 @@ public:
     void hold_starts() { are_starts_held_ = true; }
     void release_starts();
 
+    // What a plugin does against the model is reported, and thrown as failure when it is to be an
+    // error. `who` is empty when nobody knows, and `breach` when there is none.
+    void take_breaches_for_errors() { are_breaches_errors_ = true; }
+    void report_breach(const std::string &who, const std::string &breach);
+    [[nodiscard]] bool has_failed_by_breach() const
+    {
+        return are_breaches_errors_ && has_seen_breach_;
+    }
+
     // Notifications as received, the oldest first; the oldest of very many are forgotten.
     [[nodiscard]] const std::deque<std::string> &notifications() const { return notifications_; }
     // The oldest one that was not yet taken, if any.
@@ -58,6 +67,9 @@ private:
     static const served_method methods[];
 
     void receive_notifications();
+    void check_notification(const std::string &text);
+    void check_registration(plugin &whom);
+    [[nodiscard]] path path_in(const plugin_ptr &from, const xmlNode *params);
     void handle(const plugin_ptr &from, xml::node_ptr message);
     void let_go(const plugin_ptr &whom, const std::string &why);
     void start(const plugin_ptr &whom);
@@ -84,6 +96,8 @@ private:
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
     bool are_starts_held_ = false;
+    bool are_breaches_errors_ = false;
+    bool has_seen_breach_ = false;
 };
 
 } // namespace confsim

@@ -105,7 +105,13 @@ const char *verb_of(int oper)
     if ((oper & CONFIG_OP_ADD) != 0) {
         return "add";
     }
-    return (oper & CONFIG_OP_RM) != 0 ? "remove" : "modify";
+    if ((oper & CONFIG_OP_RM) != 0) {
+        return "remove";
+    }
+    if ((oper & CONFIG_OP_MOVE) == 0) {
+        return "modify";
+    }
+    return (oper & CONFIG_OP_MOD) != 0 ? "modify and move" : "move";
 }
 
 } // namespace confsim

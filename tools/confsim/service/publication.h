@@ -41,7 +41,7 @@ struct publication {
 // Whether one of those behind `current` goes to the same plugin.
 [[nodiscard]] bool more_follow(const std::vector<publication> &all, std::size_t current);
 
-// "add", "remove" or "modify".
+// "add", "remove", "modify", "move", or "modify and move".
 [[nodiscard]] const char *verb_of(int oper);
 
 } // namespace confsim

@@ -2,6 +2,8 @@
 #include "store/configuration.h"
 
 #include "failure.h"
+#include "files.h"
+#include "model/resolve.h"
 
 #include <string_view>
 
@@ -21,10 +23,29 @@ void refuse_excess(const node &tree, const path &where)
 
 } // namespace
 
-configuration::configuration(const std::string &store_directory)
-    : store_(store_directory), running_(restored("running")), old_(restored("old")),
-      candidate_(running_), deployment_(restored("deployment")), published_(top())
+configuration::configuration(const std::string &store_directory, const model *known)
+    : store_(store_directory), model_(known)
 {
+    if (model_ != nullptr) {
+        for (const auto &[module, uri] : model_->namespaces()) {
+            modules_.know(module, uri);
+        }
+    }
+    running_ = restored("running");
+    old_ = restored("old");
+    candidate_ = running_;
+    deployment_ = restored("deployment");
+    published_ = top();
+}
+
+const schema_node *configuration::top_place() const
+{
+    return model_ == nullptr ? nullptr : &model_->top();
+}
+
+path configuration::as_modelled(const path &where) const
+{
+    return resolved(top_place(), where);
 }
 
 node configuration::restored(const std::string &name)
@@ -59,29 +80,49 @@ const node *configuration::named(const std::string &name) const
     return nullptr;
 }
 
-node configuration::read(const std::string &file)
+std::vector<node> configuration::read_xml(const std::string &file, module_table &modules) const
 {
     const xml::doc_ptr doc = xml::parse_file(file);
-    const xmlNode *root = xmlDocGetRootElement(doc.get());
+    xmlNode *root = xmlDocGetRootElement(doc.get());
     const std::string_view name = xml::name(root);
+    const bool is_wrapped = name == "config" || name == "data";
+    if (is_wrapped && !xml::text(root).empty()) {
+        throw failure("there is a text right inside of <" + std::string(name) + ">");
+    }
+    const std::vector<const xmlNode *> tops =
+        is_wrapped ? xml::elements(root) : std::vector<const xmlNode *>{root};
+    if (model_ != nullptr) {
+        return model_->read(xml::print_alone(tops), model::notation::xml,
+                            model::content::configuration, modules);
+    }
+    std::vector<node> read;
+    read.reserve(tops.size());
+    for (const xmlNode *each : tops) {
+        read.push_back(from_xml(each, "", modules));
+    }
+    return read;
+}
+
+std::vector<node> configuration::read_json(const std::string &file, module_table &modules) const
+{
+    if (model_ == nullptr) {
+        throw failure("only with a model (--yang) can JSON be read");
+    }
+    return model_->read(read_file(file), model::notation::json, model::content::configuration,
+                        modules);
+}
+
+node configuration::read(const std::string &file)
+{
     node loaded = top();
     module_table modules = modules_; // a refused file names no modules
     try {
-        std::vector<node> children;
-        if (name != "config" && name != "data") {
-            children.push_back(from_xml(root, "", modules));
-        } else if (!xml::text(root).empty()) {
-            throw failure("there is a text right inside of <" + std::string(name) + ">");
-        } else {
-            for (const xmlNode *child = xml::first_element(root); child != nullptr;
-                 child = xml::next_element(child)) {
-                children.push_back(from_xml(child, "", modules));
-            }
-        }
-        loaded.children = siblings(std::move(children));
+        loaded.children =
+            siblings(file.ends_with(".json") ? read_json(file, modules) : read_xml(file, modules));
         refuse_unreadable(loaded, {});
     } catch (const failure &error) {
-        throw failure(file + ": " + error.what());
+        const std::string why = error.what();
+        throw failure(why.starts_with(file) ? why : file + ": " + why);
     }
     modules_ = std::move(modules);
     return loaded;
@@ -124,41 +165,144 @@ void configuration::accept()
     running_ = candidate_;
 }
 
-std::vector<node> configuration::instances(const path &where,
-                                           const std::vector<const xmlNode *> &data)
+void configuration::set(const path &where, const std::optional<std::string> &text)
 {
-    std::vector<node> all;
-    all.reserve(data.size());
-    for (const xmlNode *each : data) {
-        all.push_back(from_xml(each, where.back().module, modules_));
+    path place = as_modelled(where);
+    std::optional<std::string> value = text;
+    if (const schema_node *modelled = place_of(top_place(), place)) {
+        if (!modelled->is_configuration) {
+            throw failure(to_text(place) + " is state, not configuration");
+        }
+        if (modelled->kind == schema_node::form::leaf_list && value && place.back().keys.empty()) {
+            place.back().keys.push_back({".", canonical_value(*modelled, *value, place)});
+            value.reset();
+        }
+        if (modelled->kind == schema_node::form::leaf && !value &&
+            find(candidate_, place).empty()) {
+            value = ""; // which not every type allows
+        }
+        if (value && modelled->has_value()) {
+            value = canonical_value(*modelled, *value, place);
+        } else if (value && modelled->kind != schema_node::form::any) {
+            throw failure(to_text(place) + " is not a leaf");
+        }
+    }
+    confsim::set(candidate_, place, value);
+}
+
+void configuration::move(const path &where, destination to, const path &other)
+{
+    const path place = as_modelled(where);
+    const schema_node *modelled = place_of(top_place(), place);
+    if (model_ == nullptr) {
+        throw failure("only a model (--yang) tells which lists have an order");
+    }
+    if (modelled == nullptr || !modelled->is_ordered_by_user) {
+        throw failure(to_text(place) + " belongs to no list that users order");
+    }
+    confsim::move(candidate_, place, to, as_modelled(other));
+}
+
+std::string configuration::as_text(const node &tree)
+{
+    const xml::node_ptr wrapped = as_xml(tree);
+    std::string all;
+    for (xmlNode *each = xml::first_element(wrapped.get()); each != nullptr;
+         each = xml::next_element(each)) {
+        all += xml::print(each);
     }
     return all;
 }
 
-void configuration::publish(const path &where, const std::vector<const xmlNode *> &data)
+std::string configuration::as_text(const path &around, const std::vector<const xmlNode *> &inside)
+{
+    node whole = top();
+    if (!around.empty()) {
+        confsim::set(whole, around, std::nullopt);
+    }
+    const xml::node_ptr wrapped = as_xml(whole);
+    xmlNode *inner = wrapped.get();
+    for (const step &each : around) {
+        inner = xml::child(inner, each.name.c_str());
+    }
+    for (const xmlNode *each : inside) {
+        xml::add_inheriting(inner, each);
+    }
+    return xml::print_alone(xml::elements(wrapped.get()));
+}
+
+std::string configuration::as_json(const node &tree, const path &where)
+{
+    if (model_ == nullptr) {
+        throw failure("only with a model (--yang) can JSON be shown");
+    }
+    if (where.empty()) {
+        return model_->to_json(as_text(tree));
+    }
+    std::vector<xml::node_ptr> owned;
+    std::vector<const xmlNode *> shown;
+    for (const node *each : find(tree, where)) {
+        owned.push_back(as_xml(*each));
+        shown.push_back(owned.back().get());
+    }
+    return model_->to_json(as_text({where.begin(), where.end() - 1}, shown));
+}
+
+void configuration::validate()
+{
+    if (model_ != nullptr) {
+        model_->validate(as_text(candidate_));
+    }
+}
+
+given_data configuration::read_given(const path &where, const std::vector<const xmlNode *> &data,
+                                     model::content what)
+{
+    given_data given{where, {}, ""};
+    if (model_ != nullptr) {
+        try {
+            given.where = as_modelled(where);
+            node whole = top();
+            whole.children =
+                siblings(model_->read(as_text({given.where.begin(), given.where.end() - 1}, data),
+                                      model::notation::xml, what, modules_));
+            for (const node *each : find(whole, given.where)) {
+                given.nodes.push_back(*each);
+            }
+            return given;
+        } catch (const failure &reason) {
+            given.breach = reason.what();
+        }
+    }
+    for (const xmlNode *each : data) {
+        given.nodes.push_back(from_xml(each, where.back().module, modules_));
+    }
+    return given;
+}
+
+void configuration::publish(const given_data &given)
 {
     node changed = published_;
-    put(changed, where, instances(where, data));
-    refuse_excess(changed, where);
+    put(changed, given.where, given.nodes);
+    refuse_excess(changed, given.where);
     published_ = std::move(changed);
 }
 
-void configuration::stage(const path &where, const std::string &oper,
-                          const std::vector<const xmlNode *> &data)
+void configuration::stage(const given_data &given, const std::string &oper)
 {
     node changed = deployment_;
-    const bool there = !find(changed, where).empty();
+    const bool there = !find(changed, given.where).empty();
     if (oper == "delete") {
         if (!there) {
-            throw failure("The deployment holds no " + to_text(where) + ".");
+            throw failure("The deployment holds no " + to_text(given.where) + ".");
         }
-        confsim::remove(changed, where);
+        confsim::remove(changed, given.where);
     } else if (oper == "add" && there) {
-        throw failure("The deployment holds " + to_text(where) + " already.");
+        throw failure("The deployment holds " + to_text(given.where) + " already.");
     } else {
-        put(changed, where, instances(where, data));
+        put(changed, given.where, given.nodes);
     }
-    refuse_excess(changed, where);
+    refuse_excess(changed, given.where);
     deployment_ = std::move(changed);
 }
 

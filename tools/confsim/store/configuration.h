@@ -8,10 +8,12 @@
 //
 // Running and old are stored at each commit; the deployment when a plugin saves it. They are
 // versions that share what they have in common, so a commit without a store, and what plugins ask,
-// takes the time of what changed; only a store writes, and reads back, the whole.
+// takes the time of what changed; only a store writes, and reads back, the whole, and a model looks
+// at the whole.
 #ifndef CONFSIM_CONFIGURATION_H
 #define CONFSIM_CONFIGURATION_H
 
+#include "model/model.h"
 #include "store/store.h"
 #include "tree/tree_xml.h"
 
@@ -20,10 +22,19 @@
 
 namespace confsim {
 
+// Nodes that a plugin gives for a path, and how they break the model, if they do. Then they are
+// taken as they would be without it.
+struct given_data {
+    path where;
+    std::vector<node> nodes;
+    std::string breach;
+};
+
 class configuration {
 public:
-    // Continues with what stands in the directory, if one is named. Throws failure.
-    explicit configuration(const std::string &store_directory);
+    // Continues with what stands in the directory, if one is named. The model, if there is one,
+    // outlives this. Throws failure.
+    explicit configuration(const std::string &store_directory, const model *known = nullptr);
 
     [[nodiscard]] const node &running() const { return running_; }
     [[nodiscard]] const node &candidate() const { return candidate_; }
@@ -40,27 +51,40 @@ public:
     // did. Throws failure.
     bool begin_with(const std::string &file);
 
-    // Takes the candidate from a file whose root is <config>, <data> or the only top node. Throws
-    // failure, with the candidate as before.
+    // Takes the candidate from a file whose root is <config>, <data> or the only top node, or from
+    // one called .json, which needs a model. Throws failure, with the candidate as before.
     void load(const std::string &file) { candidate_ = read(file); }
 
     // As the functions of these names do with a tree. Throw failure, with the candidate as before.
-    void set(const path &where, const std::optional<std::string> &text)
+    void set(const path &where, const std::optional<std::string> &text);
+    std::size_t remove(const path &where)
     {
-        confsim::set(candidate_, where, text);
+        return confsim::remove(candidate_, as_modelled(where));
     }
-    std::size_t remove(const path &where) { return confsim::remove(candidate_, where); }
+    void move(const path &where, destination to, const path &other);
     void discard() { candidate_ = running_; }
+
+    // The model, if there is one, and a path as that has it. Throws failure for one that it has
+    // not.
+    [[nodiscard]] const model *known_model() const { return model_; }
+    [[nodiscard]] const schema_node *top_place() const;
+    [[nodiscard]] path as_modelled(const path &where) const;
+
+    // Throws failure when the model forbids the candidate.
+    void validate();
 
     // The candidate becomes the running configuration. Throws failure when it cannot be stored,
     // with all as before.
     void accept();
 
-    // What plugins do. `data` are the instances that the path names; oper as in the request: add,
-    // delete or update. These throw failure, with all as before.
-    void publish(const path &where, const std::vector<const xmlNode *> &data);
-    void stage(const path &where, const std::string &oper,
-               const std::vector<const xmlNode *> &data);
+    // The instances that a plugin gives for a path.
+    [[nodiscard]] given_data read_given(const path &where, const std::vector<const xmlNode *> &data,
+                                        model::content what);
+
+    // What plugins do; oper as in the request: add, delete or update. These throw failure, with all
+    // as before.
+    void publish(const given_data &given);
+    void stage(const given_data &given, const std::string &oper);
     void save_deployment() { keep("deployment", deployment_); }
 
     // The running configuration replaces the deployment, or adds what that lacks.
@@ -69,16 +93,26 @@ public:
     // A tree as XML; the nodes of a whole configuration are wrapped into <config>.
     [[nodiscard]] xml::node_ptr as_xml(const node &tree) { return to_xml(tree, modules_); }
 
+    // Texts that the model reads: a configuration, and elements inside of what a path leads to,
+    // whose namespaces are those of the path where they have none.
+    [[nodiscard]] std::string as_text(const node &tree);
+    [[nodiscard]] std::string as_text(const path &around,
+                                      const std::vector<const xmlNode *> &inside);
+
+    // What a path leads to in a tree, as JSON, which needs a model.
+    [[nodiscard]] std::string as_json(const node &tree, const path &where);
+
 private:
-    static node top() { return {"", "config", "", {}}; }
+    [[nodiscard]] node top() const { return {"", "config", "", {}, top_place()}; }
     [[nodiscard]] node read(const std::string &file);
+    [[nodiscard]] std::vector<node> read_xml(const std::string &file, module_table &modules) const;
+    [[nodiscard]] std::vector<node> read_json(const std::string &file, module_table &modules) const;
     [[nodiscard]] node restored(const std::string &name);
-    [[nodiscard]] std::vector<node> instances(const path &where,
-                                              const std::vector<const xmlNode *> &data);
     [[nodiscard]] std::string as_file(const node &tree);
     void keep(const std::string &name, const node &tree);
 
     store store_;
+    const model *model_;
     module_table modules_;
     node running_;
     node old_;

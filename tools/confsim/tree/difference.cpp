@@ -3,6 +3,7 @@
 
 #include "conf_api.h"
 
+#include <algorithm>
 #include <limits>
 #include <map>
 #include <set>
@@ -16,6 +17,7 @@ struct pairing {
     step where;
     const node *before;
     const node *after;
+    std::string new_place = "";
 };
 
 // Some children of one version, in document order.
@@ -30,6 +32,104 @@ void add_all_called_as(const branch &whom, const siblings &all, some_children &t
     }
 }
 
+// A change of the order of entries shows in their labels; then all of the list are to be looked at.
+void add_reordered(const siblings &before, const siblings &after, some_children &old,
+                   some_children &now)
+{
+    std::unordered_map<std::string, std::uint64_t> labels; // of the older ones that have an order
+    const auto is_ordered = [](const branch &each) {
+        return each.tree->place != nullptr && each.tree->place->is_ordered_by_user;
+    };
+    for (const auto &[label, whom] : old) {
+        if (is_ordered(whom)) {
+            labels.emplace(to_text(path{before.step_to(whom, true)}), label);
+        }
+    }
+    std::vector<branch> moved; // one of each list
+    for (const auto &[label, whom] : now) {
+        const auto was =
+            is_ordered(whom) ? labels.find(to_text(path{after.step_to(whom, true)})) : labels.end();
+        const bool is_known =
+            std::any_of(moved.begin(), moved.end(), [place = whom.tree->place](const branch &each) {
+                return each.tree->place == place;
+            });
+        if (was != labels.end() && was->second != label && !is_known) {
+            moved.push_back(whom);
+        }
+    }
+    for (const branch &each : moved) {
+        add_all_called_as(each, before, old);
+        add_all_called_as(each, after, now);
+    }
+}
+
+// The positions in a sequence of different numbers of those outside of its longest part that grows:
+// the fewest whose move gives the order.
+std::set<std::size_t> out_of_order(const std::vector<std::uint64_t> &sequence)
+{
+    std::vector<std::size_t> ends; // of the best part of each length so far
+    std::vector<std::size_t> earlier(sequence.size());
+    for (std::size_t i = 0; i < sequence.size(); ++i) {
+        const auto at = std::lower_bound(
+            ends.begin(), ends.end(), sequence[i],
+            [&](std::size_t end, std::uint64_t value) { return sequence[end] < value; });
+        earlier[i] = at == ends.begin() ? i : *(at - 1);
+        if (at == ends.end()) {
+            ends.push_back(i);
+        } else {
+            *at = i;
+        }
+    }
+    std::set<std::size_t> moved;
+    std::size_t kept = ends.empty() ? 0 : ends.back();
+    for (std::size_t i = sequence.size(); i-- > 0;) {
+        if (i == kept) {
+            kept = earlier[i];
+        } else {
+            moved.insert(i);
+        }
+    }
+    return moved;
+}
+
+using partners = std::vector<std::pair<const branch *, const branch *>>;
+
+// The places in `all` of the entries that moved among those of their list.
+std::set<std::size_t> moved_entries(const partners &all)
+{
+    struct kept_entries {
+        std::vector<std::uint64_t> labels;
+        std::vector<std::size_t> positions;
+    };
+    std::map<const schema_node *, kept_entries> lists;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        const auto &[was, is] = all[i];
+        if (was != nullptr && is->tree->place != nullptr && is->tree->place->is_ordered_by_user) {
+            kept_entries &list = lists[is->tree->place];
+            list.labels.push_back(was->label);
+            list.positions.push_back(i);
+        }
+    }
+    std::set<std::size_t> moved;
+    for (const auto &[place, list] : lists) {
+        for (const std::size_t each : out_of_order(list.labels)) {
+            moved.insert(list.positions[each]);
+        }
+    }
+    return moved;
+}
+
+// In words.
+std::string place_of(const branch &whom, const siblings &all)
+{
+    const branch *previous = all.previous(whom);
+    if (previous == nullptr) {
+        return "first";
+    }
+    const std::string step = to_text(path{all.step_to(*previous, true)});
+    return "after " + step.substr(step.find(':') + 1);
+}
+
 // The children of two versions of a node that are not the same in both, matched, in the order of
 // the newer one; what it lacks stands behind what it stood behind before.
 std::vector<pairing> pair_changed(const siblings &before, const siblings &after)
@@ -41,13 +141,14 @@ std::vector<pairing> pair_changed(const siblings &before, const siblings &after)
             if (each == nullptr) {
                 continue;
             }
-            if (key_of(*each->tree).name.empty()) {
+            if (is_told_by_position(*each->tree)) {
                 add_all_called_as(*each, before, old);
                 add_all_called_as(*each, after, now);
             }
             (each == was ? old : now).emplace(each->label, *each);
         }
     });
+    add_reordered(before, after, old, now);
     const auto step_in = [&](const siblings &all, const branch &whom) {
         const node &tree = *whom.tree;
         return all.step_to(whom, before.has_several(tree.module, tree.name) ||
@@ -57,13 +158,13 @@ std::vector<pairing> pair_changed(const siblings &before, const siblings &after)
     for (const auto &[label, whom] : old) {
         left.emplace(to_text(path{step_in(before, whom)}), &whom);
     }
-    std::vector<std::pair<const branch *, const branch *>> partners;
+    partners both;
     std::set<std::uint64_t> kept;
     for (const auto &[label, whom] : now) {
         const auto found = left.find(to_text(path{step_in(after, whom)}));
-        partners.emplace_back(found == left.end() ? nullptr : found->second, &whom);
-        if (partners.back().first != nullptr) {
-            kept.insert(partners.back().first->label);
+        both.emplace_back(found == left.end() ? nullptr : found->second, &whom);
+        if (both.back().first != nullptr) {
+            kept.insert(both.back().first->label);
         }
     }
     std::vector<pairing> pairs;
@@ -75,7 +176,9 @@ std::vector<pairing> pair_changed(const siblings &before, const siblings &after)
             }
         }
     };
-    for (const auto &[was, is] : partners) {
+    const std::set<std::size_t> moved = moved_entries(both);
+    for (std::size_t i = 0; i < both.size(); ++i) {
+        const auto &[was, is] = both[i];
         const branch *earlier = after.last_before(*is);
         if (earlier != nullptr && !now.contains(earlier->label)) { // which is the same in both
             add_removed(earlier->label);
@@ -83,8 +186,8 @@ std::vector<pairing> pair_changed(const siblings &before, const siblings &after)
         if (was != nullptr) {
             add_removed(was->label);
         }
-        pairs.push_back(
-            {step_in(after, *is), was == nullptr ? nullptr : was->tree.get(), is->tree.get()});
+        pairs.push_back({step_in(after, *is), was == nullptr ? nullptr : was->tree.get(),
+                         is->tree.get(), moved.contains(i) ? place_of(*is, after) : ""});
     }
     add_removed(std::numeric_limits<std::uint64_t>::max());
     return pairs;
@@ -103,6 +206,9 @@ void compare(const node &before, const node &after, path &where, std::vector<dif
     }
     for (const pairing &each : pair_changed(before.children, after.children)) {
         where.push_back(each.where);
+        if (!each.new_place.empty()) {
+            found.push_back({where, each.before, each.after, each.new_place});
+        }
         if (each.before != nullptr && each.after != nullptr) {
             compare(*each.before, *each.after, where, found);
         } else {
@@ -164,13 +270,16 @@ std::string to_text(const difference &change)
     if (change.after == nullptr) {
         return "remove " + where;
     }
+    if (!change.new_place.empty()) {
+        return "move " + where + " " + change.new_place;
+    }
     return "modify " + where + value(*change.before) + " ->" + value(*change.after);
 }
 
 bool concerns(const difference &change, const path &subscribed)
 {
     return leads_to(subscribed, change.where) ||
-           (leads_to(change.where, subscribed) &&
+           (change.new_place.empty() && leads_to(change.where, subscribed) &&
             holds_instance(whole(change), change.where, subscribed));
 }
 
@@ -178,12 +287,12 @@ std::vector<instance_change> changed_instances(const std::vector<difference> &ch
                                                const path &subscribed)
 {
     std::vector<instance_change> found;
-    std::set<std::string> seen;
+    std::map<std::string, std::size_t> seen; // their places in what is found
     for (std::size_t i = 0; i < changes.size(); ++i) {
         const difference &change = changes[i];
         const bool is_inside = leads_to(subscribed, change.where);
-        if (!is_inside && !leads_to(change.where, subscribed)) {
-            continue;
+        if (!is_inside && (!change.new_place.empty() || !leads_to(change.where, subscribed))) {
+            continue; // what is inside of an entry that moves stays as it is
         }
         const bool is_modified = change.where.size() > subscribed.size() ||
                                  (change.before != nullptr && change.after != nullptr);
@@ -195,10 +304,15 @@ std::vector<instance_change> changed_instances(const std::vector<difference> &ch
         } else {
             instances_below(whole(change), where, subscribed, instances);
         }
+        const bool is_move = !change.new_place.empty() && change.where.size() == subscribed.size();
         const int whole = change.before == nullptr ? CONFIG_OP_ADD : CONFIG_OP_RM;
+        const int oper = is_move ? CONFIG_OP_MOVE : is_modified ? CONFIG_OP_MOD : whole;
         for (path &each : instances) {
-            if (seen.insert(to_text(each)).second) {
-                found.push_back({std::move(each), is_modified ? CONFIG_OP_MOD : whole, i});
+            const auto [known, is_new] = seen.emplace(to_text(each), found.size());
+            if (is_new) {
+                found.push_back({std::move(each), oper, i});
+            } else {
+                found[known->second].oper |= oper;
             }
         }
     }

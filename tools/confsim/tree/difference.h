@@ -9,12 +9,14 @@
 
 namespace confsim {
 
-// A whole tree that was added (`before` null) or removed (`after` null), or a leaf with a new text.
-// The order of siblings is no difference.
+// A whole tree that was added (`before` null) or removed (`after` null), a leaf with a new text, or
+// a list entry with a new place among those of its list. The order of siblings is no difference,
+// unless a model says that users order them.
 struct difference {
     path where;
     const node *before;
     const node *after;
+    std::string new_place = ""; // of an entry that moved: "first", or "after" and the one before it
 };
 
 // In document order; what was removed stands where it was. The pointers lead into the two trees.
@@ -28,7 +30,7 @@ struct difference {
 // One changed instance of a subscribed node.
 struct instance_change {
     path where;
-    int oper;          // CONFIG_OP_ADD, CONFIG_OP_RM or CONFIG_OP_MOD
+    int oper;          // CONFIG_OP_ADD, CONFIG_OP_RM, or one or both of CONFIG_OP_MOD and _MOVE
     std::size_t order; // of the first difference that it holds
 };
 

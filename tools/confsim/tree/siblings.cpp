@@ -36,8 +36,9 @@ bool is_named(const node &tree, const step &wanted)
 // What a child is found by. It is a copy, so the index stays as it is when something else in the
 // child changes.
 struct naming {
-    explicit naming(const node &of)
-        : name(of.name), module(of.module), key_name(key_of(of).name), key_value(key_of(of).value)
+    explicit naming(const node &of) : naming(of, key_of(of)) {}
+    naming(const node &of, entry_key key)
+        : name(of.name), module(of.module), key_name(key.name), key_value(std::move(key.value))
     {
     }
     std::string name;
@@ -110,13 +111,36 @@ struct key_order {
 
 bool has_predicate(const node &tree, const predicate &wanted)
 {
-    const key_view key = key_of(tree);
+    if (wanted.name == "." && tree.is_leaf()) {
+        return tree.text == wanted.value;
+    }
+    const entry_key key = key_of(tree);
     if (key.name == wanted.name) {
         return key.value == wanted.value;
     }
     return std::any_of(tree.children.begin(), tree.children.end(), [&](const node &each) {
         return each.is_leaf() && each.name == wanted.name && each.text == wanted.value;
     });
+}
+
+// The values of a step for joined names of keys, joined likewise, if it gives them all.
+std::optional<std::string> joined_values(const std::string &key_names, const step &wanted)
+{
+    std::string joined;
+    for (std::size_t begin = 0; begin <= key_names.size();) {
+        const std::size_t end = std::min(key_names.find('\0', begin), key_names.size());
+        const std::string name = key_names.substr(begin, end - begin);
+        const auto given =
+            std::find_if(wanted.keys.begin(), wanted.keys.end(), [&name](const predicate &each) {
+                return each.name == name && !name.empty();
+            });
+        if (given == wanted.keys.end()) {
+            return std::nullopt;
+        }
+        joined += (begin == 0 ? "" : std::string(1, '\0')) + given->value;
+        begin = end + 1;
+    }
+    return joined;
 }
 
 } // namespace
@@ -245,12 +269,9 @@ std::vector<branch> siblings::candidates(const step &wanted) const
         return found;
     }
     const std::string &key_name = first->as->key_name;
-    const auto given =
-        std::find_if(wanted.keys.begin(), wanted.keys.end(), [&](const predicate &each) {
-            return each.name == key_name && !key_name.empty();
-        });
-    if (given != wanted.keys.end() && by_key.last_up_to(all_named)->as->key_name == key_name) {
-        take(by_key, key_probe{all_named.called, key_name, given->value}, key_order());
+    const std::optional<std::string> given = joined_values(key_name, wanted);
+    if (given && by_key.last_up_to(all_named)->as->key_name == key_name) {
+        take(by_key, key_probe{all_named.called, key_name, *given}, key_order());
     } else {
         take(index_->by_name, all_named.called, name_order());
     }
@@ -286,11 +307,16 @@ step siblings::step_to(const branch &whom, bool several) const
 {
     const node &tree = *whom.tree;
     step made{tree.module, tree.name, {}};
-    if (several || tree.children.begin_with_key()) {
-        const key_view key = key_of(tree);
-        made.keys.push_back({std::string(key.name), key.name.empty()
-                                                        ? std::to_string(position_of(whom))
-                                                        : std::string(key.value)});
+    if (tree.place != nullptr) {
+        for (const std::string &name : tree.place->keys) {
+            made.keys.push_back({name, value_of_key(tree, name)});
+        }
+        several = is_told_by_position(tree);
+    }
+    if (several || (tree.place == nullptr && tree.children.begin_with_key())) {
+        const entry_key key = key_of(tree);
+        made.keys.push_back({std::string(key.name),
+                             key.name.empty() ? std::to_string(position_of(whom)) : key.value});
     }
     return made;
 }
@@ -335,13 +361,11 @@ bool siblings::has_several(const std::string &module, const std::string &name) c
 
 bool siblings::has_twin(const branch &whom) const
 {
-    const key_view key = key_of(*whom.tree);
-    if (key.name.empty()) {
+    if (is_told_by_position(*whom.tree)) {
         return false;
     }
-    const step wanted{
-        whom.tree->module, whom.tree->name, {{std::string(key.name), std::string(key.value)}}};
-    const std::vector<branch> found = candidates(wanted);
+    const entry_key key = key_of(*whom.tree);
+    const std::vector<branch> found = candidates(step_to(whom, true));
     return std::any_of(found.begin(), found.end(), [&](const branch &each) {
         return each.label != whom.label && key_of(*each.tree) == key;
     });

@@ -76,7 +76,8 @@ public:
     [[nodiscard]] step step_to(const branch &whom, bool several) const;
     [[nodiscard]] bool has_several(const std::string &module, const std::string &name) const;
 
-    // A list entry of the same name and key.
+    // Another one to which a step to the child would lead as well: a list entry of the same name
+    // and key or, where the model allows but one, a node of the same name.
     [[nodiscard]] bool has_twin(const branch &whom) const;
 
     // The child of the same name before and behind one; null when there is none.

@@ -70,11 +70,35 @@ void refuse_depth(const node &tree, const path &where)
     }
 }
 
+void refuse_missing_keys(const schema_node &place, const path &where)
+{
+    for (const std::string &name : place.keys) {
+        const std::vector<predicate> &given = where.back().keys;
+        if (std::none_of(given.begin(), given.end(),
+                         [&name](const predicate &each) { return each.name == name; })) {
+            std::string complaint = to_text(where);
+            complaint += name == "." ? " lacks the value" : " lacks the key " + name;
+            complaint.append(", as in [").append(name).append("=\"...\"]");
+            throw failure(complaint);
+        }
+    }
+}
+
+const schema_node *place_below(const schema_node *place, const std::string &module,
+                               const std::string &name)
+{
+    return place == nullptr ? nullptr : place->child(module, name);
+}
+
 // The node of the last step of a path, with the keys that the step gives.
-node made_for(const path &where)
+node made_for(const path &where, const node &parent)
 {
     const step &wanted = where.back();
-    node made{wanted.module, wanted.name, "", {}};
+    node made{
+        wanted.module, wanted.name, "", {}, place_below(parent.place, wanted.module, wanted.name)};
+    if (made.place != nullptr) {
+        refuse_missing_keys(*made.place, where);
+    }
     for (const predicate &key : wanted.keys) {
         if (key.name.empty()) {
             throw failure("there is no " + to_text(where) + " to change");
@@ -83,7 +107,12 @@ node made_for(const path &where)
         if (key.name == ".") {
             made.text = key.value;
         } else {
-            const branch added = made.children.append({wanted.module, key.name, key.value, {}});
+            const branch added =
+                made.children.append({wanted.module,
+                                      key.name,
+                                      key.value,
+                                      {},
+                                      place_below(made.place, wanted.module, key.name)});
             refuse_twin(made.children, added, where);
         }
     }
@@ -98,10 +127,13 @@ node made_for(const path &where)
 // A list entry is known by its key. `several`: there are others of its name.
 void refuse_renaming(const node &before, const node &after, bool several, const path &where)
 {
-    const key_view key = key_of(before);
+    const entry_key key = key_of(before);
     const auto is_key = [&key](const predicate &each) { return each.name == key.name; };
-    const bool is_entry = several || before.children.begin_with_key() ||
-                          std::any_of(where.back().keys.begin(), where.back().keys.end(), is_key);
+    const bool is_entry =
+        before.place != nullptr
+            ? before.place->is_list()
+            : several || before.children.begin_with_key() ||
+                  std::any_of(where.back().keys.begin(), where.back().keys.end(), is_key);
     if (is_entry && !key.name.empty() && key_of(after) != key) {
         throw failure("the key of the list entry " + to_text(where) +
                       " cannot change; delete the entry, and set the other one");
@@ -127,6 +159,9 @@ void edit(node &place, const path &where, std::size_t done, std::size_t length,
     }
     const std::vector<branch> found = place.children.matching(where[done]);
     const path here = beginning(where, done + 1);
+    if (found.size() > 1 && found.front().tree->place != nullptr) {
+        refuse_missing_keys(*found.front().tree->place, here);
+    }
     if (found.size() > 1) {
         throw failure(to_text(where) + " is ambiguous: there are " + std::to_string(found.size()) +
                       " nodes called " + where[done].name);
@@ -134,7 +169,7 @@ void edit(node &place, const path &where, std::size_t done, std::size_t length,
     if (found.empty()) {
         refuse_below_leaf(place, where);
     }
-    const node before = found.empty() ? made_for(here) : *found.front().tree;
+    const node before = found.empty() ? made_for(here, place) : *found.front().tree;
     node after = before;
     edit(after, where, done + 1, length, act);
     refuse_renaming(before, after, place.children.has_several(before.module, before.name), here);
@@ -173,7 +208,7 @@ std::size_t remove_below(node &parent, const path &where, std::size_t depth)
         removed += below;
         if (below > 0) {
             refuse_renaming(*each.tree, changed, several, beginning(where, depth + 1));
-            if (changed.is_leaf()) {
+            if (changed.is_leaf() && (changed.place == nullptr || !changed.place->is_presence)) {
                 parent.children.erase(each);
             } else {
                 parent.children.replace(each, std::move(changed));
@@ -202,13 +237,39 @@ void add_missing_below(node &to, const node &from)
 
 } // namespace
 
-key_view key_of(const node &entry)
+entry_key key_of(const node &entry)
 {
+    if (entry.place != nullptr) {
+        entry_key key{entry.place->joined_keys, ""};
+        for (const std::string &name : entry.place->keys) {
+            key.value += (&name == entry.place->keys.data() ? "" : std::string(1, '\0')) +
+                         value_of_key(entry, name);
+        }
+        return key;
+    }
     if (entry.is_leaf()) {
         return {".", entry.text};
     }
     const node *key = entry.children.key();
-    return key == nullptr ? key_view{} : key_view{key->name, key->text};
+    return key == nullptr ? entry_key{} : entry_key{key->name, key->text};
+}
+
+std::string value_of_key(const node &entry, const std::string &name)
+{
+    if (name == ".") {
+        return entry.text;
+    }
+    const auto found =
+        std::find_if(entry.children.begin(), entry.children.end(), [&](const node &each) {
+            return each.name == name && each.module == entry.module;
+        });
+    return found == entry.children.end() ? "" : found->text;
+}
+
+bool is_told_by_position(const node &one)
+{
+    return one.place != nullptr ? one.place->is_list() && one.place->keys.empty()
+                                : key_of(one).name.empty();
 }
 
 std::vector<const node *> find(const node &top, const path &where)
@@ -275,6 +336,45 @@ void add_missing(node &to, const node &from)
     add_missing_below(changed, from);
     refuse_unreadable(changed, {});
     to = std::move(changed);
+}
+
+void move(node &top, const path &where, destination to, const path &other)
+{
+    const bool is_beside = to == destination::before || to == destination::after;
+    for (const path *each : {&where, &other}) {
+        if ((each == &where || is_beside) && find(top, *each).size() != 1) {
+            throw failure(to_text(*each) + " does not lead to one node.");
+        }
+    }
+    const path above = beginning(where, where.size() - 1);
+    if (is_beside && to_text(beginning(other, other.size() - 1)) != to_text(above)) {
+        throw failure(to_text(other) + " is no entry of the list of " + to_text(where));
+    }
+    node changed = top;
+    edit(changed, where, 0, above.size(), [&](node &parent) {
+        const branch whom = parent.children.matching(where.back()).front();
+        const std::vector<branch> places =
+            parent.children.matching({whom.tree->module, whom.tree->name, {}});
+        std::vector<branch> all = places;
+        std::erase(all, whom);
+        auto next = to == destination::first ? all.begin() : all.end();
+        if (is_beside) {
+            const std::vector<branch> beside = parent.children.matching(other.back());
+            next = std::find(all.begin(), all.end(), beside.front());
+            if (next == all.end()) {
+                throw failure(to_text(other) + " is no other entry of the list of " +
+                              to_text(where));
+            }
+            next += to == destination::after ? 1 : 0;
+        }
+        all.insert(next, whom);
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            if (all[i] != places[i]) { // only the entries that it passes change their labels
+                parent.children.replace(places[i], *all[i].tree);
+            }
+        }
+    });
+    top = std::move(changed);
 }
 
 neighbours find_neighbours(const node &top, const path &where)

@@ -1,12 +1,14 @@
 // A configuration as a tree of values, and where its nodes stand.
 //
-// A node is a list entry when its first child is a leaf called name, id, key or index, or when it
+// A model, where there is one, tells what is a list and what its keys are; see schema.h. Without, a
+// node is a list entry when its first child is a leaf called name, id, key or index, or when it
 // stands, before or after a change, among several siblings of its name. The key is that first
 // child; else the first child called so; else its first leaf; else, of a leaf, its own text; else
 // its position.
 #ifndef CONFSIM_TREE_H
 #define CONFSIM_TREE_H
 
+#include "model/schema.h"
 #include "tree/path.h"
 #include "tree/siblings.h"
 
@@ -23,19 +25,26 @@ struct node {
     std::string name;
     std::string text; // of a leaf
     siblings children;
+    const schema_node *place = nullptr; // in the model, if there is one
 
     [[nodiscard]] bool is_leaf() const { return children.empty(); }
 };
 
 // The key that a node has when it is a list entry. The name is "." for its own text, and empty when
-// only its position tells it.
-struct key_view {
+// only its position tells it. Several keys are joined by zero bytes, names and values alike.
+struct entry_key {
     std::string_view name;
-    std::string_view value;
+    std::string value;
 
-    bool operator==(const key_view &) const = default;
+    bool operator==(const entry_key &) const = default;
 };
-[[nodiscard]] key_view key_of(const node &entry);
+[[nodiscard]] entry_key key_of(const node &entry);
+
+// The value of one key; "" for an entry that lacks it.
+[[nodiscard]] std::string value_of_key(const node &entry, const std::string &name);
+
+// Whether only its position tells a node from others of its name.
+[[nodiscard]] bool is_told_by_position(const node &one);
 
 // All nodes of a path below `top`, whose own name does not matter; they live as long as any version
 // that holds them.
@@ -61,6 +70,11 @@ void put(node &top, const path &where, std::vector<node> instances);
 
 // Adds what is missing in one tree from another.
 void add_missing(node &to, const node &from);
+
+// Moves a list entry to another place in its list; `other` counts for the last two. Throws failure
+// unless each path leads to one entry, and both are of the same list.
+enum class destination { first, last, before, after };
+void move(node &top, const path &where, destination to, const path &other);
 
 // The list entries before and after the one that a path leads to; null where there is none. Throws
 // failure unless the path leads to exactly one node.

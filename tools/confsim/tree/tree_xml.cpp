@@ -42,6 +42,14 @@ void to_xml_below(const node &tree, xmlNode *element, module_table &modules)
         to_xml_below(child, place, modules);
     }
     if (!tree.text.empty() && tree.is_leaf()) {
+        if (tree.place != nullptr && tree.place->in_xml) {
+            const schema_node::written value = tree.place->in_xml(tree.text);
+            for (const auto &[prefix, uri] : value.prefixes) {
+                (void)xmlNewNs(element, chars(uri), chars(prefix));
+            }
+            xmlAddChild(element, xmlNewText(chars(value.text)));
+            return;
+        }
         xmlAddChild(element, xmlNewText(chars(tree.text)));
     }
 }
@@ -74,10 +82,17 @@ const std::string &module_table::uri_of(const std::string &module)
     return uris_.try_emplace(module, "urn:" + module).first->second;
 }
 
+void module_table::know(const std::string &module, const std::string &uri)
+{
+    names_[uri] = module;
+    uris_[module] = uri;
+    modelled_.insert(module);
+}
+
 bool module_table::needs_prefix(const std::string &module)
 {
     const std::string &uri = uri_of(module);
-    return !uri.empty() && last_part(uri) != module;
+    return !modelled_.contains(module) && !uri.empty() && last_part(uri) != module;
 }
 
 node from_xml(const xmlNode *element, const std::string &outer_module, module_table &modules)

@@ -6,6 +6,7 @@
 #include "tree/xml.h"
 
 #include <map>
+#include <set>
 #include <string>
 
 namespace confsim {
@@ -20,6 +21,9 @@ public:
     // The namespace of a module, urn:MODULE if no file named one; empty for a module without.
     const std::string &uri_of(const std::string &module);
 
+    // Takes over what a model says of a module.
+    void know(const std::string &module, const std::string &uri);
+
     // Whether a reader of XML can only know the module by the prefix of its namespace.
     [[nodiscard]] bool needs_prefix(const std::string &module);
 
@@ -29,6 +33,7 @@ public:
 private:
     std::map<std::string, std::string> names_; // by URI
     std::map<std::string, std::string> uris_;  // by module
+    std::set<std::string> modelled_;
 };
 
 [[nodiscard]] node from_xml(const xmlNode *element, const std::string &outer_module,

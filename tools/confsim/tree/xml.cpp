@@ -143,6 +143,15 @@ xmlNode *next_element(const xmlNode *node)
     return skip_to_element(node->next);
 }
 
+std::vector<const xmlNode *> elements(const xmlNode *parent)
+{
+    std::vector<const xmlNode *> all;
+    for (const xmlNode *each = first_element(parent); each != nullptr; each = next_element(each)) {
+        all.push_back(each);
+    }
+    return all;
+}
+
 xmlNode *child(const xmlNode *parent, const char *name)
 {
     xmlNode *node = first_element(parent);
@@ -173,6 +182,50 @@ std::string child_text(const xmlNode *parent, const char *name)
 int child_number(const xmlNode *parent, const char *name)
 {
     return static_cast<int>(std::strtol(child_text(parent, name).c_str(), nullptr, 10));
+}
+
+namespace {
+
+// Values can hold prefixes, too, so all that are known where the element stands are declared.
+node_ptr copy_alone(const xmlNode *element)
+{
+    node_ptr made = copy(element);
+    xmlNs **known = xmlGetNsList(element->doc, element);
+    for (xmlNs **each = known; each != nullptr && *each != nullptr; ++each) {
+        if ((*each)->prefix != nullptr) { // the default one is that of the element
+            (void)xmlNewNs(made.get(), (*each)->href, (*each)->prefix); // null for a second one
+        }
+    }
+    xmlFree(known);
+    return made;
+}
+
+void inherit(xmlNode *element, xmlNs *space)
+{
+    if (element->type == XML_ELEMENT_NODE && element->ns == nullptr) {
+        element->ns = space;
+        for (xmlNode *each = element->children; each != nullptr; each = each->next) {
+            inherit(each, space);
+        }
+    }
+}
+
+} // namespace
+
+void add_inheriting(xmlNode *parent, const xmlNode *element)
+{
+    node_ptr made = copy_alone(element);
+    inherit(made.get(), parent->ns);
+    add(parent, std::move(made));
+}
+
+std::string print_alone(const std::vector<const xmlNode *> &elements)
+{
+    std::string all;
+    for (const xmlNode *each : elements) {
+        all += print(copy_alone(each).get());
+    }
+    return all;
 }
 
 std::string print(xmlNode *node)

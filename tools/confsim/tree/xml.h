@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace confsim::xml {
 
@@ -37,12 +38,20 @@ void add(xmlNode *parent, node_ptr child);
 // Element children are what matters in every tree here; these skip everything else.
 [[nodiscard]] xmlNode *first_element(const xmlNode *parent);
 [[nodiscard]] xmlNode *next_element(const xmlNode *node);
+[[nodiscard]] std::vector<const xmlNode *> elements(const xmlNode *parent);
 [[nodiscard]] xmlNode *child(const xmlNode *parent, const char *name);
 
 // Text directly inside of a node, without surrounding element children; blank text is empty.
 [[nodiscard]] std::string text(const xmlNode *node);
 [[nodiscard]] std::string child_text(const xmlNode *parent, const char *name);
 [[nodiscard]] int child_number(const xmlNode *parent, const char *name);
+
+// Adds a copy of an element, which takes the namespace of its new parent where it has none, and
+// keeps the prefixes that it knows.
+void add_inheriting(xmlNode *parent, const xmlNode *element);
+
+// The elements one after the other, each with the prefixes that it knows, so it can stand alone.
+[[nodiscard]] std::string print_alone(const std::vector<const xmlNode *> &elements);
 
 // As indented lines, without a line break at the end.
 [[nodiscard]] std::string print(xmlNode *node);
