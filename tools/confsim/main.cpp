@@ -201,6 +201,7 @@ std::unique_ptr<model> read_wanted(const model_sources &from)
     }
     return read_model(from);
 }
+
 // What other programs talk to confsim by; open before anything is printed or covered.
 struct channels {
     std::optional<json_output> answers;
