@@ -139,7 +139,7 @@ public:
             });
             time(shortest["set and commit"], [this] {
                 config_.set(leaf_of_another(), std::to_string(++value_));
-                commit(service_, config_, [](const std::string & /*said*/) {});
+                commit(service_, config_, {});
             });
         }
         return shortest;

@@ -354,7 +354,7 @@ public:
         }
         count += put_in_force(second.get());
         config_.load(store_ + "/old.xml");
-        commit(service_, config_, [](const std::string & /*said*/) {});
+        commit(service_, config_, {});
         expect_same(former, config_.running(), "not undone");
         return count;
     }
@@ -370,7 +370,7 @@ private:
     std::size_t put_in_force(const lyd_node *wanted)
     {
         const std::size_t count = set_all(config_, wanted);
-        commit(service_, config_, [](const std::string & /*said*/) {});
+        commit(service_, config_, {});
         const data_ptr seen = read_by(modules_.context.get(), config_.as_text(config_.running()));
         EXPECT_EQ(as_text(wanted), as_text(seen.get()));
         const std::string copy = store_ + ".copy";

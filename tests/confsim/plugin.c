@@ -5,7 +5,7 @@
  *
  * It accepts every change of /test:system/user (priority 20) and /test:system/log (priority 10)
  * and keeps a journal of them, which it gives out, and empties, as status /test:journal/NAME. A
- * value can ask for more: "refuse" refuses the change, "stall" waits for the file /var/tmp/go,
+ * value, or a filter, can ask for more: "refuse" refuses it, "stall" waits for the file /var/tmp/go,
  * which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends the process.
  *
  * It is valid C and C++; ../abi/installed.sh compiles it as both.
@@ -78,6 +78,10 @@ static int on_status(int session_id, const char *path, const char *filter, xmlNo
     char text[sizeof journal + 64];
     (void)session_id;
     (void)path;
+    if (filter != NULL && strcmp(filter, "refuse") == 0) {
+        econf_plugin_error(23, "this filter is refused");
+        return 1;
+    }
     snprintf(text, sizeof text, "filter %s: %s", filter == NULL ? "none" : filter, journal);
     journal[0] = '\0';
     *status = xmlNewNode(NULL, (const xmlChar *)"journal");

@@ -2,10 +2,12 @@
 #include "commands/child.h"
 #include "commands/commands.h"
 #include "commands/console.h"
+#include "commands/control.h"
 #include "commands/input.h"
 #include "failure.h"
 #include "model/model.h"
 #include "process_space.h"
+#include "reports/json_output.h"
 #include "sandbox.h"
 #include "service/daemon.h"
 #include "service/endpoints.h"
@@ -37,6 +39,8 @@ struct settings {
     std::string config;
     std::string store;
     std::string script;
+    bool json = false;
+    std::string control;
     model_sources model;
     bool strict = false;
     bool trace = false;
@@ -55,6 +59,10 @@ void add_common_options(CLI::App &app, settings &wanted)
     app.add_option("--store", wanted.store, "Directory that keeps the configurations");
     app.add_option("--script", wanted.script, "File with commands; without, standard input")
         ->check(CLI::ExistingFile);
+    app.add_flag(
+        "--json", wanted.json,
+        "Standard output is a line of JSON for each answer; all else goes to standard error");
+    app.add_option("--control", wanted.control, "Socket that takes commands, too");
     app.add_option("--yang", wanted.model.modules, "YANG module of the data, or directory of them")
         ->check(CLI::ExistingPath)
         ->expected(1)
@@ -144,23 +152,43 @@ private:
     int descriptor_ = -1;
 };
 
+// Where commands come from, and how they are answered.
+struct conversation {
+    input &source;
+    const json_output *answers; // null: as texts only
+    control *others;            // null: nobody else gives commands
+    bool is_file;               // a script, which ends at a failure and ends the session
+};
+
 // Carries out commands until they end, or one of a script fails. Returns the exit status.
-int converse(input &source, interpreter &commands, const event_loop &loop, const console &out)
+int converse(const conversation &with, interpreter &commands, event_loop &loop, const console &out)
 {
+    input &source = with.source;
+    const bool stops = with.is_file || (source.is_script() && with.answers == nullptr);
     while (!commands.has_quit() && !loop.is_interrupted()) {
         const std::optional<std::string> line = source.next_line();
         if (!line) {
+            if (with.others != nullptr && source.is_script() && !with.is_file) {
+                (void)loop.run_until([&commands] { return commands.has_quit(); });
+            }
             break;
         }
         if (source.is_script() && line->find_first_not_of(" \t\r") != std::string::npos) {
             out.print("> " + out.shown_command(*line));
         }
-        if (!commands.run(*line) && source.is_script()) {
+        const bool succeeded = commands.run(*line);
+        if (with.answers != nullptr && commands.last()) {
+            with.answers->print(*commands.last());
+        }
+        if (!succeeded && stops) {
             std::cerr << source.position() << ": " << out.shown(commands.error()) << '\n';
             return failed;
         }
+        if (with.others != nullptr) {
+            with.others->serve();
+        }
     }
-    return loop.is_interrupted() ? failed : 0;
+    return loop.is_interrupted() && !commands.has_quit() ? failed : 0;
 }
 
 std::unique_ptr<model> read_wanted(const model_sources &from)
@@ -174,9 +202,15 @@ std::unique_ptr<model> read_wanted(const model_sources &from)
     return read_model(from);
 }
 
+// What other programs talk to confsim by; open before anything is printed or covered.
+struct channels {
+    std::optional<json_output> answers;
+    std::optional<control_socket> commands;
+};
+
 // Plays the daemon until the commands end, and hangs up. Returns the exit status.
-int serve(const settings &wanted, event_loop &loop, console &out, std::optional<child> &program,
-          const sandbox::process_space *space)
+int serve(const settings &wanted, const channels &programs, event_loop &loop, console &out,
+          std::optional<child> &program, const sandbox::process_space *space)
 {
     tracer trace(out);
     trace.enable(wanted.trace);
@@ -199,7 +233,13 @@ int serve(const settings &wanted, event_loop &loop, console &out, std::optional<
     }
     interpreter commands(
         {loop, out, trace, config, service, patience, program ? &*program : nullptr});
-    const int status = converse(*source, commands, loop, out);
+    std::optional<control> others;
+    if (programs.commands) {
+        others.emplace(loop, out, *programs.commands, commands);
+    }
+    const int status = converse({*source, programs.answers ? &*programs.answers : nullptr,
+                                 others ? &*others : nullptr, !wanted.script.empty()},
+                                commands, loop, out);
     if (status == 0 && service.has_failed_by_breach()) {
         std::cerr << "confsim: a plugin has broken the model\n";
         return failed;
@@ -209,6 +249,13 @@ int serve(const settings &wanted, event_loop &loop, console &out, std::optional<
 
 int simulate(settings &wanted, bool with_command)
 {
+    channels programs;
+    if (wanted.json) {
+        programs.answers.emplace();
+    }
+    if (!wanted.control.empty()) {
+        programs.commands.emplace(wanted.control);
+    }
     std::optional<sandbox::process_space> space;
     if (with_command) {
         enter_sandbox(wanted);
@@ -225,7 +272,7 @@ int simulate(settings &wanted, bool with_command)
     event_loop loop;
     const signal_watch signals(loop);
     std::optional<child> program;
-    const int status = serve(wanted, loop, out, program, space ? &*space : nullptr);
+    const int status = serve(wanted, programs, loop, out, program, space ? &*space : nullptr);
     if (program) {
         program->end();
         if (!program->complaint().empty() && !wanted.ignore_exit) {

@@ -2,8 +2,10 @@
 #include "commands/commands.h"
 
 #include "commands/words.h"
+#include "conf_api.h"
 #include "failure.h"
 #include "service/commit.h"
+#include "service/refusal.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -23,6 +25,35 @@ std::string expected_text(const std::vector<std::string> &line)
         throw failure("there is no text to look for");
     }
     return text;
+}
+
+json_value publication_data(const publication &what, const answer &got)
+{
+    json_value data = {{"plugin", what.to->name},
+                       {"path", to_text(what.where)},
+                       {"change", verb_of(what.oper)},
+                       {"rollback", (what.oper & CONFIG_OP_ROLLBACK) != 0},
+                       {"ok", got.is_result()}};
+    if (got.kind == answer::outcome::refused) {
+        data["code"] = got.code;
+    }
+    if (!got.is_result()) {
+        data["text"] = got.message;
+    }
+    return data;
+}
+
+json_value difference_data(const difference &change)
+{
+    json_value data = {{"change", change.before == nullptr    ? "add"
+                                  : change.after == nullptr   ? "remove"
+                                  : !change.new_place.empty() ? "move"
+                                                              : "modify"},
+                       {"path", to_text(change.where)}};
+    if (!change.new_place.empty()) {
+        data["place"] = change.new_place;
+    }
+    return data;
 }
 
 } // namespace
@@ -75,21 +106,36 @@ const interpreter::command interpreter::table[] = {
 
 bool interpreter::run(const std::string &line)
 {
+    const steady_clock::time_point begin = steady_clock::now();
+    is_busy_ = true;
+    report_.emplace();
     try {
         const words split = split_words(line);
-        if (!split.empty()) {
-            keeps_answer_ = keeps_answer(split);
-            if (!keeps_answer_) {
-                answer_.clear();
-            }
-            (this->*look_up(split).carry_out)(split);
+        if (split.empty()) {
+            report_.reset();
+        } else {
+            carry_out(split);
         }
-        return true;
     } catch (const failure &reason) {
         error_ = reason.what();
         say("error: " + error_);
-        return false;
+        report_->ok = false;
+        report_->text = here_.out.shown(note(reason));
     }
+    is_busy_ = false;
+    if (report_) {
+        report_->duration = steady_clock::now() - begin;
+    }
+    return !report_ || report_->ok;
+}
+
+void interpreter::carry_out(const words &line)
+{
+    keeps_answer_ = keeps_answer(line);
+    if (!keeps_answer_) {
+        answer_.clear();
+    }
+    (this->*look_up(line).carry_out)(line);
 }
 
 const interpreter::command &interpreter::look_up(const words &line)
@@ -119,10 +165,31 @@ bool interpreter::keeps_answer(const words &line)
 // Prints a part of the answer at once.
 void interpreter::say(const std::string &text)
 {
+    const std::string shown = here_.out.shown(text);
+    report_->text += (report_->text.empty() ? "" : "\n") + shown;
     if (!keeps_answer_) {
-        answer_ += (answer_.empty() ? "" : "\n") + here_.out.shown(text);
+        answer_ += (answer_.empty() ? "" : "\n") + shown;
     }
     here_.out.print(text);
+}
+
+// What the command is about.
+void interpreter::concern(const std::string &plugin, const std::string &where)
+{
+    report_->plugin = plugin;
+    report_->path = where;
+}
+
+// Notes who refused what. Returns the plugin's own words, or those of the failure.
+std::string interpreter::note(const failure &reason)
+{
+    const auto *refused = dynamic_cast<const refusal *>(&reason);
+    if (refused == nullptr) {
+        return reason.what();
+    }
+    concern(refused->plugin, refused->where);
+    report_->code = refused->code;
+    return refused->message;
 }
 
 void interpreter::load(const words &line)
@@ -133,13 +200,18 @@ void interpreter::load(const words &line)
 
 void interpreter::set(const words &line)
 {
-    here_.config.set(parse_path(line[1]), line.size() > 2 ? std::optional(line[2]) : std::nullopt);
+    const path where = here_.config.as_modelled(parse_path(line[1]));
+    concern("", to_text(where));
+    here_.config.set(where, line.size() > 2 ? std::optional(line[2]) : std::nullopt);
     say("ok");
 }
 
 void interpreter::remove(const words &line)
 {
-    const std::size_t count = here_.config.remove(parse_path(line[1]));
+    const path where = here_.config.as_modelled(parse_path(line[1]));
+    concern("", to_text(where));
+    const std::size_t count = here_.config.remove(where);
+    report_->data = count;
     if (count == 0) {
         throw failure("the candidate holds no " + line[1]);
     }
@@ -160,6 +232,7 @@ void interpreter::show(const words &line)
     path where;
     if (line.size() > path_position) {
         where = here_.config.as_modelled(parse_path(line[path_position]));
+        concern("", to_text(where));
         shown = find(tree, where);
     }
     if (shown.empty()) {
@@ -167,19 +240,22 @@ void interpreter::show(const words &line)
     }
     if (is_json) {
         say(here_.out.shown(here_.config.as_json(tree, where)));
-        return;
+    } else {
+        for (const node *each : shown) {
+            say(here_.out.shown(here_.config.as_xml(*each).get()));
+        }
     }
-    for (const node *each : shown) {
-        say(here_.out.shown(here_.config.as_xml(*each).get()));
-    }
+    report_->data = report_->text;
 }
 
 void interpreter::diff(const words & /*line*/)
 {
     const std::vector<difference> changes =
         differences(here_.config.running(), here_.config.candidate());
+    report_->data = json_value::array();
     for (const difference &each : changes) {
         say(to_text(each));
+        report_->data.push_back(difference_data(each));
     }
     if (changes.empty()) {
         say("no difference");
@@ -188,7 +264,12 @@ void interpreter::diff(const words & /*line*/)
 
 void interpreter::commit(const words & /*line*/)
 {
-    confsim::commit(here_.service, here_.config, [this](const std::string &text) { say(text); });
+    report_->data = json_value::array();
+    confsim::commit(here_.service, here_.config,
+                    {[this](const std::string &text) { say(text); },
+                     [this](const publication &what, const answer &got) {
+                         report_->data.push_back(publication_data(what, got));
+                     }});
 }
 
 void interpreter::discard(const words & /*line*/)
@@ -244,6 +325,7 @@ void interpreter::expect_failure(const words &line)
         (this->*known.carry_out)(inner);
     } catch (const failure &reason) {
         say(std::string("failed as expected: ") + reason.what());
+        (void)note(reason);
         return;
     }
     throw failure("expected the command to fail: " + join_words(line, 1));
@@ -257,6 +339,7 @@ void interpreter::attempt(const words &line)
         (this->*known.carry_out)(inner);
     } catch (const failure &reason) {
         say(std::string("failed: ") + reason.what());
+        (void)note(reason);
     }
 }
 
@@ -281,7 +364,10 @@ void interpreter::trace(const words &line)
 
 void interpreter::help(const words & /*line*/)
 {
+    report_->data = json_value::array();
     for (const command &each : table) {
+        report_->data.push_back(
+            {{"name", each.name}, {"arguments", each.arguments}, {"help", each.help}});
         std::string usage = std::string(each.name) + " " + each.arguments;
         usage.resize(std::max<std::size_t>(usage.size() + 1, 32), ' ');
         say(usage + each.help);

@@ -4,11 +4,14 @@
 
 #include "commands/child.h"
 #include "commands/console.h"
+#include "failure.h"
+#include "reports/answer.h"
 #include "service/daemon.h"
 #include "service/loop.h"
 #include "store/configuration.h"
 #include "trace/trace.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +39,10 @@ public:
     [[nodiscard]] bool has_quit() const { return has_quit_; }
     // Why the last command failed.
     [[nodiscard]] const std::string &error() const { return error_; }
+    // What the last line led to; none when it held no command.
+    [[nodiscard]] const std::optional<command_answer> &last() const { return report_; }
+    // Whether a command is being carried out, so that there can be no other now.
+    [[nodiscard]] bool is_busy() const { return is_busy_; }
 
 private:
     using words = std::vector<std::string>;
@@ -51,11 +58,15 @@ private:
 
     [[nodiscard]] static const command &look_up(const words &line);
     [[nodiscard]] static bool keeps_answer(const words &line);
+    void carry_out(const words &line);
     void say(const std::string &text);
+    void concern(const std::string &plugin, const std::string &where);
+    std::string note(const failure &reason);
     [[nodiscard]] std::string shown_children(const xmlNode *parent) const;
     [[nodiscard]] plugin_ptr active_plugin(const std::string &name) const;
     [[nodiscard]] seconds patience_from(const words &line, std::size_t position) const;
-    [[nodiscard]] static const xmlNode *result_of(const answer &got, const std::string &who);
+    [[nodiscard]] static const xmlNode *result_of(const answer &got, const std::string &plugin,
+                                                  const std::string &where);
 
     void plugins(const words &line);
     void load(const words &line);
@@ -88,7 +99,9 @@ private:
     workplace here_;
     std::string answer_; // of the last command that gives one
     bool keeps_answer_ = false;
+    std::optional<command_answer> report_;
     std::string error_;
+    bool is_busy_ = false;
     bool has_quit_ = false;
 };
 

@@ -24,7 +24,9 @@ void interpreter::move(const words &line)
     if (found == known.end() || line.size() != (is_beside ? 4 : 3)) {
         throw failure("usage: move PATH first|last, or move PATH before|after PATH");
     }
-    here_.config.move(parse_path(line[1]), found->second, is_beside ? parse_path(line[3]) : path());
+    const path where = here_.config.as_modelled(parse_path(line[1]));
+    concern("", to_text(where));
+    here_.config.move(where, found->second, is_beside ? parse_path(line[3]) : path());
     say("ok");
 }
 
@@ -42,7 +44,14 @@ void interpreter::model(const words &line)
     if (here_.config.known_model() == nullptr) {
         throw failure(no_model);
     }
-    say(here_.config.known_model()->outline(line.size() > 1 ? parse_path(line[1]) : path()));
+    path where;
+    if (line.size() > 1) {
+        where = parse_path(line[1]);
+        concern("", to_text(where));
+    }
+    const std::string outline = here_.config.known_model()->outline(where);
+    report_->data = outline;
+    say(outline);
 }
 
 } // namespace confsim

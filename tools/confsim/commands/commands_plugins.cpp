@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "files.h"
 #include "service/model_checks.h"
+#include "service/refusal.h"
 #include "tree/nearest.h"
 
 #include <algorithm>
@@ -30,6 +31,27 @@ const char *state_text(plugin::state now)
     return "gone";
 }
 
+json_value plugin_data(const plugin &whom)
+{
+    json_value data = {{"name", whom.called()},
+                       {"state", state_text(whom.now)},
+                       {"process", whom.stream.process()},
+                       {"configurations", json_value::array()},
+                       {"statuses", json_value::array()},
+                       {"operations", json_value::array()}};
+    for (const subscription &each : whom.configs) {
+        data["configurations"].push_back(
+            {{"path", to_text(each.where)}, {"priority", each.priority}, {"index", each.index}});
+    }
+    for (const subscription &each : whom.statuses) {
+        data["statuses"].push_back({{"path", to_text(each.where)}, {"index", each.index}});
+    }
+    for (const operation &each : whom.operations) {
+        data["operations"].push_back({{"name", each.name}, {"index", each.index}});
+    }
+    return data;
+}
+
 // Whether an operation goes by this name, in any form of path.
 bool is_called(const operation &known, const std::string &name)
 {
@@ -50,7 +72,9 @@ void interpreter::plugins(const words & /*line*/)
     if (here_.service.plugins().empty()) {
         say("no plugin is connected");
     }
+    report_->data = json_value::array();
     for (const plugin_ptr &each : here_.service.plugins()) {
+        report_->data.push_back(plugin_data(*each));
         say(each->called() + ": " + state_text(each->now) + ", pid " + each->stream.process());
         for (const subscription &config : each->configs) {
             say("    configuration " + to_text(config.where) + ", priority " +
@@ -67,10 +91,11 @@ void interpreter::plugins(const words & /*line*/)
     }
 }
 
-const xmlNode *interpreter::result_of(const answer &got, const std::string &who)
+const xmlNode *interpreter::result_of(const answer &got, const std::string &plugin,
+                                      const std::string &where)
 {
     if (!got.is_result()) {
-        throw failure("plugin " + who + ", " + got.in_words());
+        throw refusal("", plugin, where, got);
     }
     return got.result();
 }
@@ -118,10 +143,12 @@ void interpreter::status(const words &line)
     }
     xml::add(params.get(), "callback", std::to_string(published.index));
     const answer got = here_.service.exchange(best, "subscribe", std::move(params));
-    const xmlNode *data = xml::child(result_of(got, best->name + ", " + to_text(where)), "data");
+    concern(best->name, to_text(where));
+    const xmlNode *data = xml::child(result_of(got, best->name, to_text(where)), "data");
     here_.service.report_breach(best->name,
                                 breach_of_status(here_.config, where, published.where, data));
     const std::string printed = data == nullptr ? "" : shown_children(data);
+    report_->data = printed;
     say(printed.empty() ? "no data" : printed);
 }
 
@@ -159,11 +186,14 @@ void interpreter::call(const words &line)
         xml::add(params.get(), "callback", std::to_string(found->index));
         xml::add(params.get(), xml::copy(given));
         const answer got = here_.service.exchange(each, "publish", std::move(params));
-        const xmlNode *output = result_of(got, each->name + ", " + line[1]);
+        concern(each->name, line[1]);
+        const xmlNode *output = result_of(got, each->name, line[1]);
         here_.service.report_breach(
             each->name,
             breach_of_operation(here_.config, line[1], confsim::model::message::output, output));
-        say(shown_children(output));
+        const std::string printed = shown_children(output);
+        report_->data = printed;
+        say(printed);
         return;
     }
     throw failure("no active plugin serves the operation " + line[1] +
@@ -189,9 +219,11 @@ void interpreter::kickoff(const words &line)
                      std::back_inserter(chosen),
                      [](const plugin_ptr &each) { return each->is_active(); });
     }
+    report_->data = json_value::array();
     for (const plugin_ptr &each : chosen) {
         const answer got = here_.service.exchange(each, "kickoff", xml::element("params"));
-        (void)result_of(got, each->name);
+        (void)result_of(got, each->name, "");
+        report_->data.push_back(each->name);
         say(each->name + ": ok");
     }
     if (chosen.empty()) {
@@ -201,6 +233,7 @@ void interpreter::kickoff(const words &line)
 
 void interpreter::wait(const words &line)
 {
+    concern(line[1], "");
     const auto is_there = [&] {
         const plugin_ptr found = here_.service.find(line[1]);
         return found != nullptr && found->is_active();
@@ -218,13 +251,17 @@ void interpreter::wait_notification(const words &line)
     if (!here_.loop.run_until(arrived, after(patience_from(line, 1)))) {
         throw failure("no notification arrived in time");
     }
-    say(here_.out.shown_notification(*got));
+    const std::string shown = here_.out.shown_notification(*got);
+    report_->data = shown;
+    say(shown);
 }
 
 void interpreter::notifications(const words & /*line*/)
 {
+    report_->data = json_value::array();
     for (const std::string &each : here_.service.notifications()) {
-        say(here_.out.shown_notification(each));
+        report_->data.push_back(here_.out.shown_notification(each));
+        say(report_->data.back());
     }
     if (here_.service.notifications().empty()) {
         say("no notification was received");

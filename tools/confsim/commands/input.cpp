@@ -20,11 +20,15 @@ namespace confsim {
 
 namespace {
 
-// Waits for one descriptor while the loop serves everything else.
+// Waits for one descriptor while the loop serves everything else. That may take longer than the
+// wait, so what is there must wake the loop only once.
 bool wait_readable(event_loop &loop, int descriptor)
 {
     bool readable = false;
-    loop.watch(descriptor, POLLIN, [&readable](short) { readable = true; });
+    loop.watch(descriptor, POLLIN, [&](short) {
+        readable = true;
+        loop.forget(descriptor);
+    });
     const bool there = loop.run_until([&readable] { return readable; });
     loop.forget(descriptor);
     return there;

@@ -3,6 +3,7 @@
 
 #include "conf_api.h"
 #include "failure.h"
+#include "service/refusal.h"
 #include "tree/nearest.h"
 
 #include <algorithm>
@@ -58,7 +59,8 @@ int inverse(int oper)
 
 // Publishes what was applied back, the last first. A plugin that cannot take its change back is
 // reported; the others still take back theirs.
-void roll_back(conf_daemon &service, std::vector<publication> applied, const speaker &say)
+void roll_back(conf_daemon &service, std::vector<publication> applied,
+               const commit_listener &listener)
 {
     std::reverse(applied.begin(), applied.end());
     for (publication &each : applied) {
@@ -66,8 +68,9 @@ void roll_back(conf_daemon &service, std::vector<publication> applied, const spe
     }
     for (std::size_t i = 0; i < applied.size(); ++i) {
         const answer got = publish(service, applied, i);
-        say("roll back: " + in_words(applied[i]) + ": " +
-            (got.is_result() ? "ok" : got.in_words()));
+        listener.say("roll back: " + in_words(applied[i]) + ": " +
+                     (got.is_result() ? "ok" : got.in_words()));
+        listener.published(applied[i], got);
     }
 }
 
@@ -98,38 +101,37 @@ void refuse_invalid(configuration &config)
     }
 }
 
-void carry_out(conf_daemon &service, configuration &config, const speaker &say)
+void carry_out(conf_daemon &service, configuration &config, const commit_listener &listener)
 {
     const std::vector<difference> changes = differences(config.running(), config.candidate());
     std::vector<publication> all = publications(service.plugins(), changes);
-    report_unsubscribed(service.plugins(), changes, say);
+    report_unsubscribed(service.plugins(), changes, listener.say);
     const committing_scope scope(config);
-    const auto give_up = [&](const std::string &why) {
-        roll_back(service, std::move(all), say);
-        throw failure("commit failed: " + why);
-    };
     for (std::size_t i = 0; i < all.size(); ++i) {
         const answer got = publish(service, all, i);
-        say("publish: " + in_words(all[i]) + ": " + (got.is_result() ? "ok" : got.in_words()));
+        listener.say("publish: " + in_words(all[i]) + ": " +
+                     (got.is_result() ? "ok" : got.in_words()));
+        listener.published(all[i], got);
         if (!got.is_result()) {
-            const std::string why =
-                "plugin " + all[i].to->name + ", " + to_text(all[i].where) + ", " + got.in_words();
+            const refusal reason("commit failed: ", all[i].to->name, to_text(all[i].where), got);
             all.resize(i);
-            give_up(why);
+            roll_back(service, std::move(all), listener);
+            throw reason;
         }
     }
     try {
         config.accept();
     } catch (const failure &reason) {
-        give_up(reason.what());
+        roll_back(service, std::move(all), listener);
+        throw failure(std::string("commit failed: ") + reason.what());
     }
-    say("committed: " + counted(changes.size(), "difference") + ", " +
-        counted(all.size(), "publication"));
+    listener.say("committed: " + counted(changes.size(), "difference") + ", " +
+                 counted(all.size(), "publication"));
 }
 
 } // namespace
 
-void commit(conf_daemon &service, configuration &config, const speaker &say)
+void commit(conf_daemon &service, configuration &config, const commit_listener &listener)
 {
     // A plugin that starts is told what is in force, before the commit or after it.
     service.hold_starts();
@@ -139,7 +141,7 @@ void commit(conf_daemon &service, configuration &config, const speaker &say)
     }
     try {
         refuse_invalid(config);
-        carry_out(service, config, say);
+        carry_out(service, config, listener);
     } catch (const failure &) {
         service.release_starts();
         throw;

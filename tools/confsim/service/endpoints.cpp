@@ -22,18 +22,6 @@ namespace fs = std::filesystem;
 constexpr const char *profile = "/dev/shm/yang_modules/confd.conf";
 constexpr std::size_t longest_socket_path = sizeof(sockaddr_un::sun_path) - 1;
 
-bool somebody_listens(const std::string &path)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, longest_socket_path);
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const bool connected =
-        connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-    close(probe);
-    return connected;
-}
-
 std::string json_string(const std::string &text)
 {
     std::string quoted = "\"";
@@ -52,6 +40,18 @@ std::string system_error_text()
 }
 
 } // namespace
+
+bool somebody_listens(const std::string &path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, longest_socket_path);
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool connected =
+        connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    close(probe);
+    return connected;
+}
 
 endpoints::endpoints(const std::string &directory)
 {

@@ -7,6 +7,9 @@
 
 namespace confsim {
 
+// Whether a Unix stream socket of that name takes connections.
+[[nodiscard]] bool somebody_listens(const std::string &path);
+
 class endpoints {
 public:
     // An empty directory name stands for a fresh one. Throws failure when something stands in the
