@@ -1,6 +1,6 @@
-# Installs the manual pages, and below CMAKE_INSTALL_DOCDIR the other pages and the examples, placed as
-# in the sources, so that the links between them hold. A link to a header leads to where that is
-# installed; a link to what is not installed becomes plain text.
+# Installs the pages and the examples below CMAKE_INSTALL_DOCDIR, placed as in the sources, so that the
+# links between them hold. A link to a header leads to where that is installed; a link to what is not
+# installed becomes plain text.
 file(GLOB_RECURSE pages RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/docs/*.md)
 list(PREPEND pages README.md CHANGELOG.md LICENSE)
@@ -40,10 +40,3 @@ endforeach()
 
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${CMAKE_INSTALL_DOCDIR}
         COMPONENT development USE_SOURCE_PERMISSIONS)
-
-file(GLOB man_pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.[1-9])
-foreach(page IN LISTS man_pages)
-    string(REGEX MATCH "[1-9]$" section ${page})
-    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
-            COMPONENT documentation)
-endforeach()

@@ -7,7 +7,8 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INC
         COMPONENT development FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 
 # The files for CMake and for pkg-config find their prefix from where they stand, so an installed
-# tree can be moved.
+# tree can be moved. What belongs to the system says so: pkg-config then leaves out directories that
+# compilers search anyway, and puts a sysroot in front of the others.
 include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/confsvc)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/confsvc-config.cmake.in
@@ -19,7 +20,12 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/confsvc-config.cmake
 install(EXPORT confsvc NAMESPACE confsvc:: FILE confsvc-targets.cmake
         DESTINATION ${package_dir} COMPONENT development)
 
-string(REGEX REPLACE "[^/]+" ".." CONFSVC_PC_TO_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
+    set(CONFSVC_PC_PREFIX /usr)
+else()
+    string(REGEX REPLACE "[^/]+" ".." up ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+    set(CONFSVC_PC_PREFIX \${pcfiledir}/${up})
+endif()
 configure_file(${PROJECT_SOURCE_DIR}/src/lib/libconfsvc.pc.in libconfsvc.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libconfsvc.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

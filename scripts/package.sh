@@ -4,7 +4,7 @@
 # usage: package.sh ARCHITECTURE DIRECTORY
 #
 # Another architecture's packages are cross-built in a root of their own, so that the system's
-# packages stay as they are; mmdebstrap makes it, and takes it away with all that was mounted.
+# packages stay as they are.
 set -euo pipefail
 architecture=$1
 mkdir -p "$2"
@@ -33,24 +33,15 @@ native()
 }
 
 # What is built for another machine does not run here, so it is not tested.
-# shellcheck disable=SC2016 # mmdebstrap's shell expands it
 cross()
 {
-    cat >"$work/build" <<END
-set -eu
-cd /work/$tree
-apt-get build-dep --yes --no-install-recommends --host-architecture $architecture .
-DEB_BUILD_OPTIONS="$DEB_BUILD_OPTIONS nocheck" \
-    dpkg-buildpackage --no-sign --host-arch $architecture --build-profiles=cross --build=any
-rm -r "/work/$tree" /work/build
-END
-    mmdebstrap --variant=minbase --architectures="$(dpkg --print-architecture),$architecture" \
-        --include="build-essential,crossbuild-essential-$architecture" \
-        --customize-hook='mkdir "$1/work"' --customize-hook="sync-in $work /work" \
-        --customize-hook='env --ignore-environment PATH=/usr/sbin:/usr/bin:/sbin:/bin \
-            chroot "$1" sh /work/build' \
-        --customize-hook="sync-out /work $work" \
-        "$(. /etc/os-release && printf %s "$VERSION_CODENAME")" /dev/null http://deb.debian.org/debian
+    scripts/fresh-root.sh "$work" "$(dpkg --print-architecture),$architecture" \
+        "build-essential,crossbuild-essential-$architecture" "
+            cd /work/$tree
+            apt-get build-dep --yes --no-install-recommends --host-architecture $architecture .
+            DEB_BUILD_OPTIONS='$DEB_BUILD_OPTIONS nocheck' dpkg-buildpackage --no-sign \
+                --host-arch $architecture --build-profiles=cross --build=any
+            rm -r /work/$tree"
 }
 
 export DEB_BUILD_OPTIONS="parallel=${CONFSVC_JOBS:-$(nproc)}"
