@@ -157,7 +157,7 @@ int serve(const settings &wanted, event_loop &loop, console &out, std::optional<
     }
     const std::unique_ptr<input> source =
         wanted.script.empty() ? standard_input(loop, out) : script_input(loop, wanted.script);
-    const endpoints where(wanted.directory);
+    endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
     conf_daemon service(loop, out, trace, config, where, patience);
     out.event("sockets in " + where.directory());
@@ -165,7 +165,7 @@ int serve(const settings &wanted, event_loop &loop, console &out, std::optional<
         program.emplace(loop, out, *space, wanted.command);
     }
     interpreter commands(
-        {loop, out, trace, config, service, patience, program ? &*program : nullptr});
+        {loop, out, trace, config, service, where, patience, program ? &*program : nullptr});
     return converse(*source, commands, loop, out);
 }
 

@@ -5,6 +5,7 @@
 #include "commands/child.h"
 #include "commands/console.h"
 #include "service/daemon.h"
+#include "service/endpoints.h"
 #include "service/loop.h"
 #include "store/configuration.h"
 #include "trace/trace.h"
@@ -21,6 +22,7 @@ struct workplace {
     tracer &trace;
     configuration &config;
     conf_daemon &service;
+    endpoints &where;
     seconds patience;
     child *program = nullptr; // of run
 };
@@ -79,6 +81,13 @@ private:
     void sleep(const words &line);
     void echo(const words &line);
     void trace(const words &line);
+    void order_fault(const words &line);
+    void faults(const words &line);
+    void stop(const words &line);
+    void restart(const words &line);
+    void hang_up(const words &line);
+    void fill_notifier(const words &line);
+    void spoil_profile(const words &line);
     void help(const words &line);
     void quit(const words &line);
 
