@@ -325,6 +325,14 @@ const story logs("logs", about::logs, [] {
     note("text", text + 0);
     pcre2_code_free_8(std::exchange(g_oxelKeyInfoRe[0], own));
 
+    // Without memory for the patterns their values are masked all the same.
+    for (pcre2_code_8 *&entry : g_oxelKeyInfoRe) {
+        pcre2_code_free_8(std::exchange(entry, nullptr));
+    }
+    char secret[] = "<password>abc</password>";
+    step("new patterns", [&] { REG_RemarkKeyInfo(secret, static_cast<int>(sizeof secret - 1)); });
+    note("text", secret + 0);
+
     step("file", [&] { return conf_dbg_enable(0, file); });
     step("no file", [] { return conf_dbg_enable(0, nullptr); });
     step("off", conf_dbg_disable);

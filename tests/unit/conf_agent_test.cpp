@@ -34,4 +34,7 @@ TEST_F(Agent, ConnectsWhereTheProfileSays)
     EXPECT_TRUE(
         test::take_reports().ends_with("Append message header to buffer failed.\n"
                                        "Dump xml to message for <create-session> failed.\n"));
+    EXPECT_EQ(conf_agent_build_capability(nullptr, 7) + conf_agent_build_notify_rpc(nullptr, 7),
+              -2);
+    EXPECT_NE(test::take_reports().find("<create-subscription> failed."), std::string::npos);
 }

@@ -158,6 +158,52 @@ TEST_F(Supervisor, MissedLimitLeavesTheStreamInStep)
     EXPECT_EQ(events, strings{"joined"});
 }
 
+// What comes without end and is no reply does not extend the limit.
+TEST_F(Supervisor, MissedLimitHoldsHoweverMuchComes)
+{
+    ASSERT_NO_FATAL_FAILURE(join({.answer_limit = 30}));
+    std::atomic<bool> over = false, done = false;
+    daemon.play([&](Peer &connection) {
+        (void)connection.receive();
+        while (!over) {
+            connection.send(framed(reply(ok, "60000")));
+        }
+        done = true;
+    });
+    EXPECT_EQ(push(), -1);
+    over = true;
+    ASSERT_EQ(turn_until([&] { return done.load(); }), 1); // what was under way is read
+    (void)daemon.finish();
+}
+
+// 64 MiB are kept, in order; what comes beyond is dropped, with a warning each.
+TEST_F(Supervisor, KeepsAsMuchAsOneMessageMayHave)
+{
+    ASSERT_NO_FATAL_FAILURE(join());
+    constexpr int kept = 63, sent = kept + 3;
+    std::vector<int> answered;
+    std::atomic<bool> done = false;
+    daemon.play([&](Peer &connection) {
+        const std::string id = std::to_string(id_of(connection.receive()));
+        const std::string blanks(1U << 20U, ' ');
+        for (int i = 1; i <= sent; ++i) {
+            connection.send(framed(with_id(subscribe(state_path), std::to_string(i)) + blanks));
+        }
+        connection.send(framed(reply(ok, id)));
+        while (answered.size() < kept) {
+            answered.push_back(id_of(connection.receive()));
+        }
+        done = true;
+    });
+    EXPECT_EQ(push(), 0);
+    EXPECT_EQ(debug_texts(DBG_WARN).size(), 0U + sent - kept);
+    ASSERT_EQ(turn_until([&] { return done.load(); }), 1);
+    (void)daemon.finish();
+    std::vector<int> wanted(kept);
+    std::iota(wanted.begin(), wanted.end(), 1);
+    EXPECT_EQ(answered, wanted);
+}
+
 TEST_F(Supervisor, DaemonThatDoesNotReadHoldsNobody)
 {
     ASSERT_NO_FATAL_FAILURE(join());

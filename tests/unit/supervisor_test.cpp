@@ -2,6 +2,7 @@
 #include "supervised.h"
 
 #include <csignal>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 namespace {
@@ -39,6 +40,7 @@ TEST_F(Supervisor, EndsInsideEveryCallback)
                     static_cast<Supervisor *>(self)->happened("work");
                 };
                 EXPECT_EQ(econf_supervisor_post(s, work, this), 0);
+                EXPECT_EQ(econf_supervisor_post(s, work, this), 0); // not done after an end
             } else {
                 act.inside = [&] { happened(place); };
                 peer->send(framed(place == "config" ? config("/demo/a") : kick_off));
@@ -135,6 +137,22 @@ TEST_F(Supervisor, StopsFromASignalHandler)
     const std::jthread other([loop] { pthread_kill(loop, SIGUSR1); });
     EXPECT_EQ(econf_supervisor_run(s), 0);
     (void)std::signal(SIGUSR1, before);
+}
+
+// A process that may have no descriptor may watch none either.
+TEST_F(Supervisor, RunEndsWhereNothingCanBeWatched)
+{
+    ASSERT_NO_FATAL_FAILURE(join());
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    act.inside = [&] {
+        const rlimit none{0, usual.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    };
+    peer->send(framed(config("/demo/a")));
+    EXPECT_EQ(econf_supervisor_run(s), -1);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(peer->receive(), succeeded());
 }
 
 TEST_F(Supervisor, ChildHasNone)

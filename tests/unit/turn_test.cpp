@@ -1,4 +1,5 @@
 // The daemon comes, goes and refuses, and the plugin joins it again.
+#include "conf_supervisor/watch.h"
 #include "supervised.h"
 
 #include <filesystem>
@@ -22,6 +23,14 @@ TEST_F(Supervisor, SaysWhyItIsNotJoined)
          "The daemon refuses: the name is taken"},
         {[&] { daemon.play([](Peer &p) { p.answer(ok), p.answer(error("8", "not now")); }); },
          "The daemon refuses: not now"},
+        {[&] { daemon.play([](Peer &p) { p.answer("<error><code>9</code></error>"); }); },
+         "The daemon refuses: no reason"},
+        {[&] { // which is no supervisor's to close
+             daemon.play([](Peer &p) { p.answer(ok); });
+             econf_plugin_subpub_info_t info = subscriptions();
+             EXPECT_GE(econf_plugin_init("own", &info), 0);
+         },
+         "The process has a plugin of its own."},
         {[&] { daemon.play([](Peer &p) { p.receive(), p.close(); }); },
          "The daemon has closed the connection."},
         {[&] { daemon.play([](Peer &p) { p.receive(); }); }, "The daemon does not answer.", 30},
@@ -39,6 +48,8 @@ TEST_F(Supervisor, SaysWhyItIsNotJoined)
         EXPECT_EQ(reason(), row.wanted);
         EXPECT_EQ(events, strings{});
         econf_supervisor_destroy(std::exchange(s, nullptr));
+        EXPECT_EQ(get_plugin_context() != nullptr, row.wanted.find("own") != std::string::npos);
+        econf_plugin_close();
         daemon.forget_connection();
     }
 }
@@ -56,6 +67,11 @@ TEST_F(Supervisor, JoinsWhenTheSocketAppears)
     } const rows[] = {
         {[] {}, [&] { daemon.start(); }},
         {[] { std::filesystem::remove_all("/var/tmp/daemon"); }, [&] { daemon.start(); }},
+        {[] {},
+         [&] {
+             std::filesystem::remove_all("/var/tmp/daemon"); // with the watch of it
+             daemon.start();
+         }},
         {[&] { profile("/var/tmp/a/b/c"); },
          [&] {
              daemon.start(); // which writes the profile, too
@@ -82,6 +98,19 @@ TEST_F(Supervisor, JoinsWhenTheSocketAppears)
         EXPECT_EQ(events.back(), "joined");
         EXPECT_EQ(reason(), "");
     }
+}
+
+// A new daemon's socket may get the number of the old one's file.
+TEST(SocketIdentity, IsOfNumberAndTime)
+{
+    const socket_identity one = {true, 5, {7, 9}};
+    for (const socket_identity &other : {socket_identity{false, 5, {7, 9}},
+                                         {true, 6, {7, 9}},
+                                         {true, 5, {8, 9}},
+                                         {true, 5, {7, 8}}}) {
+        EXPECT_FALSE(one == other);
+    }
+    EXPECT_TRUE(one == socket_identity(one));
 }
 
 // The host is not held up by a daemon that is not there. What a call waits for makes the kernel

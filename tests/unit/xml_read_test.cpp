@@ -99,11 +99,13 @@ TEST_F(XmlRead, TakesPlainDocumentsAndLeavesAllOthers)
         "<a>\x01</a>",
         std::string("<a>\0</a>", 8),
         "<\xc3\xa9/>",
+        "<a\xc3\x97/>",
         nested(257),
         attributes(101),
         "<" + repeat("n", 50001) + "/>",
         "<a>" + repeat("x", 7000001) + "</a>",
         "<a k='" + repeat("x", 7000001) + "'/>",
+        "<a k='\t" + repeat("x", 7000001) + "'/>",
         "<a>" + many_names(12000000) + "</a>",
     };
     for (const std::string &document : left) {
@@ -116,6 +118,9 @@ TEST_F(XmlRead, LeavesNodesToLibxml2ThatTheHostWantsToHearOf)
     xmlRegisterNodeDefault([](xmlNode *) {});
     EXPECT_EQ(outcome_of("<a/>"), read_outcome::left);
     xmlRegisterNodeDefault(nullptr);
+    xmlDeregisterNodeDefault([](xmlNode *) {});
+    EXPECT_EQ(outcome_of("<a/>"), read_outcome::left);
+    xmlDeregisterNodeDefault(nullptr);
     EXPECT_EQ(outcome_of("<a/>"), read_outcome::made);
 }
 
@@ -141,8 +146,8 @@ void given_back(void *block)
 
 TEST_F(XmlRead, LeavesNothingBehindWithoutMemoryAndInWhatItLeaves)
 {
-    const std::string whole = "<p:a xmlns:p='u' k='secret' l='secret\t'><b>secret\xc3\xa9 &amp;</b>"
-                              "secret<c/></p:a>";
+    const std::string whole = "<p:a xmlns:p='u' k='secret' l='secret\t'><b>\xc3\xa9secret &amp;</b>"
+                              "&amp;secret<c/></p:a>";
     const std::string unfinished = "<a k='secret' l='secret&lt;'><b>secret</b>secret<!--c--></a>";
     const std::string late = "<a k='\tsecret<'/>";
     xmlMemSetup(given_back, taken, std::realloc, strdup);

@@ -47,6 +47,17 @@ TEST_F(XmlWrite, OddBytesAreRefusedOrReplaced)
     ASSERT_NE(declare_namespace(node.get(), "p", "?a&b&amp;'\"<"), nullptr); // not by libxml2
     EXPECT_EQ(text_of(node.get(), odd_bytes::replaced),
               "<a xmlns:p=\"?a&amp;b&amp;'&quot;&lt;\" k=\"&#xFFFD;\"/>");
+
+    // Like libxml2, the printer passes over what is no declaration, and what is no text of a value.
+    xmlNode *const comment = xmlNewComment(BAD_CAST "c");
+    node->properties->children->next = node->properties->last = comment;
+    comment->prev = node->properties->children;
+    comment->parent = reinterpret_cast<xmlNode *>(node->properties);
+    node->nsDef->type = XML_ATTRIBUTE_DECL;
+    EXPECT_EQ(text_of(node.get(), odd_bytes::replaced), "<a k=\"&#xFFFD;\"/>");
+    node->nsDef->type = XML_LOCAL_NAMESPACE;
+    xmlFree(const_cast<xmlChar *>(std::exchange(node->nsDef->href, nullptr)));
+    EXPECT_EQ(text_of(node.get(), odd_bytes::replaced), "<a k=\"&#xFFFD;\"/>");
 }
 
 TEST_F(XmlWrite, WhatHasNoTextIsRefusedAndNothingOfItStays)
