@@ -221,7 +221,7 @@ int serve(const settings &wanted, const channels &programs, event_loop &loop, co
     }
     const std::unique_ptr<input> source =
         wanted.script.empty() ? standard_input(loop, out) : script_input(loop, wanted.script);
-    const endpoints where(wanted.directory);
+    endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
     conf_daemon service(loop, out, trace, config, where, patience);
     if (wanted.strict) {
@@ -232,7 +232,7 @@ int serve(const settings &wanted, const channels &programs, event_loop &loop, co
         program.emplace(loop, out, *space, wanted.command);
     }
     interpreter commands(
-        {loop, out, trace, config, service, patience, program ? &*program : nullptr});
+        {loop, out, trace, config, service, where, patience, program ? &*program : nullptr});
     std::optional<control> others;
     if (programs.commands) {
         others.emplace(loop, out, *programs.commands, commands);

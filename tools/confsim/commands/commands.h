@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "reports/answer.h"
 #include "service/daemon.h"
+#include "service/endpoints.h"
 #include "service/loop.h"
 #include "store/configuration.h"
 #include "trace/trace.h"
@@ -24,6 +25,7 @@ struct workplace {
     tracer &trace;
     configuration &config;
     conf_daemon &service;
+    endpoints &where;
     seconds patience;
     child *program = nullptr; // of run
 };
@@ -93,6 +95,13 @@ private:
     void move(const words &line);
     void validate(const words &line);
     void model(const words &line);
+    void order_fault(const words &line);
+    void faults(const words &line);
+    void stop(const words &line);
+    void restart(const words &line);
+    void hang_up(const words &line);
+    void fill_notifier(const words &line);
+    void spoil_profile(const words &line);
     void help(const words &line);
     void quit(const words &line);
 
