@@ -186,6 +186,7 @@ void conf_daemon::let_go(const plugin_ptr &whom, const std::string &why)
 void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
 {
     if (std::strcmp(xml::name(message.get()), "reply") == 0) {
+        messages_.add(from->called(), "reply", message.get());
         from->take_reply(std::move(message));
         return;
     }
@@ -198,6 +199,8 @@ void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
         std::find_if(std::begin(methods), std::end(methods), [method](const served_method &each) {
             return std::strcmp(each.name, method) == 0;
         });
+    const std::string name = xml::child_text(params, "plugin-name"); // of one that registers
+    messages_.add(name.empty() ? from->called() : name, method, message.get());
     const bool was_active = from->is_active();
     xml::node_ptr result;
     try {

@@ -7,6 +7,7 @@
 #include "service/agents.h"
 #include "service/endpoints.h"
 #include "service/loop.h"
+#include "service/messages.h"
 #include "service/plugin.h"
 #include "service/publication.h"
 #include "service/server.h"
@@ -58,6 +59,9 @@ public:
     std::optional<std::string> take_notification();
     void take_all_notifications() { not_taken_ = 0; }
 
+    // What plugins sent, replies included, as far as nobody took it.
+    [[nodiscard]] message_store &messages() { return messages_; }
+
 private:
     using handler = xml::node_ptr (conf_daemon::*)(const plugin_ptr &from, const xmlNode *params);
     struct served_method {
@@ -93,6 +97,7 @@ private:
     seconds patience_;
     agent_service agents_;
     server<plugin> plugins_;
+    message_store messages_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
     bool are_starts_held_ = false;
