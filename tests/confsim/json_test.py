@@ -45,6 +45,14 @@ notifications
 echo text
 expect kicked-off
 expect-not nothing
+expect-match ^<kicked-off/>$
+expect-xpath /by-node
+expect-message good reply
+expect-within 30 echo
+repeat 0\\nend
+case one
+end
+include /dev/null
 sleep 0
 trace off
 help
@@ -109,7 +117,7 @@ class Session:
                                         cwd=os.path.dirname(os.path.abspath(__file__)))
 
     def __call__(self, command):
-        self.process.stdin.write(command + "\n")
+        self.process.stdin.write(command.replace("\\n", "\n") + "\n")
         self.process.stdin.flush()
         return json.loads(self.process.stdout.readline())
 
@@ -140,7 +148,7 @@ def compare_fields():
             print(command, "->", answer)
             check(ALWAYS <= answer.keys(), "missing in", answer)
             name = command.split()[0]
-            if name not in ("fail", "try"):
+            if name not in ("fail", "try", "expect-within"):
                 seen[name][not answer["ok"]].update(answer.keys() - ALWAYS)
             answers[command] = answers.get(command, []) + [answer]
         check(session.end() == 0, "exit status")

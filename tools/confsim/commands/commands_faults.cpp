@@ -52,7 +52,7 @@ void interpreter::order_fault(const words &line)
 
 void interpreter::faults(const words & /*line*/)
 {
-    report_->data = nlohmann::json::array();
+    report_->data = json_value::array();
     for (const fault_list::entry &each : here_.service.faults().entries()) {
         say((each.plugin.empty() ? "" : each.plugin + ": ") + each.what +
             (each.times == 0   ? (each.always ? ", always" : ", still to come")

@@ -194,8 +194,20 @@ void conf_daemon::let_go(const plugin_ptr &whom, const std::string &why)
 void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
 {
     if (std::strcmp(xml::name(message.get()), "reply") == 0) {
+        messages_.add(from->called(), "reply", message.get());
         from->take_reply(std::move(message));
-    } else if (!misbehave(from, message)) {
+        return;
+    }
+    const char *method = nullptr;
+    xmlNode *params = nullptr;
+    if (plugin_parse_rpc(message.get(), &method, &params) != 0) {
+        return;
+    }
+    const std::string given = xml::child_text(params, "plugin-name"); // of one that registers
+    const std::string name = given.empty() ? from->called() : given;
+    messages_.add(name, method, message.get());
+    from->note_request(method);
+    if (!misbehave(from, name, method, message)) {
         serve(from, message.get());
     }
 }

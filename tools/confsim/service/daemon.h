@@ -8,6 +8,7 @@
 #include "service/agents.h"
 #include "service/endpoints.h"
 #include "service/loop.h"
+#include "service/messages.h"
 #include "service/plugin.h"
 #include "service/publication.h"
 #include "service/server.h"
@@ -70,6 +71,8 @@ public:
     void restart(seconds away);
     // While the notifier's queue is full, nobody can notify confsim.
     void set_notifier_full(bool full);
+    // What plugins sent, replies included, as far as nobody took it.
+    [[nodiscard]] message_store &messages() { return messages_; }
 
 private:
     using handler = xml::node_ptr (conf_daemon::*)(const plugin_ptr &from, const xmlNode *params);
@@ -88,7 +91,8 @@ private:
     bool receive_notification();
     void handle(const plugin_ptr &from, xml::node_ptr message);
     void serve(const plugin_ptr &from, xmlNode *message);
-    bool misbehave(const plugin_ptr &from, xml::node_ptr &message);
+    bool misbehave(const plugin_ptr &from, const std::string &name, const std::string &method,
+                   xml::node_ptr &message);
     void reply(const plugin_ptr &to, xmlNode *request, xml::node_ptr content);
     void let_go(const plugin_ptr &whom, const std::string &why);
     void start(const plugin_ptr &whom);
@@ -114,6 +118,7 @@ private:
     server<plugin> plugins_;
     fault_list faults_;
     bool is_notifier_full_ = false;
+    message_store messages_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
     bool are_starts_held_ = false;

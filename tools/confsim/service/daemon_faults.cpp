@@ -56,16 +56,9 @@ plugin_ptr conf_daemon::make_plugin(int descriptor)
 }
 
 // Returns whether a fault was ordered for this request, which is then taken care of.
-bool conf_daemon::misbehave(const plugin_ptr &from, xml::node_ptr &message)
+bool conf_daemon::misbehave(const plugin_ptr &from, const std::string &name,
+                            const std::string &method, xml::node_ptr &message)
 {
-    const char *method = nullptr;
-    xmlNode *params = nullptr;
-    if (plugin_parse_rpc(message.get(), &method, &params) != 0) {
-        return false;
-    }
-    const std::string name =
-        from->name.empty() ? xml::child_text(params, "plugin-name") : from->name;
-    from->note_request(method);
     const std::optional<fault> met = faults_.for_request(name, method);
     if (!met) {
         return false;
