@@ -57,15 +57,15 @@ same 'files that no package of the recipe has' '' "$(cat installed)"
 
 # The install steps do all that Package/.../install and Build/InstallDev do on a real build.
 touch rules.mk cmake.mk
-cat >package.mk <<'MAKE'
+sed 's@^    @\t@' >package.mk <<'MAKE'
 SHELL:=/bin/bash
 INSTALL_DIR:=mkdir -p
 CP:=cp -fpR
 define BuildPackage
 all:
-	$(call Package/$(1)/install,device)
-	$(call Build/InstallDev,staging)
-	@echo $(CMAKE_OPTIONS) >options
+    $(call Package/$(1)/install,device)
+    $(call Build/InstallDev,staging)
+    @echo $(CMAKE_OPTIONS) >options
 endef
 MAKE
 make -s -f "$makefile" TOPDIR=. INCLUDE_DIR=. PKG_INSTALL_DIR=.
