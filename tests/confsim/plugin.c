@@ -1,16 +1,18 @@
 /*
  * The plugin that the scripts of this directory run against confsim.
  *
- *     confsim_plugin NAME [cfgr|smooth]
+ *     confsim_plugin NAME [cfgr|smooth|log]
  *
  * It accepts every change of /test:system/user (priority 20) and /test:system/log (priority 10)
  * and keeps a journal of them, which it gives out, and empties, as status /test:journal/NAME. A
  * value, or a filter, can ask for more: "refuse" refuses it, "stall" waits for the file /var/tmp/go,
  * which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends the process.
+ * With log it turns the debug file on, and tells the system log that it runs.
  *
  * It is valid C and C++; ../abi/installed.sh compiles it as both.
  */
 #include "conf_api.h"
+#include "conf_debug.h"
 
 #include <libxml/tree.h>
 #include <poll.h>
@@ -164,12 +166,17 @@ int main(int count, char **arguments)
     econf_operate_cb_info_t operations[] = {
         {echo, on_echo}, {scoped_echo, on_echo}, {ask, on_ask}, {NULL, NULL}};
     econf_plugin_subpub_info_t callbacks = {configs, statuses, operations, on_kick_off};
-    const int mode = count < 3                             ? ACTIVATE_WITH_NONE
+    const int logs = count > 2 && strcmp(arguments[2], "log") == 0;
+    const int mode = count < 3 || logs                     ? ACTIVATE_WITH_NONE
                      : strcmp(arguments[2], "smooth") == 0 ? ACTIVATE_WITH_SMOOTH
                                                            : ACTIVATE_WITH_CFGR;
     struct pollfd daemon = {-1, POLLIN | POLLRDHUP, 0};
 
     snprintf(status_path, sizeof status_path, "/test:journal/%s", name);
+    if (logs) {
+        (void)econf_plugin_config_debug(DBG_ALL, 1);
+        safety_syslog(14, "%s runs <password>s3cret</password>\n", name);
+    }
     daemon.fd = econf_plugin_init(name, &callbacks);
     if (daemon.fd < 0 || econf_plugin_activate(mode) != 0) {
         return 1;

@@ -49,6 +49,17 @@ expect-within 5 sleep 0.01
 -- expect-within 0.01 sleep 0.1
 -- expect-within 0.1 wait nobody
 -- expect-within 5 show /nothing
+-- expect-log second runs
+start second -- $PLUGIN second log : wait second 30 : expect-log second runs : expect-log Activate plugin second : -- expect-log second runs
+-- start second -- true
+start writer -- sh -c 'for i in 1 2; do rm -f $LOG; echo no. $$i >$LOG; sleep 0.2; done' : expect-log no. 1 : expect-log no. 2
+-- signal third HUP
+signal second TERM : wait-exit second TERM 30 : -- signal second TERM
+start third -- sh -c 'exit 3' : wait-exit third 3
+-- wait-exit third
+-- start third true
+-- signal second NONSENSE
+-- expect-exit 0 0.1
 -- fail expect-within 5 show
 -- fail case x
 -- try repeat 2
@@ -106,7 +117,7 @@ def run(directory, text, *options):
     junit = os.path.join(directory, "junit.xml")
     done = subprocess.run(
         [CONFSIM, "run", "--script", script, "--report", "junit:" + junit, "--timeout", "1",
-         "--config", os.path.join(HERE, "running.xml"), *options, "--", PLUGIN],
+         "--config", os.path.join(HERE, "running.xml"), *options, "--", PLUGIN, "good", "log"],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
         check=False)
     print(done.stdout, done.stderr)
@@ -124,9 +135,13 @@ def check_expectations(directory):
             if command.startswith("-- "):
                 wrong.append(len(lines))
         lines.append("end")
-    status, failed, _, suite = run(directory, "\n".join(lines), "-D", "TWO=2")
+    status, failed, printed, suite = run(
+        directory, "\n".join(lines), "-D", "TWO=2", "-D", "PLUGIN=" + PLUGIN,
+        "-D", "LOG=/var/log/conf_plugin.log", "--log")
     check(status == 1, "exit status", status)
     check(failed == wrong, "failed:", failed, "instead of:", wrong)
+    check("* system log: confsim_plugin: good runs <password>******</password>" in printed, "log")
+    check(any(line.startswith("* debug file: ") for line in printed), "debug file")
     check(suite.get("tests") == str(len(EXPECTATIONS.strip().splitlines())), suite.attrib)
     check(suite.get("failures") == str(len(wrong)), suite.attrib)
 
