@@ -154,7 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             notify(in);
         } else {
             (void)operating.run(in.filled(in.pick(commands)));
-            MUST(!operating.last() || json::accept(to_json(*operating.last())));
+            MUST(!operating.last() || json_value::accept(to_json(*operating.last())));
         }
         for (auto &[name, checked] : stored) {
             check_stored(config, name, checked);
