@@ -5,9 +5,10 @@
  *
  * It accepts every change of /test:system/user (priority 20) and /test:system/log (priority 10)
  * and keeps a journal of them, which it gives out, and empties, as status /test:journal/NAME. A
- * value, or a filter, can ask for more: "refuse" refuses it, "stall" waits for the file /var/tmp/go,
- * which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends the process.
- * With log it turns the debug file on, and tells the system log that it runs.
+ * value, or a filter, can ask for more: "refuse" refuses it, "stall" waits for the file
+ * /var/tmp/go, which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends
+ * the process, "slow" takes 0.3 s, and "keep" refuses to be rolled back. With log it turns the
+ * debug file on, and tells the system log that it runs.
  *
  * It is valid C and C++; ../abi/installed.sh compiles it as both.
  */
@@ -22,6 +23,7 @@
 #include <unistd.h>
 
 static char journal[65536];
+static int daemon_socket = -1;
 static const char *const go = "/var/tmp/go"; /* in the sandbox */
 
 static void make_file(const char *name)
@@ -65,10 +67,14 @@ static int on_config(int session_id, int oper, int more, int priority, const cha
     if ((oper & CONFIG_OP_ROLLBACK) != 0) {
         make_file(go);
     }
+    if (strcmp(value, "slow") == 0) {
+        usleep(300000);
+    }
     if (strcmp(value, "die") == 0) {
         _exit(3);
     }
-    if (strcmp(value, "refuse") == 0) {
+    if (strcmp(value, "refuse") == 0 ||
+        (strcmp(value, "keep") == 0 && (oper & CONFIG_OP_ROLLBACK) != 0)) {
         econf_plugin_error(22, "this value is refused");
         return 1;
     }
@@ -91,9 +97,17 @@ static int on_status(int session_id, const char *path, const char *filter, xmlNo
     return 0;
 }
 
+/* Sends a text as a message that nobody asked for. */
+static void send_message(const char *text)
+{
+    const msg_head_t head = {MSG_MAGIC, (unsigned)strlen(text), 1, 0};
+    (void)!write(daemon_socket, &head, sizeof head);
+    (void)!write(daemon_socket, text, strlen(text));
+}
+
 /*
  * Gives its input back; without input the output stays empty. <die/> ends the process, <leak/>
- * loses memory.
+ * loses memory, <hoard/> a descriptor, and the texts of <send> are sent as messages.
  */
 static int on_echo(int session_id, xmlNode *input, xmlNode **output)
 {
@@ -105,8 +119,15 @@ static int on_echo(int session_id, xmlNode *input, xmlNode **output)
         static char *volatile kept;
         kept = (char *)malloc(sizeof journal);
         if (kept != NULL) {
+            memset(kept, 1, sizeof journal);
             kept = NULL;
         }
+    }
+    if (input != NULL && strcmp((const char *)input->name, "hoard") == 0) {
+        (void)dup(daemon_socket);
+    }
+    if (input != NULL && strcmp((const char *)input->name, "send") == 0) {
+        send_message((const char *)input->children->content);
     }
     *output = xmlCopyNodeList(input);
     return 0;
@@ -177,7 +198,7 @@ int main(int count, char **arguments)
         (void)econf_plugin_config_debug(DBG_ALL, 1);
         safety_syslog(14, "%s runs <password>s3cret</password>\n", name);
     }
-    daemon.fd = econf_plugin_init(name, &callbacks);
+    daemon.fd = daemon_socket = econf_plugin_init(name, &callbacks);
     if (daemon.fd < 0 || econf_plugin_activate(mode) != 0) {
         return 1;
     }

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Scripts of confsim that expect what is so and what is not, and the reports on them.
 
-script_test.py CONFSIM PLUGIN
+script_test.py script|findings CONFSIM PLUGIN [sanitized]
 """
 import json
 import os
@@ -11,7 +11,8 @@ import sys
 import tempfile
 import xml.etree.ElementTree as tree
 
-CONFSIM, PLUGIN = sys.argv[1:]
+PART, CONFSIM, PLUGIN = sys.argv[1:4]
+SANITIZED = "sanitized" in sys.argv
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 # What is right ends well; what stands behind "-- " must be found, and nothing else. Each line is a
@@ -67,6 +68,24 @@ start third -- sh -c 'exit 3' : wait-exit third 3
 -- repeat x : end
 -- include nothing.confsim
 -- case inside : end
+"""
+
+# What a plugin does wrong, and what is found then; and what is right though it comes close. Behind
+# "x N " stand cases that are repeated.
+FINDINGS = r"""
+set /test:system/log/value slow : commit -> is slow: publish of /test:system/log took 0.3
+set /test:system/log/value fast : commit ->
+set /test:system/log/value keep : set /test:system/user[name="zoe"]/value refuse : fail commit -> refuses the roll-back of /test:system/log: code 22
+set /test:system/log/value fine : set /test:system/user[name="zoe"]/value refuse : fail commit ->
+set /test:system/log/value stall : fail commit -> has not answered publish of /test:system/log
+set /test:system/log/value stall : fail commit : start go -- sh -c ': >/var/tmp/go' ->
+call echo <send>&lt;reply>&lt;result/>&lt;id>77&lt;/id>&lt;/reply></send> -> sends a reply that answers nothing, with the id 77
+call echo <send>&lt;reply>&lt;id></send> -> sends a message that is not well-formed
+fail call echo <send>&lt;reply>&lt;id>1&lt;/id>&lt;/reply></send> -> answers publish with neither a result nor an error
+x 6 call echo <hoard/> -> holds more descriptors after each of 4 cases in a row, now \d+
+x 3 call echo <hoard/> ->
+x 14 call echo <leak/> -> holds more memory \(in kB\) after each of 8 cases in a row, now \d+
+x 14 call echo <a/> ->
 """
 
 # What lines are carried out, by what they echo.
@@ -146,6 +165,29 @@ def check_expectations(directory):
     check(suite.get("failures") == str(len(wrong)), suite.attrib)
 
 
+def check_findings(directory):
+    for line in FINDINGS.strip().splitlines():
+        if SANITIZED and "memory" in line:
+            continue
+        commands, wanted = line.split(" ->")
+        repeated = re.fullmatch(r"x (\d+) (.*)", commands)
+        lines = (repeated[2] if repeated else commands).split(" : ")
+        text = "\n".join(["wait good 30", f"repeat {repeated[1] if repeated else 1}", "case it",
+                          *lines, "end", "end"])
+        options = ["--slow", "0.2"] if "slow" in line or "fast" in line else []
+        for strict in (["--strict"], []) if "slow" in line else (["--strict"],):
+            status, failed, printed, suite = run(directory, text, *options, *strict)
+            kind = "error" if strict else "finding"
+            found = [each for each in printed if each.startswith(f"* {kind}: ")]
+            reported = "".join(each.text for each in suite.iter("system-err"))
+            check(status == bool(strict and wanted), line, "exit status", status)
+            check(failed == [], line, "failed")
+            check(bool(found) == bool(wanted), line, "found", found)
+            check(not wanted or re.search(wanted.strip(), found[0]), line, "found", found)
+            check(reported == "".join(each.split(": ", 1)[1] + "\n" for each in found), reported)
+            check(bool(suite.findall(".//failure")) == bool(strict and wanted), line, "failures")
+
+
 def check_structure(directory):
     with open(os.path.join(directory, "included"), "w", encoding="utf-8") as file:
         file.write(INCLUDED)
@@ -199,7 +241,8 @@ def check_reports(directory):
     check(done.returncode == 1 and b"cannot write /nothing/there" in done.stderr, done)
 
 
+PARTS = {"script": (check_expectations, check_structure, check_reports),
+         "findings": (check_findings,)}
 with tempfile.TemporaryDirectory() as place:
-    check_expectations(place)
-    check_structure(place)
-    check_reports(place)
+    for each in PARTS[PART]:
+        each(place)

@@ -8,6 +8,7 @@
 #include "failure.h"
 #include "model/model.h"
 #include "process_space.h"
+#include "reports/findings.h"
 #include "reports/program_logs.h"
 #include "reports/program_output.h"
 #include "reports/report.h"
@@ -20,6 +21,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -44,17 +46,18 @@ struct settings {
     std::string config;
     std::string store;
     std::string script;
-    bool json = false;
     std::string control;
     model_sources model;
-    bool strict = false;
     std::vector<std::string> reports;
     variables known;
+    std::vector<std::string> command; // of run
+    std::optional<double> slow;
+    double timeout = 5;
+    bool json = false;
+    bool strict = false;
     bool trace = false;
     bool mask = false;
-    double timeout = 5;
     bool network = false;
-    std::vector<std::string> command; // of run
     bool ignore_exit = false;
     bool log = false;
 };
@@ -82,7 +85,7 @@ void add_common_options(CLI::App &app, settings &wanted)
     app.add_option("--feature", wanted.model.features, "MODULE:NAME of a feature that is there")
         ->expected(1)
         ->take_all();
-    app.add_flag("--strict", wanted.strict, "A plugin that breaks the model is an error");
+    app.add_flag("--strict", wanted.strict, "What a plugin does wrong is an error");
     app.add_option("--report", wanted.reports,
                    "Write what became of the cases: junit:FILE, tap:FILE or tap:-")
         ->allow_extra_args(false);
@@ -95,6 +98,7 @@ void add_common_options(CLI::App &app, settings &wanted)
            },
            "NAME=VALUE: what $NAME stands for in commands")
         ->allow_extra_args(false);
+    app.add_option("--slow", wanted.slow, "An answer that takes more SECONDS is a finding");
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
     app.add_flag("--mask", wanted.mask, "Mask secrets in all else that is printed, too");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
@@ -206,6 +210,16 @@ void open_channels(const settings &wanted, channels &opened)
     }
 }
 
+// Plugins that are in the middle of something may still end that.
+void settle(conf_daemon &service, findings &found, event_loop &loop, seconds patience)
+{
+    const auto is_free = [](const plugin_ptr &each) { return each->awaited() == 0; };
+    (void)loop.run_until(
+        [&] { return std::all_of(service.plugins().begin(), service.plugins().end(), is_free); },
+        after(std::min(patience, seconds(1))));
+    found.settle(service.plugins());
+}
+
 // What only run has.
 struct run_parts {
     program_list *started = nullptr;
@@ -227,7 +241,10 @@ bool serve(const settings &wanted, const channels &to_others, event_loop &loop, 
                                              : script_input(loop, wanted.script));
     const endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
+    findings found(out, cases, wanted.slow ? std::optional<seconds>(*wanted.slow) : std::nullopt,
+                   wanted.strict);
     conf_daemon service(loop, out, trace, config, where, patience);
+    service.set_watcher(&found);
     if (wanted.strict) {
         service.take_breaches_for_errors();
     }
@@ -236,8 +253,8 @@ bool serve(const settings &wanted, const channels &to_others, event_loop &loop, 
         run.started->start(std::filesystem::path(wanted.command.front()).filename(),
                            wanted.command);
     }
-    interpreter commands(
-        {loop, out, trace, config, service, patience, run.started, run.logs, wanted.known, &cases});
+    interpreter commands({loop, out, trace, config, service, patience, run.started, run.logs,
+                          wanted.known, &found, &cases});
     std::optional<control> others;
     if (to_others.commands) {
         others.emplace(loop, out, *to_others.commands, commands);
@@ -247,6 +264,13 @@ bool serve(const settings &wanted, const channels &to_others, event_loop &loop, 
                           others ? &*others : nullptr},
                          commands, cases, loop, out);
     const bool is_good = session.hold();
+    if (!loop.is_interrupted() || commands.has_quit()) {
+        settle(service, found, loop, patience);
+    }
+    if (found.has_failed()) {
+        std::cerr << "confsim: what a plugin does is wrong, see above\n";
+        return false;
+    }
     if (is_good && service.has_failed_by_breach()) {
         std::cerr << "confsim: a plugin has broken the model\n";
         cases.fail("", "a plugin has broken the model");

@@ -237,9 +237,9 @@ std::string interpreter::note(const failure &reason)
     if (refused == nullptr) {
         return reason.what();
     }
-    concern(refused->plugin, refused->where);
-    report_->code = refused->code;
-    return refused->message;
+    concern(refused->told().plugin, refused->told().where);
+    report_->code = refused->told().code;
+    return refused->told().message;
 }
 
 void interpreter::load(const words &line)
@@ -319,6 +319,11 @@ void interpreter::commit(const words & /*line*/)
                     {[this](const std::string &text) { say(text); },
                      [this](const publication &what, const answer &got) {
                          report_->data.push_back(publication_data(what, got));
+                         if ((what.oper & CONFIG_OP_ROLLBACK) != 0 &&
+                             got.kind == answer::outcome::refused) {
+                             what.to->report("refuses the roll-back of " + to_text(what.where) +
+                                             ": " + got.in_words());
+                         }
                      }});
 }
 

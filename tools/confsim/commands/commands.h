@@ -9,6 +9,7 @@
 #include "failure.h"
 #include "reports/answer.h"
 #include "reports/cases.h"
+#include "reports/findings.h"
 #include "reports/program_logs.h"
 #include "service/daemon.h"
 #include "service/loop.h"
@@ -32,7 +33,8 @@ struct workplace {
     program_list *started = nullptr; // of run
     program_logs *logs = nullptr;    // of run
     variables known{};               // that commands may name
-    case_list *cases = nullptr;      // of the script, if there is one
+    findings *found = nullptr;
+    case_list *cases = nullptr; // of the script, if there is one
 };
 
 class interpreter {

@@ -68,12 +68,16 @@ conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &tra
       agents_(loop, out, trace, where),
       plugins_(
           loop, where.plugin_socket(), most_plugins,
-          {[&trace, &loop, patience](int descriptor) {
-               return std::make_shared<plugin>(descriptor, trace, loop, patience);
+          {[this](int descriptor) {
+               plugin_ptr made = std::make_shared<plugin>(descriptor, trace_, loop_, patience_);
+               made->watcher = watcher_;
+               return made;
            },
            [this](const plugin_ptr &from, xml::node_ptr message) {
                if (message != nullptr) {
                    handle(from, std::move(message));
+               } else {
+                   from->report("sends a message that is not well-formed");
                }
            },
            [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); },

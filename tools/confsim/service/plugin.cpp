@@ -110,8 +110,17 @@ void plugin::ask(const char *method, xml::node_ptr params, answered done)
 
 void plugin::take_reply(xml::node_ptr reply)
 {
-    if (requests_.empty() || plugin_get_msgid(reply.get()) != requests_.front().id) {
-        return; // an answer to nothing that was asked
+    const u32_t id = plugin_get_msgid(reply.get());
+    if (requests_.empty() || id != requests_.front().id) {
+        report("sends a reply that answers nothing, with the id " + std::to_string(id));
+        return;
+    }
+    if (xml::child(reply.get(), "result") == nullptr &&
+        xml::child(reply.get(), "error") == nullptr) {
+        report("answers " + asked() + " with neither a result nor an error");
+    }
+    if (watcher != nullptr) {
+        watcher->answered(called(), asked(), steady_clock::now() - sent_);
     }
     stop_waiting();
     const request answered_request = std::move(requests_.front());
@@ -131,7 +140,27 @@ void plugin::send_next()
         const answered done = std::exchange(requests_.front().done, nullptr);
         done({answer::outcome::silent, -1, "no answer in time", nullptr});
     });
+    sent_ = steady_clock::now();
     stream.send(requests_.front().document.get());
+}
+
+std::string plugin::asked() const
+{
+    const xmlNode *sent = requests_.front().document.get();
+    const xmlNode *params = xml::child(sent, "params");
+    const xmlNode *info = xml::child(params, "info");
+    std::string where = xml::child_text(params, "path");
+    if (where.empty() && info != nullptr) {
+        where = xml::child_text(info, "path");
+    }
+    return xml::child_text(sent, "method") + (where.empty() ? "" : " of " + where);
+}
+
+void plugin::report(const std::string &what) const
+{
+    if (watcher != nullptr) {
+        watcher->add(called(), what);
+    }
 }
 
 void plugin::give_up(const std::string &why)

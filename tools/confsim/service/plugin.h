@@ -49,6 +49,20 @@ struct answer {
     [[nodiscard]] std::string in_words() const;
 };
 
+// Is told what a plugin does wrong, and how long it takes for each answer.
+class plugin_watcher {
+public:
+    virtual ~plugin_watcher() = default;
+    plugin_watcher(const plugin_watcher &) = delete;
+    plugin_watcher &operator=(const plugin_watcher &) = delete;
+
+    virtual void add(const std::string &plugin, const std::string &what) = 0;
+    virtual void answered(const std::string &plugin, const std::string &request, seconds taken) = 0;
+
+protected:
+    plugin_watcher() = default;
+};
+
 class plugin {
 public:
     enum class state { connected, registered, activated, gone };
@@ -65,6 +79,7 @@ public:
     std::vector<subscription> configs;
     std::vector<subscription> statuses;
     std::vector<operation> operations;
+    plugin_watcher *watcher = nullptr; // or nobody
     int wanted_start = 0; // CONFIG_OP_CFGR or _SMOOTH until it is told the configuration that way
 
     [[nodiscard]] bool is_active() const { return now == state::activated; }
@@ -84,6 +99,12 @@ public:
 
     // The number of the request that it has yet to answer, in time or not; 0 when there is none.
     [[nodiscard]] u32_t awaited() const { return requests_.empty() ? 0 : requests_.front().id; }
+
+    // That request in words. There must be one.
+    [[nodiscard]] std::string asked() const;
+
+    // Something is wrong with what it sends.
+    void report(const std::string &what) const;
 
     // End all requests, or those that wait for an answer to another, for a plugin that has gone or
     // takes part no longer.
@@ -105,6 +126,7 @@ private:
     seconds patience_;
     std::deque<request> requests_; // the first one has been sent
     std::optional<event_loop::timer> timeout_;
+    steady_clock::time_point sent_; // the first request
     u32_t last_id_ = 0;
 };
 
