@@ -74,6 +74,21 @@ fail commit
 kickoff good
 """.splitlines()
 
+# One in which confsim goes wrong.
+FAULTS = """\
+wait good 30
+fault good drop
+fault off
+stop 0
+full
+full off
+unreadable-profile
+unreadable-profile off
+kill good
+restart
+faults
+""".splitlines()
+
 # One with a model. Moves and the two notations have fields of their own.
 MODELLED = """\
 move /routes:routing/preference[destination="10.2.0.0/16"] first
@@ -124,7 +139,8 @@ class Session:
 
 
 def compare_fields():
-    sessions = [(Session(), SESSION), (Session("--timeout", "0.1"), SILENT)]
+    sessions = [(Session(), SESSION), (Session("--timeout", "0.1"), SILENT),
+                (Session("--ignore-exit"), FAULTS)]
     if ROUTES:
         sessions.append((Session("--yang", f"{ROUTES}/routes.yang", "--config",
                                  f"{ROUTES}/routes.xml"), MODELLED))
@@ -153,6 +169,8 @@ def compare_fields():
     died = answers["commit"][2]
     check(not died["ok"] and "code" not in died, died)
     check(answers["fail commit"][0]["code"] == 22, answers["fail commit"])
+    check({"plugin": "good", "fault": "kill", "always": False, "times": 1} in
+          answers["faults"][0]["data"], answers["faults"])
     if ROUTES:
         moved = '/routes:routing/preference[destination="10.2.0.0/16"]'
         check(answers["diff"][1]["data"] == [{"change": "move", "path": moved, "place": "first"}],

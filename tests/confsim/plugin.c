@@ -7,7 +7,8 @@
  * and keeps a journal of them, which it gives out, and empties, as status /test:journal/NAME. A
  * value, or a filter, can ask for more: "refuse" refuses it, "stall" waits for the file
  * /var/tmp/go, which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends
- * the process, "slow" takes 0.3 s, and "keep" refuses to be rolled back. With log it turns the
+ * the process, "slow" takes 0.3 s, and "keep" refuses to be rolled back. A file
+ * /var/tmp/drop makes it ask for data before it looks at the next request. With log it turns the
  * debug file on, and tells the system log that it runs.
  *
  * It is valid C and C++; ../abi/installed.sh compiles it as both.
@@ -205,6 +206,11 @@ int main(int count, char **arguments)
     /* In the sandbox: tells a script that the name is taken. */
     make_file("/var/tmp/activated");
     while (poll(&daemon, 1, -1) > 0 && (daemon.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0) {
+        if (unlink("/var/tmp/drop") == 0) {
+            xmlNode *list = NULL;
+            (void)econf_plugin_pull(0, "/test:system", &list); /* drops what is there */
+            xmlFreeNodeList(list);
+        }
         econf_plugin_run();
     }
     econf_plugin_close();

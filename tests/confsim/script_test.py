@@ -75,9 +75,12 @@ start third -- sh -c 'exit 3' : wait-exit third 3
 FINDINGS = r"""
 set /test:system/log/value slow : commit -> is slow: publish of /test:system/log took 0.3
 set /test:system/log/value fast : commit ->
+fault good delay 0.3 : set /test:system/log/value fast : commit ->
+fault good duplicate : set /test:system/log/value fine : commit : sleep 0.1 ->
 set /test:system/log/value keep : set /test:system/user[name="zoe"]/value refuse : fail commit -> refuses the roll-back of /test:system/log: code 22
 set /test:system/log/value fine : set /test:system/user[name="zoe"]/value refuse : fail commit ->
 set /test:system/log/value stall : fail commit -> has not answered publish of /test:system/log
+start drop -- sh -c ': >/var/tmp/drop' : wait-exit drop : set /test:system/log/value fine : fail commit : sleep 1 -> drops publish of /test:system/log, for it made the request pull
 set /test:system/log/value stall : fail commit : start go -- sh -c ': >/var/tmp/go' ->
 call echo <send>&lt;reply>&lt;result/>&lt;id>77&lt;/id>&lt;/reply></send> -> sends a reply that answers nothing, with the id 77
 call echo <send>&lt;reply>&lt;id></send> -> sends a message that is not well-formed

@@ -5,6 +5,7 @@
 #include "commands/conversation.h"
 #include "commands/input.h"
 #include "commands/programs.h"
+#include "doctor/doctor.h"
 #include "failure.h"
 #include "model/model.h"
 #include "process_space.h"
@@ -239,7 +240,7 @@ bool serve(const settings &wanted, const channels &to_others, event_loop &loop, 
     }
     script lines(loop, wanted.script.empty() ? standard_input(loop, out)
                                              : script_input(loop, wanted.script));
-    const endpoints where(wanted.directory);
+    endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
     findings found(out, cases, wanted.slow ? std::optional<seconds>(*wanted.slow) : std::nullopt,
                    wanted.strict);
@@ -253,7 +254,7 @@ bool serve(const settings &wanted, const channels &to_others, event_loop &loop, 
         run.started->start(std::filesystem::path(wanted.command.front()).filename(),
                            wanted.command);
     }
-    interpreter commands({loop, out, trace, config, service, patience, run.started, run.logs,
+    interpreter commands({loop, out, trace, config, service, where, patience, run.started, run.logs,
                           wanted.known, &found, &cases});
     std::optional<control> others;
     if (to_others.commands) {
@@ -342,7 +343,16 @@ void open_standard_files()
     }
 }
 
-int parse_and_simulate(int count, char **arguments)
+int examine(const settings &wanted)
+{
+    doctor::facts here = doctor::facts_here(wanted.directory);
+    const doctor::findings found = doctor::examine(here);
+    (wanted.json ? doctor::print_json : doctor::print)(std::cout, here, found);
+    std::cout.flush();
+    return found.empty() && std::cout ? 0 : failed;
+}
+
+int parse_and_run(int count, char **arguments)
 {
     settings wanted;
     CLI::App app("Plays the configuration daemon for plugins under development.", "confsim");
@@ -357,12 +367,16 @@ int parse_and_simulate(int count, char **arguments)
                   "However COMMAND ends, the exit status is that of the session");
     run->add_option("COMMAND", wanted.command, "The program and its arguments, after --")
         ->required();
+    CLI::App *look = app.add_subcommand(
+        "doctor", "Says what is wrong where plugins do not find their daemon; changes nothing");
+    look->add_option("--dir", wanted.directory, "Directory where the sockets should be");
+    look->add_flag("--json", wanted.json, "Print one JSON object");
     try {
         app.parse(count, arguments);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : wrong_usage;
     }
-    return simulate(wanted, run->parsed());
+    return look->parsed() ? examine(wanted) : simulate(wanted, run->parsed());
 }
 
 } // namespace
@@ -371,7 +385,7 @@ int main(int count, char **arguments)
 {
     open_standard_files();
     try {
-        const int status = parse_and_simulate(count, arguments);
+        const int status = parse_and_run(count, arguments);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
             throw failure("cannot write all of the output");
         }

@@ -12,6 +12,7 @@
 #include "reports/findings.h"
 #include "reports/program_logs.h"
 #include "service/daemon.h"
+#include "service/endpoints.h"
 #include "service/loop.h"
 #include "store/configuration.h"
 #include "trace/trace.h"
@@ -29,6 +30,7 @@ struct workplace {
     tracer &trace;
     configuration &config;
     conf_daemon &service;
+    endpoints &where;
     seconds patience;
     program_list *started = nullptr; // of run
     program_logs *logs = nullptr;    // of run
@@ -123,6 +125,13 @@ private:
     void move(const words &line);
     void validate(const words &line);
     void model(const words &line);
+    void order_fault(const words &line);
+    void faults(const words &line);
+    void stop(const words &line);
+    void restart(const words &line);
+    void hang_up(const words &line);
+    void fill_notifier(const words &line);
+    void spoil_profile(const words &line);
     void help(const words &line);
     void quit(const words &line);
 

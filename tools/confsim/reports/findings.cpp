@@ -114,7 +114,7 @@ void findings::compare(const std::list<plugin_ptr> &plugins)
 void findings::settle(const std::list<plugin_ptr> &plugins)
 {
     for (const plugin_ptr &each : plugins) {
-        if (each->awaited() != 0) {
+        if (each->owes_answer()) {
             add(each->called(), "has not answered " + each->asked());
         }
     }

@@ -3,9 +3,14 @@
 // A plugin is asked one thing at a time: while it waits for an answer of its own in the middle of a
 // callback, it discards every other message. So a request that was given up still holds up those
 // behind it until the plugin answers.
+//
+// A request can be lost: by a fault on its way, or as the plugin discarded it. When that is
+// possible, the plugin is probed with a method that nobody has, to which it answers with an error.
+// It answers in order, so an answer to the probe shows that there will be none to the request.
 #ifndef CONFSIM_PLUGIN_H
 #define CONFSIM_PLUGIN_H
 
+#include "faults/faulty_line.h"
 #include "service/connection.h"
 #include "service/loop.h"
 #include "tree/path.h"
@@ -74,6 +79,7 @@ public:
     plugin &operator=(const plugin &) = delete;
 
     connection stream;
+    std::unique_ptr<faulty_line> line; // of what it is sent, or null: it then goes straight
     state now = state::connected;
     std::string name; // empty until it registers
     std::vector<subscription> configs;
@@ -103,8 +109,17 @@ public:
     // That request in words. There must be one.
     [[nodiscard]] std::string asked() const;
 
+    // Whether nothing but the plugin itself can be the reason that it has not answered.
+    [[nodiscard]] bool owes_answer() const { return awaited() != 0 && !has_met_fault_; }
+
     // Something is wrong with what it sends.
     void report(const std::string &what) const;
+
+    // A fault met what it is sent or asked: answers may be missing for that reason. What it is sent
+    // may be lost or doubled then, if the fault is `of_frame`.
+    void note_fault(bool of_frame);
+    // It made a request.
+    void note_request(const std::string &method);
 
     // End all requests, or those that wait for an answer to another, for a plugin that has gone or
     // takes part no longer.
@@ -118,16 +133,26 @@ private:
         answered done; // null when it was given up
     };
 
+    [[nodiscard]] static bool is_probe(u32_t id);
     void send_next();
+    void give_up_first();
+    void check_answer(const xmlNode *reply) const;
+    void probe();
+    void lose_first();
     static void end(const std::deque<request> &given_up, const std::string &why);
     void stop_waiting();
 
     event_loop &loop_;
     seconds patience_;
-    std::deque<request> requests_; // the first one has been sent
-    std::optional<event_loop::timer> timeout_;
-    steady_clock::time_point sent_; // the first request
+    std::deque<request> requests_;             // the first one has been sent
+    std::optional<event_loop::timer> timeout_; // of the answer, or the next probe
+    steady_clock::time_point sent_;            // the first request
     u32_t last_id_ = 0;
+    u32_t last_probe_ = 0;
+    u32_t probes_before_ = 0;    // the first request was sent
+    bool has_met_fault_ = false; // since the last answer
+    bool may_have_lost_ = false; // something that it was sent, for all its time
+    std::string own_request_;    // the last one, since it was asked; empty when there was none
 };
 
 using plugin_ptr = std::shared_ptr<plugin>;
