@@ -45,6 +45,14 @@ notifications
 echo text
 expect kicked-off
 expect-not nothing
+expect-match ^<kicked-off/>$
+expect-xpath /by-node
+expect-message good reply
+expect-within 30 echo
+repeat 0\\nend
+case one
+end
+include /dev/null
 sleep 0
 trace off
 help
@@ -60,6 +68,21 @@ wait good 30
 set /test:system/log/value stall
 fail commit
 kickoff good
+""".splitlines()
+
+# One in which confsim goes wrong.
+FAULTS = """\
+wait good 30
+fault good drop
+fault off
+stop 0
+full
+full off
+unreadable-profile
+unreadable-profile off
+kill good
+restart
+faults
 """.splitlines()
 
 # One with a model. Moves and the two notations have fields of their own.
@@ -94,7 +117,7 @@ class Session:
                                         cwd=os.path.dirname(os.path.abspath(__file__)))
 
     def __call__(self, command):
-        self.process.stdin.write(command + "\n")
+        self.process.stdin.write(command.replace("\\n", "\n") + "\n")
         self.process.stdin.flush()
         return json.loads(self.process.stdout.readline())
 
@@ -112,7 +135,8 @@ class Session:
 
 
 def compare_fields():
-    sessions = [(Session(), SESSION), (Session("--timeout", "0.1"), SILENT)]
+    sessions = [(Session(), SESSION), (Session("--timeout", "0.1"), SILENT),
+                (Session("--ignore-exit"), FAULTS)]
     if ROUTES:
         sessions.append((Session("--yang", f"{ROUTES}/routes.yang", "--config",
                                  f"{ROUTES}/routes.xml"), MODELLED))
@@ -124,7 +148,7 @@ def compare_fields():
             print(command, "->", answer)
             check(ALWAYS <= answer.keys(), "missing in", answer)
             name = command.split()[0]
-            if name not in ("fail", "try"):
+            if name not in ("fail", "try", "expect-within"):
                 seen[name][not answer["ok"]].update(answer.keys() - ALWAYS)
             answers[command] = answers.get(command, []) + [answer]
         check(session.end() == 0, "exit status")
@@ -141,6 +165,8 @@ def compare_fields():
     died = answers["commit"][2]
     check(not died["ok"] and "code" not in died, died)
     check(answers["fail commit"][0]["code"] == 22, answers["fail commit"])
+    check({"plugin": "good", "fault": "kill", "always": False, "times": 1} in
+          answers["faults"][0]["data"], answers["faults"])
     if ROUTES:
         moved = '/routes:routing/preference[destination="10.2.0.0/16"]'
         check(answers["diff"][1]["data"] == [{"change": "move", "path": moved, "place": "first"}],

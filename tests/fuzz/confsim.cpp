@@ -124,7 +124,7 @@ void check_stored(configuration &config, const char *name, node &checked)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const endpoints where("/var/tmp/confsim");
+    static endpoints where("/var/tmp/confsim");
     fuzz::input in(data, size);
     std::array<int, 2> peers = {-1, -1};
     console out;
@@ -133,7 +133,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     trace.enable(in.writes(4));
     configuration config("");
     conf_daemon service(loop, out, trace, config, where, seconds(3600));
-    interpreter operating({loop, out, trace, config, service, seconds(3600)});
+    interpreter operating({loop, out, trace, config, service, where, seconds(3600)});
 
     std::pair<const char *, node> stored[] = {
         {"deployment", {}}, {"running", {}}, {"published", {}}};
@@ -154,7 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             notify(in);
         } else {
             (void)operating.run(in.filled(in.pick(commands)));
-            MUST(!operating.last() || json::accept(to_json(*operating.last())));
+            MUST(!operating.last() || nlohmann::json::accept(to_json(*operating.last())));
         }
         for (auto &[name, checked] : stored) {
             check_stored(config, name, checked);

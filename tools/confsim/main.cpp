@@ -3,11 +3,13 @@
 #include "commands/commands.h"
 #include "commands/console.h"
 #include "commands/control.h"
+#include "commands/conversation.h"
 #include "commands/input.h"
 #include "failure.h"
 #include "model/model.h"
 #include "process_space.h"
-#include "reports/json_output.h"
+#include "reports/program_output.h"
+#include "reports/report.h"
 #include "sandbox.h"
 #include "service/daemon.h"
 #include "service/endpoints.h"
@@ -22,6 +24,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <iostream>
+#include <list>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
@@ -43,6 +46,8 @@ struct settings {
     std::string control;
     model_sources model;
     bool strict = false;
+    std::vector<std::string> reports;
+    variables known;
     bool trace = false;
     bool mask = false;
     double timeout = 5;
@@ -75,6 +80,18 @@ void add_common_options(CLI::App &app, settings &wanted)
         ->expected(1)
         ->take_all();
     app.add_flag("--strict", wanted.strict, "A plugin that breaks the model is an error");
+    app.add_option("--report", wanted.reports,
+                   "Write what became of the cases: junit:FILE, tap:FILE or tap:-")
+        ->allow_extra_args(false);
+    app.add_option_function<std::vector<std::string>>(
+           "-D,--define",
+           [&wanted](const std::vector<std::string> &given) {
+               for (const std::string &each : given) {
+                   define(wanted.known, each);
+               }
+           },
+           "NAME=VALUE: what $NAME stands for in commands")
+        ->allow_extra_args(false);
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
     app.add_flag("--mask", wanted.mask, "Mask secrets in all else that is printed, too");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
@@ -152,45 +169,6 @@ private:
     int descriptor_ = -1;
 };
 
-// Where commands come from, and how they are answered.
-struct conversation {
-    input &source;
-    const json_output *answers; // null: as texts only
-    control *others;            // null: nobody else gives commands
-    bool is_file;               // a script, which ends at a failure and ends the session
-};
-
-// Carries out commands until they end, or one of a script fails. Returns the exit status.
-int converse(const conversation &with, interpreter &commands, event_loop &loop, const console &out)
-{
-    input &source = with.source;
-    const bool stops = with.is_file || (source.is_script() && with.answers == nullptr);
-    while (!commands.has_quit() && !loop.is_interrupted()) {
-        const std::optional<std::string> line = source.next_line();
-        if (!line) {
-            if (with.others != nullptr && source.is_script() && !with.is_file) {
-                (void)loop.run_until([&commands] { return commands.has_quit(); });
-            }
-            break;
-        }
-        if (source.is_script() && line->find_first_not_of(" \t\r") != std::string::npos) {
-            out.print("> " + out.shown_command(*line));
-        }
-        const bool succeeded = commands.run(*line);
-        if (with.answers != nullptr && commands.last()) {
-            with.answers->print(*commands.last());
-        }
-        if (!succeeded && stops) {
-            std::cerr << source.position() << ": " << out.shown(commands.error()) << '\n';
-            return failed;
-        }
-        if (with.others != nullptr) {
-            with.others->serve();
-        }
-    }
-    return loop.is_interrupted() && !commands.has_quit() ? failed : 0;
-}
-
 std::unique_ptr<model> read_wanted(const model_sources &from)
 {
     if (from.modules.empty()) {
@@ -204,13 +182,30 @@ std::unique_ptr<model> read_wanted(const model_sources &from)
 
 // What other programs talk to confsim by; open before anything is printed or covered.
 struct channels {
-    std::optional<json_output> answers;
+    std::optional<program_output> answers;
     std::optional<control_socket> commands;
+    std::list<report> reports;
 };
 
-// Plays the daemon until the commands end, and hangs up. Returns the exit status.
-int serve(const settings &wanted, const channels &programs, event_loop &loop, console &out,
-          std::optional<child> &program, const sandbox::process_space *space)
+void open_channels(const settings &wanted, channels &programs)
+{
+    if (wanted.json) {
+        programs.answers.emplace();
+    }
+    if (!wanted.control.empty()) {
+        programs.commands.emplace(wanted.control);
+    }
+    for (const std::string &each : wanted.reports) {
+        if (wanted.json && each == "tap:-") {
+            throw failure("standard output is taken by --json");
+        }
+        programs.reports.emplace_back(each);
+    }
+}
+
+// Plays the daemon until the commands end, and hangs up. Returns whether all went well.
+bool serve(const settings &wanted, const channels &programs, event_loop &loop, console &out,
+           case_list &cases, std::optional<child> &program, const sandbox::process_space *space)
 {
     tracer trace(out);
     trace.enable(wanted.trace);
@@ -219,9 +214,9 @@ int serve(const settings &wanted, const channels &programs, event_loop &loop, co
     if (!wanted.config.empty() && !config.begin_with(wanted.config)) {
         out.event("the configuration of the store is used, not " + wanted.config);
     }
-    const std::unique_ptr<input> source =
-        wanted.script.empty() ? standard_input(loop, out) : script_input(loop, wanted.script);
-    const endpoints where(wanted.directory);
+    script lines(loop, wanted.script.empty() ? standard_input(loop, out)
+                                             : script_input(loop, wanted.script));
+    endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
     conf_daemon service(loop, out, trace, config, where, patience);
     if (wanted.strict) {
@@ -231,31 +226,29 @@ int serve(const settings &wanted, const channels &programs, event_loop &loop, co
     if (space != nullptr) {
         program.emplace(loop, out, *space, wanted.command);
     }
-    interpreter commands(
-        {loop, out, trace, config, service, patience, program ? &*program : nullptr});
+    interpreter commands({loop, out, trace, config, service, where, patience,
+                          program ? &*program : nullptr, wanted.known, &cases});
     std::optional<control> others;
     if (programs.commands) {
         others.emplace(loop, out, *programs.commands, commands);
     }
-    const int status = converse({*source, programs.answers ? &*programs.answers : nullptr,
-                                 others ? &*others : nullptr, !wanted.script.empty()},
-                                commands, loop, out);
-    if (status == 0 && service.has_failed_by_breach()) {
+    conversation session({lines, !wanted.script.empty(),
+                          programs.answers ? &*programs.answers : nullptr,
+                          others ? &*others : nullptr},
+                         commands, cases, loop, out);
+    const bool is_good = session.hold();
+    if (is_good && service.has_failed_by_breach()) {
         std::cerr << "confsim: a plugin has broken the model\n";
-        return failed;
+        cases.fail("", "a plugin has broken the model");
+        return false;
     }
-    return status;
+    return is_good;
 }
 
 int simulate(settings &wanted, bool with_command)
 {
     channels programs;
-    if (wanted.json) {
-        programs.answers.emplace();
-    }
-    if (!wanted.control.empty()) {
-        programs.commands.emplace(wanted.control);
-    }
+    open_channels(wanted, programs);
     std::optional<sandbox::process_space> space;
     if (with_command) {
         enter_sandbox(wanted);
@@ -269,18 +262,27 @@ int simulate(settings &wanted, bool with_command)
         out.event("no PID namespace: " + space->shortcoming() +
                   ". What COMMAND starts ends with confsim, but not when confsim is killed");
     }
+    case_list cases("session");
+    if (!programs.reports.empty()) {
+        out.recorder = [&cases](const std::string &text) { cases.record(text); };
+    }
     event_loop loop;
     const signal_watch signals(loop);
     std::optional<child> program;
-    const int status = serve(wanted, programs, loop, out, program, space ? &*space : nullptr);
+    bool is_good = serve(wanted, programs, loop, out, cases, program, space ? &*space : nullptr);
     if (program) {
         program->end();
         if (!program->complaint().empty() && !wanted.ignore_exit) {
             std::cerr << "confsim: " << program->complaint() << '\n';
-            return failed;
+            cases.fail("", program->complaint());
+            is_good = false;
         }
     }
-    return status;
+    cases.close();
+    for (const report &each : programs.reports) {
+        each.write(cases, wanted.script.empty() ? "session" : wanted.script);
+    }
+    return is_good ? 0 : failed;
 }
 
 // Otherwise the first files that are opened would be taken for standard input and output.

@@ -17,16 +17,6 @@ namespace {
 
 constexpr std::size_t any_number = 1000000;
 
-// Every answer holds the empty text.
-std::string expected_text(const std::vector<std::string> &line)
-{
-    std::string text = join_words(line, 1);
-    if (text.empty()) {
-        throw failure("there is no text to look for");
-    }
-    return text;
-}
-
 json_value publication_data(const publication &what, const answer &got)
 {
     json_value data = {{"plugin", what.to->name},
@@ -89,6 +79,17 @@ const interpreter::command interpreter::table[] = {
      &interpreter::expect},
     {"expect-not", "TEXT", "fail if the last answer holds TEXT", 1, any_number,
      &interpreter::expect_not},
+    {"expect-match", "REGEX", "fail unless the last answer matches a regular expression", 1,
+     any_number, &interpreter::expect_match},
+    {"expect-xpath", "XPATH [VALUE]",
+     "fail unless the last answer, or the running configuration, has such nodes", 1, 2,
+     &interpreter::expect_xpath},
+    {"expect-message", "PLUGIN METHOD [XPATH [VALUE]] [SECONDS]",
+     "until the plugin has sent a message that was not expected before", 2, 5,
+     &interpreter::expect_message},
+    {"expect-within", "SECONDS COMMAND...",
+     "carry the command out and fail if that takes longer, or fails", 2, any_number,
+     &interpreter::expect_within},
     {"expect-exit", "[STATUS] [SECONDS]",
      "until the program that runs ends as expected: status 0, another one, or a signal's name", 0,
      2, &interpreter::expect_exit},
@@ -96,24 +97,43 @@ const interpreter::command interpreter::table[] = {
      &interpreter::expect_failure},
     {"try", "COMMAND...", "carry the command out and go on when it fails", 1, any_number,
      &interpreter::attempt},
+    {"case", "NAME", "begin a case: a command that fails ends it, and the script goes on behind it",
+     1, any_number, &interpreter::begin_case},
+    {"repeat", "N", "carry the lines up to `end` out N times", 1, 1, &interpreter::repeat},
+    {"end", "", "end a case, or what is repeated", 0, 0, &interpreter::end_case},
+    {"include", "FILE", "carry out the lines of a file", 1, 1, &interpreter::include},
     {"sleep", "SECONDS", "let time pass", 1, 1, &interpreter::sleep},
     {"echo", "TEXT", "print a text", 0, any_number, &interpreter::echo},
     {"trace", "on|off", "print the frames in both directions, secrets masked", 1, 1,
      &interpreter::trace},
+    {"fault", "PLUGIN|all [always] FAULT... | [PLUGIN] off",
+     "something goes wrong with the next frame that is sent, or the next request", 1, any_number,
+     &interpreter::order_fault},
+    {"faults", "", "the faults that are still to come, and those that happened", 0, 0,
+     &interpreter::faults},
+    {"stop", "SECONDS", "hang, and stay connected", 1, 1, &interpreter::stop},
+    {"restart", "[SECONDS]", "the sockets vanish and come back, the configuration stays", 0, 1,
+     &interpreter::restart},
+    {"kill", "PLUGIN", "hang up on a plugin without a word", 1, 1, &interpreter::hang_up},
+    {"full", "[on|off]", "the queue for notifications is full", 0, 1, &interpreter::fill_notifier},
+    {"unreadable-profile", "[on|off]", "plugins cannot read where the sockets are", 0, 1,
+     &interpreter::spoil_profile},
     {"help", "", "this list", 0, 0, &interpreter::help},
     {"quit", "", "end confsim", 0, 0, &interpreter::quit},
 };
 
-bool interpreter::run(const std::string &line)
+bool interpreter::run(const std::string &line, script *from)
 {
     const steady_clock::time_point begin = steady_clock::now();
     is_busy_ = true;
+    script_ = from;
     report_.emplace();
     try {
-        const words split = split_words(line);
+        words split = split_words(line);
         if (split.empty()) {
             report_.reset();
         } else {
+            expand(split, here_.known);
             carry_out(split);
         }
     } catch (const failure &reason) {
@@ -134,8 +154,24 @@ void interpreter::carry_out(const words &line)
     keeps_answer_ = keeps_answer(line);
     if (!keeps_answer_) {
         answer_.clear();
+        answer_nodes_.reset();
     }
     (this->*look_up(line).carry_out)(line);
+    if (!keeps_answer_) {
+        keep_nodes();
+    }
+}
+
+// The nodes that the last answer holds are its data, or all of them.
+void interpreter::keep_nodes()
+{
+    const json_value &data = report_->data;
+    const bool is_list = data.is_array() && !data.empty() && data.front().is_string();
+    if (data.is_string()) {
+        answer_nodes_ = data.get<std::string>();
+    } else if (is_list) {
+        answer_nodes_ = join_words(data.get<words>(), 0);
+    }
 }
 
 const interpreter::command &interpreter::look_up(const words &line)
@@ -155,11 +191,29 @@ const interpreter::command &interpreter::look_up(const words &line)
 // Whether `expect` behind a command still looks at the answer before it.
 bool interpreter::keeps_answer(const words &line)
 {
-    static const std::set<std::string> wrapping = {"fail", "try"};
-    static const std::set<std::string> keeping = {"expect", "expect-not", "sleep", "echo", "trace"};
-    const auto first = std::find_if(
-        line.begin(), line.end(), [](const std::string &word) { return !wrapping.contains(word); });
+    static const std::set<std::string> keeping = {
+        "expect", "expect-not", "expect-match", "expect-xpath", "sleep",  "echo",
+        "trace",  "case",       "repeat",       "end",          "include"};
+    auto first = line.begin();
+    while (first != line.end() && (*first == "fail" || *first == "try")) {
+        ++first;
+    }
+    if (line.end() - first > 2 && *first == "expect-within") {
+        return keeps_answer(words(first + 2, line.end()));
+    }
     return first != line.end() && keeping.contains(*first);
+}
+
+// A command inside of another: a mistyped one is no failure to expect, and the structure of the
+// script does not depend on one.
+const interpreter::command &interpreter::look_inside(const words &line)
+{
+    static const std::set<std::string> structure = {"case", "repeat", "end", "include"};
+    const command &known = look_up(line);
+    if (structure.contains(known.name)) {
+        throw failure(std::string(known.name) + " cannot stand inside of another command");
+    }
+    return known;
 }
 
 // Prints a part of the answer at once.
@@ -278,33 +332,23 @@ void interpreter::discard(const words & /*line*/)
     say("ok");
 }
 
+bool interpreter::is_number(const std::string &word)
+{
+    char *end = nullptr;
+    (void)std::strtod(word.c_str(), &end);
+    return !word.empty() && *end == '\0';
+}
+
 seconds interpreter::patience_from(const words &line, std::size_t position) const
 {
     if (line.size() <= position) {
         return here_.patience;
     }
-    char *end = nullptr;
-    const double given = std::strtod(line[position].c_str(), &end);
-    if (line[position].empty() || *end != '\0' || !(given >= 0 && given <= 86400)) {
+    const double given = std::strtod(line[position].c_str(), nullptr);
+    if (!is_number(line[position]) || !(given >= 0 && given <= 86400)) {
         throw failure("not a number of seconds: " + line[position]);
     }
     return seconds(given);
-}
-
-void interpreter::expect(const words &line)
-{
-    const std::string text = expected_text(line);
-    if (answer_.find(text) == std::string::npos) {
-        throw failure("expected \"" + text + "\" in the last answer, which was:\n" + answer_);
-    }
-}
-
-void interpreter::expect_not(const words &line)
-{
-    const std::string text = expected_text(line);
-    if (answer_.find(text) != std::string::npos) {
-        throw failure("did not expect \"" + text + "\" in the last answer, which was:\n" + answer_);
-    }
 }
 
 void interpreter::expect_exit(const words &line)
@@ -320,7 +364,7 @@ void interpreter::expect_exit(const words &line)
 void interpreter::expect_failure(const words &line)
 {
     const words inner(line.begin() + 1, line.end());
-    const command &known = look_up(inner); // a mistyped command is no failure to expect
+    const command &known = look_inside(inner);
     try {
         (this->*known.carry_out)(inner);
     } catch (const failure &reason) {
@@ -334,7 +378,7 @@ void interpreter::expect_failure(const words &line)
 void interpreter::attempt(const words &line)
 {
     const words inner(line.begin() + 1, line.end());
-    const command &known = look_up(inner);
+    const command &known = look_inside(inner);
     try {
         (this->*known.carry_out)(inner);
     } catch (const failure &reason) {

@@ -4,9 +4,13 @@
 
 #include "commands/child.h"
 #include "commands/console.h"
+#include "commands/script.h"
+#include "commands/variables.h"
 #include "failure.h"
 #include "reports/answer.h"
+#include "reports/cases.h"
 #include "service/daemon.h"
+#include "service/endpoints.h"
 #include "service/loop.h"
 #include "store/configuration.h"
 #include "trace/trace.h"
@@ -24,8 +28,11 @@ struct workplace {
     tracer &trace;
     configuration &config;
     conf_daemon &service;
+    endpoints &where;
     seconds patience;
-    child *program = nullptr; // of run
+    child *program = nullptr;   // of run
+    variables known{};          // that commands may name
+    case_list *cases = nullptr; // of the script, if there is one
 };
 
 class interpreter {
@@ -33,8 +40,9 @@ public:
     explicit interpreter(const workplace &here) : here_(here) {}
 
     // Carries one line out and prints its answer, which begins with "error: " when it fails.
-    // Returns whether it succeeded; an empty line does.
-    bool run(const std::string &line);
+    // Returns whether it succeeded; an empty line does. `from` is the script that a line is of, if
+    // it is of one, and that it may shape.
+    bool run(const std::string &line, script *from = nullptr);
 
     [[nodiscard]] bool has_quit() const { return has_quit_; }
     // Why the last command failed.
@@ -57,13 +65,19 @@ private:
     static const command table[];
 
     [[nodiscard]] static const command &look_up(const words &line);
+    [[nodiscard]] static const command &look_inside(const words &line);
     [[nodiscard]] static bool keeps_answer(const words &line);
+    [[nodiscard]] static std::string expected_text(const words &line);
+    [[nodiscard]] script &own_script() const;
+    void keep_nodes();
     void carry_out(const words &line);
     void say(const std::string &text);
     void concern(const std::string &plugin, const std::string &where);
     std::string note(const failure &reason);
+    [[nodiscard]] std::string shown_xml(const std::string &text) const;
     [[nodiscard]] std::string shown_children(const xmlNode *parent) const;
     [[nodiscard]] plugin_ptr active_plugin(const std::string &name) const;
+    [[nodiscard]] static bool is_number(const std::string &word);
     [[nodiscard]] seconds patience_from(const words &line, std::size_t position) const;
     [[nodiscard]] static const xmlNode *result_of(const answer &got, const std::string &plugin,
                                                   const std::string &where);
@@ -84,20 +98,37 @@ private:
     void notifications(const words &line);
     void expect(const words &line);
     void expect_not(const words &line);
+    void expect_match(const words &line);
+    void expect_xpath(const words &line);
+    void expect_message(const words &line);
+    void expect_within(const words &line);
     void expect_exit(const words &line);
     void expect_failure(const words &line);
     void attempt(const words &line);
+    void begin_case(const words &line);
+    void end_case(const words &line);
+    void include(const words &line);
+    void repeat(const words &line);
     void sleep(const words &line);
     void echo(const words &line);
     void trace(const words &line);
     void move(const words &line);
     void validate(const words &line);
     void model(const words &line);
+    void order_fault(const words &line);
+    void faults(const words &line);
+    void stop(const words &line);
+    void restart(const words &line);
+    void hang_up(const words &line);
+    void fill_notifier(const words &line);
+    void spoil_profile(const words &line);
     void help(const words &line);
     void quit(const words &line);
 
     workplace here_;
-    std::string answer_; // of the last command that gives one
+    script *script_ = nullptr;                // of the line that is carried out
+    std::string answer_;                      // of the last command that gives one
+    std::optional<std::string> answer_nodes_; // the same, if it is XML
     bool keeps_answer_ = false;
     std::optional<command_answer> report_;
     std::string error_;

@@ -10,10 +10,31 @@ namespace confsim {
 
 void console::print(const std::string &text) const
 {
+    put(shown(text));
+    record(text);
+}
+
+void console::print_command(const std::string &line) const
+{
+    put("> " + shown_command(line));
+    if (recorder) {
+        recorder("> " + masked_command(line));
+    }
+}
+
+void console::record(const std::string &text) const
+{
+    if (recorder) {
+        recorder(masked(text));
+    }
+}
+
+void console::put(const std::string &text) const
+{
     if (before) {
         before();
     }
-    std::fputs((shown(text) + "\n").c_str(), stdout);
+    std::fputs((text + "\n").c_str(), stdout);
     std::fflush(stdout);
     if (after) {
         after();

@@ -15,6 +15,9 @@ public:
     // Prints a text of one or more lines.
     void print(const std::string &text) const;
 
+    // Prints a command of a script.
+    void print_command(const std::string &line) const;
+
     // Something that happened without being asked for: a plugin came, a notification arrived.
     void event(const std::string &text) const { print("* " + text); }
 
@@ -26,11 +29,17 @@ public:
 
     void mask_all() { masks_ = true; }
 
-    // Called around each text; see terminal input.
+    // Is given each text that is printed, and those that are not, with secrets masked.
+    std::function<void(const std::string &)> recorder;
+    void record(const std::string &text) const;
+
+    // Called around each text that is printed; see terminal input.
     std::function<void()> before;
     std::function<void()> after;
 
 private:
+    void put(const std::string &text) const;
+
     bool masks_ = false;
 };
 

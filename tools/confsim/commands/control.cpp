@@ -184,7 +184,7 @@ bool control::serve_next(const client_ptr &whom)
     }
     const std::string line = whom->received.substr(0, end);
     whom->received.erase(0, end + 1);
-    out_.print("> " + out_.shown_command(line));
+    out_.print_command(line);
     (void)commands_.run(line);
     if (commands_.last()) {
         whom->unsent = to_json(*commands_.last()) + '\n';

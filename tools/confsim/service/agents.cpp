@@ -3,7 +3,6 @@
 
 #include "failure.h"
 
-#include <algorithm>
 #include <ctime>
 #include <list>
 
@@ -58,19 +57,6 @@ std::string now()
     return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
-// The text with everything replaced that cannot stand in XML.
-std::string printable(const std::string &text)
-{
-    std::string made;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t length = xml::character_length(text, at);
-        const std::size_t taken = std::max<std::size_t>(length, 1);
-        made += length > 0 ? text.substr(at, taken) : "\ufffd";
-        at += taken;
-    }
-    return made;
-}
-
 // A notification should be an element, but any text is possible. Returns whether it is an element.
 bool add_content(xmlNode *notification, const std::string &content)
 {
@@ -79,7 +65,7 @@ bool add_content(xmlNode *notification, const std::string &content)
         xml::add(notification, xml::copy(xmlDocGetRootElement(parsed.get())));
         return true;
     } catch (const failure &) {
-        xml::add(notification, "text", printable(content));
+        xml::add(notification, "text", xml::printable(content));
         return false;
     }
 }

@@ -22,6 +22,10 @@ public:
     // is XML, as it should be.
     bool forward(const std::string &notification);
 
+    // Hangs up on all agents, and accepts them again at a socket that was opened anew.
+    void stop() { agents_.stop("lost confsim, which starts anew"); }
+    void go_on(int listener) { agents_.go_on(listener); }
+
 private:
     struct agent {
         agent(int descriptor, const tracer &trace) : stream(descriptor, trace) {}

@@ -105,7 +105,7 @@ std::vector<xml::node_ptr> connection::receive()
         }
     }
     if (ended && messages.empty()) {
-        throw broken("closed its connection");
+        throw broken(end_);
     }
     return messages;
 }
@@ -173,9 +173,6 @@ xml::node_ptr connection::take_message()
 
 void connection::send(xmlNode *message)
 {
-    if (unsent_.size() > unsent_limit) {
-        throw broken("does not read what it is sent");
-    }
     xmlBuffer *body = xmlBufferCreate();
     const int length = body == nullptr ? -1 : xmlNodeDump(body, nullptr, message, 0, 0);
     if (length <= 0) {
@@ -184,12 +181,32 @@ void connection::send(xmlNode *message)
     }
     const msg_head_t head = {MSG_MAGIC, static_cast<u32_t>(length), static_cast<u16_t>(sequence_++),
                              0};
-    unsent_.append(reinterpret_cast<const char *>(&head), sizeof head);
-    unsent_.append(reinterpret_cast<const char *>(xmlBufferContent(body)),
-                   static_cast<std::size_t>(length));
+    std::string frame(reinterpret_cast<const char *>(&head), sizeof head);
+    frame.append(reinterpret_cast<const char *>(xmlBufferContent(body)),
+                 static_cast<std::size_t>(length));
     xmlBufferFree(body);
     trace_.sent(peer_, message, static_cast<std::size_t>(length));
+    if (way_) {
+        way_(std::move(frame));
+    } else {
+        send_bytes(frame);
+    }
+}
+
+void connection::send_bytes(std::string_view bytes)
+{
+    if (unsent_.size() > unsent_limit) {
+        throw broken("does not read what it is sent");
+    }
+    unsent_.append(bytes);
     flush();
+}
+
+void connection::hang_up(std::string why)
+{
+    end_ = std::move(why);
+    unsent_.clear();
+    (void)shutdown(descriptor_, SHUT_RDWR);
 }
 
 void connection::flush()

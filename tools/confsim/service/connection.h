@@ -9,9 +9,11 @@
 #include "trace/trace.h"
 #include "tree/xml.h"
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace confsim {
@@ -42,10 +44,18 @@ public:
     // but then only after the last message was returned.
     [[nodiscard]] std::vector<xml::node_ptr> receive();
 
-    // Queues a message and writes as much as the socket takes. Both throw broken.
+    // Queues a message and writes as much as the socket takes. All three throw broken.
     void send(xmlNode *message);
+    void send_bytes(std::string_view bytes);
     void flush();
     [[nodiscard]] bool has_unsent() const { return !unsent_.empty(); }
+
+    // Has whole frames go another way than straight to send_bytes().
+    void send_through(std::function<void(std::string frame)> way) { way_ = std::move(way); }
+
+    // Ends the connection. As with one that the peer ends, receive() says so at last, in the words
+    // given here.
+    void hang_up(std::string why);
 
 private:
     struct buffer_deleter {
@@ -63,6 +73,8 @@ private:
     const tracer &trace_;
     std::unique_ptr<conf_buffer_t, buffer_deleter> received_;
     std::string unsent_;
+    std::string end_ = "closed its connection";
+    std::function<void(std::string)> way_;
     unsigned sequence_ = 0;
     std::size_t skipped_bytes_ = 0;
     int unreadable_messages_ = 0;

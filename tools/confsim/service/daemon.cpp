@@ -23,14 +23,6 @@ constexpr std::size_t longest_notification = 262144;
 
 constexpr const char *plugin_is_gone = "the plugin is gone";
 
-xml::node_ptr error_element(int code, const std::string &message)
-{
-    xml::node_ptr error = xml::element("error");
-    xml::add(error.get(), "code", std::to_string(code));
-    xml::add(error.get(), "message", message);
-    return error;
-}
-
 bool asks_for_old(const xmlNode *params)
 {
     return xml::child(params, "old") != nullptr;
@@ -50,6 +42,14 @@ std::vector<const xmlNode *> data_in(const xmlNode *params)
 
 } // namespace
 
+xml::node_ptr error_element(int code, const std::string &message)
+{
+    xml::node_ptr error = xml::element("error");
+    xml::add(error.get(), "code", std::to_string(code));
+    xml::add(error.get(), "message", message);
+    return error;
+}
+
 const conf_daemon::served_method conf_daemon::methods[] = {
     {"register", &conf_daemon::on_register},
     {"activate", &conf_daemon::on_activate},
@@ -63,14 +63,12 @@ const conf_daemon::served_method conf_daemon::methods[] = {
 };
 
 conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &trace,
-                         configuration &config, const endpoints &where, seconds patience)
+                         configuration &config, endpoints &where, seconds patience)
     : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience),
       agents_(loop, out, trace, where),
       plugins_(
           loop, where.plugin_socket(), most_plugins,
-          {[&trace, &loop, patience](int descriptor) {
-               return std::make_shared<plugin>(descriptor, trace, loop, patience);
-           },
+          {[this](int descriptor) { return make_plugin(descriptor); },
            [this](const plugin_ptr &from, xml::node_ptr message) {
                if (message != nullptr) {
                    handle(from, std::move(message));
@@ -79,7 +77,7 @@ conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &tra
            [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); },
            [&out](const std::string &why) { out.event("no more plugins are accepted: " + why); }})
 {
-    loop_.watch(where_.notifier_socket(), POLLIN, [this](short) { receive_notifications(); });
+    watch_notifier();
 }
 
 conf_daemon::~conf_daemon()
@@ -95,16 +93,25 @@ plugin_ptr conf_daemon::find(const std::string &name) const
     return found == plugins().end() ? nullptr : *found;
 }
 
-void conf_daemon::receive_notifications()
+void conf_daemon::watch_notifier()
+{
+    loop_.watch(where_.notifier_socket(), POLLIN, [this](short) { (void)receive_notification(); });
+}
+
+// Returns whether there was one.
+bool conf_daemon::receive_notification()
 {
     std::string text(longest_notification, '\0');
     const ssize_t count = recv(where_.notifier_socket(), text.data(), text.size(), 0);
     if (count < 0) {
-        return;
+        return false;
     }
     text.resize(static_cast<std::size_t>(count));
     if (!text.empty() && text.back() == '\0') {
         text.pop_back();
+    }
+    if (is_filler(text)) {
+        return true;
     }
     trace_.notification(text);
     if (!agents_.forward(text)) {
@@ -117,6 +124,7 @@ void conf_daemon::receive_notifications()
         notifications_.pop_front();
         not_taken_ = std::min(not_taken_, notifications_.size());
     }
+    return true;
 }
 
 void conf_daemon::check_notification(const std::string &text)
@@ -186,12 +194,30 @@ void conf_daemon::let_go(const plugin_ptr &whom, const std::string &why)
 void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
 {
     if (std::strcmp(xml::name(message.get()), "reply") == 0) {
+        messages_.add(from->called(), "reply", message.get());
         from->take_reply(std::move(message));
         return;
     }
     const char *method = nullptr;
     xmlNode *params = nullptr;
     if (plugin_parse_rpc(message.get(), &method, &params) != 0) {
+        return;
+    }
+    const std::string given = xml::child_text(params, "plugin-name"); // of one that registers
+    const std::string name = given.empty() ? from->called() : given;
+    messages_.add(name, method, message.get());
+    from->note_request(method);
+    if (!misbehave(from, name, method, message)) {
+        serve(from, message.get());
+    }
+}
+
+// Carries out a request of the plugin, and answers it.
+void conf_daemon::serve(const plugin_ptr &from, xmlNode *message)
+{
+    const char *method = nullptr;
+    xmlNode *params = nullptr;
+    if (plugin_parse_rpc(message, &method, &params) != 0) {
         return;
     }
     const auto *known =
@@ -212,11 +238,7 @@ void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
         result = error_element(-1, refusal.what());
         out_.event("plugin " + from->called() + ": " + method + " refused: " + refusal.what());
     }
-    const u32_t id = plugin_get_msgid(message.get());
-    const xml::node_ptr reply(plugin_build_reply_message(result.release(), id));
-    if (id != 0 && reply != nullptr) {
-        from->stream.send(reply.get());
-    }
+    reply(from, message, std::move(result));
     if (!was_active && from->is_active()) {
         out_.event("plugin " + from->name + " activated");
         const bool cfgr = xml::child(params, "with-cfgr") != nullptr;
@@ -225,6 +247,15 @@ void conf_daemon::handle(const plugin_ptr &from, xml::node_ptr message)
         if (!are_starts_held_) {
             start(from);
         }
+    }
+}
+
+void conf_daemon::reply(const plugin_ptr &to, xmlNode *request, xml::node_ptr content)
+{
+    const u32_t id = plugin_get_msgid(request);
+    const xml::node_ptr made(plugin_build_reply_message(content.release(), id));
+    if (id != 0 && made != nullptr) {
+        to->stream.send(made.get());
     }
 }
 

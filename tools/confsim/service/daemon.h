@@ -4,9 +4,11 @@
 #define CONFSIM_DAEMON_H
 
 #include "commands/console.h"
+#include "faults/fault_list.h"
 #include "service/agents.h"
 #include "service/endpoints.h"
 #include "service/loop.h"
+#include "service/messages.h"
 #include "service/plugin.h"
 #include "service/publication.h"
 #include "service/server.h"
@@ -21,10 +23,13 @@
 
 namespace confsim {
 
+// The content of a reply that refuses a request.
+[[nodiscard]] xml::node_ptr error_element(int code, const std::string &message);
+
 class conf_daemon {
 public:
     conf_daemon(event_loop &loop, const console &out, const tracer &trace, configuration &config,
-                const endpoints &where, seconds patience);
+                endpoints &where, seconds patience);
     ~conf_daemon();
     conf_daemon(const conf_daemon &) = delete;
     conf_daemon &operator=(const conf_daemon &) = delete;
@@ -58,6 +63,17 @@ public:
     std::optional<std::string> take_notification();
     void take_all_notifications() { not_taken_ = 0; }
 
+    // What goes wrong on order; see daemon_faults.cpp.
+    [[nodiscard]] fault_list &faults() { return faults_; }
+    // Hangs up on a plugin without a word.
+    void hang_up(const plugin_ptr &whom);
+    // The sockets are away for that long; what is configured stays.
+    void restart(seconds away);
+    // While the notifier's queue is full, nobody can notify confsim.
+    void set_notifier_full(bool full);
+    // What plugins sent, replies included, as far as nobody took it.
+    [[nodiscard]] message_store &messages() { return messages_; }
+
 private:
     using handler = xml::node_ptr (conf_daemon::*)(const plugin_ptr &from, const xmlNode *params);
     struct served_method {
@@ -66,11 +82,18 @@ private:
     };
     static const served_method methods[];
 
-    void receive_notifications();
     void check_notification(const std::string &text);
     void check_registration(plugin &whom);
     [[nodiscard]] path path_in(const plugin_ptr &from, const xmlNode *params);
+    plugin_ptr make_plugin(int descriptor);
+    void watch_notifier();
+    [[nodiscard]] static bool is_filler(const std::string &notification);
+    bool receive_notification();
     void handle(const plugin_ptr &from, xml::node_ptr message);
+    void serve(const plugin_ptr &from, xmlNode *message);
+    bool misbehave(const plugin_ptr &from, const std::string &name, const std::string &method,
+                   xml::node_ptr &message);
+    void reply(const plugin_ptr &to, xmlNode *request, xml::node_ptr content);
     void let_go(const plugin_ptr &whom, const std::string &why);
     void start(const plugin_ptr &whom);
     void ask(const plugin_ptr &to, const char *method, xml::node_ptr params, plugin::answered done);
@@ -89,10 +112,13 @@ private:
     const console &out_;
     const tracer &trace_;
     configuration &config_;
-    const endpoints &where_;
+    endpoints &where_;
     seconds patience_;
     agent_service agents_;
     server<plugin> plugins_;
+    fault_list faults_;
+    bool is_notifier_full_ = false;
+    message_store messages_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
     bool are_starts_held_ = false;

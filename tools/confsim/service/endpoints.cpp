@@ -12,6 +12,7 @@
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace confsim {
 
@@ -125,12 +126,27 @@ void endpoints::open()
     }
 }
 
+void endpoints::close()
+{
+    conf_plugin_service_disable(std::exchange(plugin_socket_, -1));
+    conf_agent_service_disable(std::exchange(agent_socket_, -1));
+    conf_plugin_notifier_disable(std::exchange(notifier_socket_, -1));
+}
+
+void endpoints::spoil_profile()
+{
+    std::ofstream file(profile, std::ios::trunc);
+    file << "{\"working-dir\": ";
+    file.close();
+    if (!file) {
+        throw failure(std::string("cannot write ") + profile + ": " + system_error_text());
+    }
+}
+
 void endpoints::remove()
 {
     if (wrote_profile_) {
-        conf_plugin_service_disable(plugin_socket_);
-        conf_agent_service_disable(agent_socket_);
-        conf_plugin_notifier_disable(notifier_socket_);
+        close();
         unlink(profile);
     }
     if (made_profile_directory_) {

@@ -24,11 +24,17 @@ public:
     [[nodiscard]] int agent_socket() const { return agent_socket_; }
     [[nodiscard]] int notifier_socket() const { return notifier_socket_; }
 
-private:
+    // The sockets vanish, and come back under the same names. open() throws failure.
+    void close();
     void open();
+
+    // Puts something unreadable in place of the profile, or the profile back.
+    void spoil_profile();
+    void write_profile();
+
+private:
     void remove();
     void make_directory(const std::string &wanted);
-    void write_profile();
 
     std::string directory_;
     bool made_directory_ = false;

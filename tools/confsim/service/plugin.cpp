@@ -12,6 +12,13 @@ namespace confsim {
 
 namespace {
 
+// Greater ids are those of probes, up to what every peer reads as a number.
+constexpr u32_t last_id = 0x3fffffff;
+
+// How many probes are sent in the time that an answer may take. What is left of a damaged frame may
+// swallow the first ones.
+constexpr int probes_in_time = 4;
+
 template <typename Visit>
 void for_each_entry(const xmlNode *params, const char *section, Visit visit)
 {
@@ -97,7 +104,7 @@ void plugin::take_registration(const xmlNode *params)
 
 void plugin::ask(const char *method, xml::node_ptr params, answered done)
 {
-    const u32_t id = last_id_ = last_id_ % 0x7fffffffU + 1;
+    const u32_t id = last_id_ = last_id_ % last_id + 1;
     xml::node_ptr document(plugin_build_rpc_message(method, params.release(), id));
     if (document == nullptr) {
         throw std::bad_alloc();
@@ -110,10 +117,18 @@ void plugin::ask(const char *method, xml::node_ptr params, answered done)
 
 void plugin::take_reply(xml::node_ptr reply)
 {
-    if (requests_.empty() || plugin_get_msgid(reply.get()) != requests_.front().id) {
+    const u32_t id = plugin_get_msgid(reply.get());
+    if (requests_.empty() || (id != requests_.front().id && !is_probe(id))) {
         return; // an answer to nothing that was asked
     }
+    if (is_probe(id)) {
+        if (id > last_id + probes_before_) {
+            lose_first();
+        }
+        return;
+    }
     stop_waiting();
+    has_met_fault_ = false;
     const request answered_request = std::move(requests_.front());
     requests_.pop_front();
     if (answered_request.done) {
@@ -126,12 +141,58 @@ void plugin::take_reply(xml::node_ptr reply)
 
 void plugin::send_next()
 {
-    timeout_ = loop_.start_timer(patience_, [this] {
-        timeout_.reset();
-        const answered done = std::exchange(requests_.front().done, nullptr);
-        done({answer::outcome::silent, -1, "no answer in time", nullptr});
-    });
+    timeout_ = loop_.start_timer(patience_, [this] { give_up_first(); });
+    own_request_.clear();
+    probes_before_ = last_probe_;
     stream.send(requests_.front().document.get());
+}
+
+void plugin::give_up_first()
+{
+    timeout_.reset();
+    const answered done = std::exchange(requests_.front().done, nullptr);
+    if (has_met_fault_ || !own_request_.empty()) {
+        probe();
+    }
+    done({answer::outcome::silent, -1, "no answer in time", nullptr});
+}
+
+bool plugin::is_probe(u32_t id)
+{
+    return id > last_id;
+}
+
+void plugin::probe()
+{
+    timeout_ = loop_.start_timer(patience_ / probes_in_time, [this] {
+        timeout_.reset();
+        probe();
+    });
+    last_probe_ = last_probe_ % last_id + 1;
+    const xml::node_ptr document(plugin_build_rpc_message(
+        "are-you-there", xml::element("params").release(), last_id + last_probe_));
+    if (document == nullptr) {
+        throw std::bad_alloc();
+    }
+    line->talk([this, &document] { stream.send(document.get()); });
+}
+
+// There will be no answer to the first request, as those to later ones have come.
+void plugin::lose_first()
+{
+    stop_waiting();
+    has_met_fault_ = false;
+    requests_.pop_front();
+    if (!requests_.empty()) {
+        send_next();
+    }
+}
+
+void plugin::note_request(const std::string &method)
+{
+    if (!requests_.empty()) {
+        own_request_ = method;
+    }
 }
 
 void plugin::give_up(const std::string &why)

@@ -3,9 +3,14 @@
 // A plugin is asked one thing at a time: while it waits for an answer of its own in the middle of a
 // callback, it discards every other message. So a request that was given up still holds up those
 // behind it until the plugin answers.
+//
+// A request can be lost: by a fault on its way, or as the plugin discarded it. When that is
+// possible, the plugin is probed with a method that nobody has, to which it answers with an error.
+// It answers in order, so an answer to the probe shows that there will be none to the request.
 #ifndef CONFSIM_PLUGIN_H
 #define CONFSIM_PLUGIN_H
 
+#include "faults/faulty_line.h"
 #include "service/connection.h"
 #include "service/loop.h"
 #include "tree/path.h"
@@ -60,6 +65,7 @@ public:
     plugin &operator=(const plugin &) = delete;
 
     connection stream;
+    std::unique_ptr<faulty_line> line; // of what it is sent, or null: it then goes straight
     state now = state::connected;
     std::string name; // empty until it registers
     std::vector<subscription> configs;
@@ -85,6 +91,11 @@ public:
     // The number of the request that it has yet to answer, in time or not; 0 when there is none.
     [[nodiscard]] u32_t awaited() const { return requests_.empty() ? 0 : requests_.front().id; }
 
+    // A fault met what it is sent or asked: answers may be missing for that reason.
+    void note_fault() { has_met_fault_ = true; }
+    // It made a request.
+    void note_request(const std::string &method);
+
     // End all requests, or those that wait for an answer to another, for a plugin that has gone or
     // takes part no longer.
     void give_up(const std::string &why);
@@ -97,15 +108,23 @@ private:
         answered done; // null when it was given up
     };
 
+    [[nodiscard]] static bool is_probe(u32_t id);
     void send_next();
+    void give_up_first();
+    void probe();
+    void lose_first();
     static void end(const std::deque<request> &given_up, const std::string &why);
     void stop_waiting();
 
     event_loop &loop_;
     seconds patience_;
-    std::deque<request> requests_; // the first one has been sent
-    std::optional<event_loop::timer> timeout_;
+    std::deque<request> requests_;             // the first one has been sent
+    std::optional<event_loop::timer> timeout_; // of the answer, or the next probe
     u32_t last_id_ = 0;
+    u32_t last_probe_ = 0;
+    u32_t probes_before_ = 0;    // the first request was sent
+    bool has_met_fault_ = false; // since the last answer
+    std::string own_request_;    // the last one, since it was asked; empty when there was none
 };
 
 using plugin_ptr = std::shared_ptr<plugin>;

@@ -33,22 +33,36 @@ public:
     };
 
     server(event_loop &loop, int listener, std::size_t most, behaviour act)
-        : loop_(loop), listener_(listener), most_(most), act_(std::move(act))
+        : loop_(loop), most_(most), act_(std::move(act))
     {
-        loop_.watch(listener_, POLLIN, [this](short) { accept(); });
+        go_on(listener);
     }
     ~server()
     {
         loop_.forget(listener_);
-        if (pause_) {
-            loop_.stop_timer(*pause_);
-        }
+        end_pause();
         for (const peer_ptr &each : peers_) {
             loop_.forget(each->stream.descriptor());
         }
     }
     server(const server &) = delete;
     server &operator=(const server &) = delete;
+
+    // Hangs up on all peers, and accepts no more until it goes on with another socket.
+    void stop(const std::string &why)
+    {
+        loop_.forget(std::exchange(listener_, -1));
+        end_pause();
+        for (const peer_ptr &each : std::exchange(peers_, {})) {
+            loop_.forget(each->stream.descriptor());
+            act_.gone(each, why);
+        }
+    }
+    void go_on(int listener)
+    {
+        listener_ = listener;
+        loop_.watch(listener_, POLLIN, [this](short) { accept(); });
+    }
 
     [[nodiscard]] const std::list<peer_ptr> &peers() const { return peers_; }
 
@@ -110,6 +124,14 @@ private:
         });
     }
 
+    void end_pause()
+    {
+        if (pause_) {
+            loop_.stop_timer(*pause_);
+            pause_.reset();
+        }
+    }
+
     void serve(const peer_ptr &from, short events)
     {
         if ((events & POLLOUT) != 0) {
@@ -123,7 +145,7 @@ private:
     }
 
     event_loop &loop_;
-    int listener_;
+    int listener_ = -1;
     std::size_t most_;
     behaviour act_;
     std::list<peer_ptr> peers_;

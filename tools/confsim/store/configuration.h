@@ -90,6 +90,8 @@ public:
     // The running configuration replaces the deployment, or adds what that lacks.
     void copy_running_to_deployment(bool replace);
 
+    [[nodiscard]] const module_table &modules() const { return modules_; }
+
     // A tree as XML; the nodes of a whole configuration are wrapped into <config>.
     [[nodiscard]] xml::node_ptr as_xml(const node &tree) { return to_xml(tree, modules_); }
 

@@ -8,7 +8,7 @@ namespace confsim {
 void tracer::frame(const char *direction, const std::string &peer, const xmlNode *message,
                    std::size_t size) const
 {
-    if (!enabled_) {
+    if (!enabled_ && !out_.recorder) {
         return;
     }
     const std::string headline = direction + peer + ", " + std::to_string(size) + " bytes";
@@ -21,7 +21,7 @@ void tracer::frame(const char *direction, const std::string &peer, const xmlNode
 
 void tracer::notification(const std::string &text) const
 {
-    if (enabled_) {
+    if (enabled_ || out_.recorder) {
         print("<-- notification, " + std::to_string(text.size()) + " bytes", masked_as_given(text));
     }
 }
@@ -34,7 +34,11 @@ void tracer::print(const std::string &headline, const std::string &body) const
         lines += "\n    " + body.substr(begin, end - begin);
         begin = end + 1;
     }
-    out_.print(lines);
+    if (enabled_) {
+        out_.print(lines);
+    } else {
+        out_.record(lines);
+    }
 }
 
 } // namespace confsim

@@ -94,6 +94,18 @@ std::size_t character_length(const std::string &text, std::size_t at)
     return length == right_length && std::memcmp(&text[at], right.data(), taken) == 0 ? taken : 0;
 }
 
+std::string printable(const std::string &text)
+{
+    std::string made;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = character_length(text, at);
+        const std::size_t taken = std::max<std::size_t>(length, 1);
+        made += length > 0 ? text.substr(at, taken) : "\ufffd";
+        at += taken;
+    }
+    return made;
+}
+
 bool can_hold(const std::string &text)
 {
     for (std::size_t at = 0; at < text.size();) {

@@ -28,6 +28,9 @@ using doc_ptr = std::unique_ptr<xmlDoc, deleter>;
 // Whether a text consists of such characters.
 [[nodiscard]] bool can_hold(const std::string &text);
 
+// The text with everything replaced, by U+FFFD, that cannot stand in XML.
+[[nodiscard]] std::string printable(const std::string &text);
+
 [[nodiscard]] node_ptr element(const char *name);
 [[nodiscard]] node_ptr copy(const xmlNode *node);
 xmlNode *add(xmlNode *parent, const char *name, const std::string &text = "");

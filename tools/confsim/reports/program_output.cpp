@@ -1,5 +1,5 @@
-// See json_output.h.
-#include "reports/json_output.h"
+// See program_output.h.
+#include "reports/program_output.h"
 
 #include "failure.h"
 
@@ -8,22 +8,21 @@
 
 namespace confsim {
 
-json_output::json_output()
+program_output::program_output()
 {
     (void)std::fflush(stdout);
     const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     stream_.reset(kept < 0 ? nullptr : fdopen(kept, "w"));
     if (stream_ == nullptr || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
-        throw failure("cannot use standard output for answers");
+        throw failure("standard output cannot be used");
     }
 }
 
-void json_output::print(const command_answer &given) const
+void program_output::write(const std::string &text) const
 {
-    const std::string line = to_json(given) + '\n';
-    if (std::fwrite(line.data(), 1, line.size(), stream_.get()) != line.size() ||
+    if (std::fwrite(text.data(), 1, text.size(), stream_.get()) != text.size() ||
         std::fflush(stream_.get()) != 0) {
-        throw failure("cannot write all of the answers");
+        throw failure("cannot write all of the output");
     }
 }
 
