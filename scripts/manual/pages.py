@@ -7,8 +7,7 @@ usage: pages.py SOURCE_DIR OUTPUT_DIR     writes the pages below OUTPUT_DIR/man1
 A header has one page, named after it, and each of its titled sections has one, named after its first
 call. Every call and variable has a page of its own name that includes the one it stands on. An example
 of a page is docs/man/examples/PAGE.c. The version that brought a call is the node of the symbol map.
-The other sections are written by hand, in docs/man; those that end in ".in" take in tables of
-docs/confsim.md.
+The other sections are written by hand, in docs/man.
 """
 
 import pathlib
@@ -16,6 +15,7 @@ import re
 import sys
 
 import headers
+import markdown
 import mdoc
 
 
@@ -160,34 +160,17 @@ def render(page, pages, places, since, source_dir):
     return "\n".join(lines) + "\n"
 
 
-def table(source_dir, first, macro):
-    """The table of docs/confsim.md whose first column has that title, as entries of a list."""
-    text = (source_dir / "docs/confsim.md").read_text(encoding="utf-8")
-    rows = text.split(f"\n| {first} |", 1)[1].split("\n\n", 1)[0].split("\n")[2:]
-    out = []
-    for row in rows:
-        head, meaning = (cell.strip() for cell in re.split(r"(?<!\\)\|", row.strip())[1:3])
-        for form in re.findall(r"`([^`]+)`", head):
-            word, _, arguments = form.replace("\\|", "|").partition(" ")
-            out.append(f".It {macro} {word.removeprefix('-') if macro == 'Fl' else word}")
-            out[-1] += "".join(f" Ar {mdoc.argument(each)}" for each in arguments.split())
-        meaning = re.sub(r",? see (below|\[[^]]*\]\([^)]*\))", "", meaning)
-        meaning = re.sub(r"\[([^]]*)\]\([^)]*\)", r"\1", meaning).replace("\\|", "|")
-        out += mdoc.Writer({}, "", code="Ql").paragraph(meaning[0].upper() + meaning[1:] + ".")
-    return "\n".join(out)
-
-
 def copy_written(source_dir, output_dir):
-    """The pages that are written by hand, their tables filled in."""
-    places = {"@OPTIONS@": ("option", "Fl"), "@COMMANDS@": ("command", "Ic")}
+    """The pages that are written by hand; those that end in ".in" take in parts of docs/confsim.md."""
+    source = (source_dir / "docs/confsim.md").read_text(encoding="utf-8")
     for path in sorted((source_dir / "docs/man").glob("*.[1-9]*")):
         text = path.read_text(encoding="utf-8")
-        for place, (first, macro) in places.items():
-            if place in text:
-                text = text.replace(place, table(source_dir, first, macro))
-        section = output_dir / f"man{path.name.removesuffix('.in')[-1]}"
+        name = path.name.removesuffix(".in")
+        if name != path.name:
+            text = markdown.fill_in(text, source)
+        section = output_dir / f"man{name[-1]}"
         section.mkdir(parents=True, exist_ok=True)
-        (section / path.name.removesuffix(".in")).write_text(text, encoding="utf-8")
+        (section / name).write_text(text, encoding="utf-8")
 
 
 def main(source_dir, target):
