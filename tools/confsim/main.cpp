@@ -5,6 +5,7 @@
 #include "commands/control.h"
 #include "commands/conversation.h"
 #include "commands/input.h"
+#include "doctor/doctor.h"
 #include "failure.h"
 #include "model/model.h"
 #include "process_space.h"
@@ -295,7 +296,16 @@ void open_standard_files()
     }
 }
 
-int parse_and_simulate(int count, char **arguments)
+int examine(const settings &wanted)
+{
+    doctor::facts here = doctor::facts_here(wanted.directory);
+    const doctor::findings found = doctor::examine(here);
+    (wanted.json ? doctor::print_json : doctor::print)(std::cout, here, found);
+    std::cout.flush();
+    return found.empty() && std::cout ? 0 : failed;
+}
+
+int parse_and_run(int count, char **arguments)
 {
     settings wanted;
     CLI::App app("Plays the configuration daemon for plugins under development.", "confsim");
@@ -309,12 +319,16 @@ int parse_and_simulate(int count, char **arguments)
                   "However COMMAND ends, the exit status is that of the session");
     run->add_option("COMMAND", wanted.command, "The program and its arguments, after --")
         ->required();
+    CLI::App *look = app.add_subcommand(
+        "doctor", "Says what is wrong where plugins do not find their daemon; changes nothing");
+    look->add_option("--dir", wanted.directory, "Directory where the sockets should be");
+    look->add_flag("--json", wanted.json, "Print one JSON object");
     try {
         app.parse(count, arguments);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : wrong_usage;
     }
-    return simulate(wanted, run->parsed());
+    return look->parsed() ? examine(wanted) : simulate(wanted, run->parsed());
 }
 
 } // namespace
@@ -323,7 +337,7 @@ int main(int count, char **arguments)
 {
     open_standard_files();
     try {
-        const int status = parse_and_simulate(count, arguments);
+        const int status = parse_and_run(count, arguments);
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
             throw failure("cannot write all of the output");
         }
