@@ -20,6 +20,7 @@
 
 #include <stdint.h>
 
+/* Unsigned integers of 8, 16 and 32 bits. */
 typedef uint8_t u8_t;
 typedef uint16_t u16_t;
 typedef uint32_t u32_t;

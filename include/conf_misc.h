@@ -58,7 +58,7 @@ char *conf_itoa(long i, char *buf, unsigned int size);
 /* Wall-clock time in microseconds since 1970-01-01 00:00:00 UTC. */
 long long conf_get_unix_time(void);
 
-/* ---- Client table -------------------------------------------------------------------------- */
+/* ---- Table of remote clients --------------------------------------------------------------- */
 
 /*
  * The table tells which remote client stands behind an SSH daemon process. It lies in System V

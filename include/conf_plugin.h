@@ -24,7 +24,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* ---- Context and registry ------------------------------------------------------------------ */
+/* ---- Context and registry of a process ----------------------------------------------------- */
 
 /* Stores callbacks of every kind in one table; converted back to the real type when called. */
 typedef int (*econf_subpub_cb_t)(int);
@@ -87,7 +87,7 @@ conf_plugin_context_t *get_plugin_context(void);
 /* The installed hooks of the calling process (the library's copy), or null. */
 confd_plugin_callback_t *get_plugin_hooks(void);
 
-/* ---- Messages ------------------------------------------------------------------------------ */
+/* ---- Building and taking apart messages ---------------------------------------------------- */
 
 /*
  * Takes the first message out of `*buf`, which begins with a complete one, and parses it. The
@@ -137,7 +137,7 @@ int plugin_get_reply_errcode(xmlNode *error);
 /* The number in the first "id" child of a request or reply, or 0 for none. */
 u32_t plugin_get_msgid(xmlNode *root);
 
-/* ---- Endpoints and paths ------------------------------------------------------------------- */
+/* ---- Endpoints of the daemon, forms of paths ----------------------------------------------- */
 
 /* Paths of the daemon's sockets. In a socket address at most 107 characters are used. */
 extern char g_conf_agent_socket[256];    /* at first /var/tmp/confd.agent.socket */
@@ -158,10 +158,10 @@ int conf_load_config(char **workding_dir);
  * Conversions between the forms of a datastore path. Each returns a new string, to be released with
  * free(), or null for a null path and when memory runs out.
  *
- *   schema form     /mod-a:top/mod-a:item/mod-b:ext    prefix on every node, no keys
- *   data form       /mod-a/top/item[name='x']/leaf     keys; prefixes, or the module in front
- *   standard form   /mod-a:top/item[name='x']/leaf     prefix where the module changes
- *   database form   /mod-a/top/item[name='x']/leaf     standard form, module as first segment
+ *   schema form     /mod-a:top/mod-a:item/mod-b:ext: a prefix on every node, no keys
+ *   data form       /mod-a/top/item[name='x']/leaf: keys; prefixes, or the module in front
+ *   standard form   /mod-a:top/item[name='x']/leaf: a prefix where the module changes
+ *   database form   /mod-a/top/item[name='x']/leaf: standard form, the module as first segment
  */
 char *plugin_path_schema2std(const char *schema_path); /* schema to standard form */
 char *plugin_path_data2std(const char *data_path);     /* data to standard form */

@@ -41,7 +41,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* ---- Nodes --------------------------------------------------------------------------------- */
+/* ---- Finding nodes ------------------------------------------------------------------------- */
 
 /*
  * The first element of that name: among `list` and the siblings behind it, among the children of
@@ -55,7 +55,7 @@ xmlNode *econf_node_find(xmlNode *list, const char *name);
 xmlNode *econf_node_child(xmlNode *parent, const char *name);
 xmlNode *econf_node_next(xmlNode *node, const char *name);
 
-/* ---- Values -------------------------------------------------------------------------------- */
+/* ---- Reading values ------------------------------------------------------------------------ */
 
 /*
  * The text of an element, an attribute, or a node of text, with all its white space; "" for an
@@ -88,7 +88,7 @@ int econf_node_boolean(xmlNode *node, bool_t *value);
  */
 int econf_node_choice(xmlNode *node, const char *const words[], int *index);
 
-/* ---- Trees --------------------------------------------------------------------------------- */
+/* ---- Building and freeing trees ------------------------------------------------------------ */
 
 /*
  * A new element with children, given as pairs of name and text up to a null name. A null text makes
@@ -124,7 +124,7 @@ xmlNode *econf_node_add(xmlNode *parent, const char *element, const char *format
  */
 void econf_node_free_list(xmlNode *list);
 
-/* ---- Paths --------------------------------------------------------------------------------- */
+/* ---- Keys of paths ------------------------------------------------------------------------- */
 
 /*
  * The value of a key in a path, as plain text: [name=a], [name="a\"b"] and [name='a'] hold a, a"b
@@ -142,7 +142,7 @@ void econf_node_free_list(xmlNode *list);
  */
 int econf_path_key(const char *path, const char *step, const char *key, char *value, size_t size);
 
-/* ---- Refusals ------------------------------------------------------------------------------ */
+/* ---- Refusals with a text ------------------------------------------------------------------ */
 
 /*
  * Records the error that answers the request being handled, as econf_plugin_error() does, with a

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Compares what the shared library shows to the outside with what it is meant to show: its symbols,
-# with their list, the headers and the documentation; the libraries that it needs; and that it runs
+# with their list and the headers; the libraries that it needs; and that it runs
 # no code when it is loaded.
 # usage: exported-symbols.sh LIBRARY SOURCE_DIR
 set -euo pipefail
@@ -45,17 +45,6 @@ if [[ -n $missing ]]; then
     printf 'declared, but not exported:\n%s\n' "$missing"
     status=1
 fi
-
-# The table of the documentation names each with the header that declares it.
-documented=$(sed -nE 's/^\| `([A-Za-z_0-9]+)` \| `(conf_[a-z]+\.h)` \|.*/\1 \2/p' \
-    "$source_dir/docs/interfaces.md" | sort)
-same "names in docs/interfaces.md" "$exported" "$(cut -d' ' -f1 <<<"$documented")"
-while read -r name header; do
-    if ! grep -qw -- "$name" <<<"$(without_comments "$source_dir/include/$header")"; then
-        printf 'docs/interfaces.md says %s, which does not declare %s\n' "$header" "$name"
-        status=1
-    fi
-done <<<"$documented"
 
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p' |
     sed 's/\.so.*//' | grep -v '^ld-linux' | sort)
