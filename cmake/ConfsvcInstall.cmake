@@ -16,6 +16,7 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/confsvc-config.cmake.i
 write_basic_package_version_file(confsvc-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/confsvc-config.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/confsvc-config-version.cmake
+              ${PROJECT_SOURCE_DIR}/kits/cmake/confsvc-test.cmake
         DESTINATION ${package_dir} COMPONENT development)
 install(EXPORT confsvc NAMESPACE confsvc:: FILE confsvc-targets.cmake
         DESTINATION ${package_dir} COMPONENT development)
@@ -31,7 +32,12 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libconfsvc.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 include(ConfsvcDocs)
 
+install(FILES ${PROJECT_SOURCE_DIR}/kits/cpp/confsvc_test.hpp
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+
 if(TARGET confsim)
     set_target_properties(confsim PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
     install(TARGETS confsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
+    install(DIRECTORY ${PROJECT_SOURCE_DIR}/kits/python/confsvc_test
+            DESTINATION ${CONFSVC_PYTHON_DIR} COMPONENT simulator FILES_MATCHING PATTERN "*.py")
 endif()
