@@ -118,7 +118,7 @@ void plugin::ask(const char *method, xml::node_ptr params, answered done)
 void plugin::take_reply(xml::node_ptr reply)
 {
     const u32_t id = plugin_get_msgid(reply.get());
-    if (is_probe(id)) {
+    if (id > last_id && id <= last_id + last_probe_) {
         if (!requests_.empty() && id > last_id + probes_before_) {
             lose_first();
         }
@@ -160,11 +160,6 @@ void plugin::give_up_first()
         probe();
     }
     done({answer::outcome::silent, -1, "no answer in time", nullptr});
-}
-
-bool plugin::is_probe(u32_t id)
-{
-    return id > last_id;
 }
 
 void plugin::probe()

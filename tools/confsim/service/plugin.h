@@ -133,7 +133,6 @@ private:
         answered done; // null when it was given up
     };
 
-    [[nodiscard]] static bool is_probe(u32_t id);
     void send_next();
     void give_up_first();
     void check_answer(const xmlNode *reply) const;
