@@ -40,4 +40,9 @@ if(TARGET confsim)
     install(TARGETS confsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/kits/python/confsvc_test
             DESTINATION ${CONFSVC_PYTHON_DIR} COMPONENT simulator FILES_MATCHING PATTERN "*.py")
+    set(completions ${PROJECT_SOURCE_DIR}/tools/confsim/completions)
+    install(FILES ${completions}/confsim.bash RENAME confsim COMPONENT simulator
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    install(FILES ${completions}/_confsim COMPONENT simulator
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 endif()

@@ -157,7 +157,7 @@ typedef struct _econf_plugin_subpub_info {
     void (*kick_off)(void); /* called when the daemon kicks the plugin off */
 } econf_plugin_subpub_info_t;
 
-/* ---- Registering, activating and serving a plugin --------------------------------------------- */
+/* ---- Registering, activating and serving a plugin ------------------------------------------- */
 
 /*
  * Connects to the daemon, without retry, and registers the plugin `name` with its callbacks.
@@ -212,7 +212,7 @@ void econf_plugin_deactivate(void);
  */
 void econf_plugin_run(void);
 
-/* ---- Requests to the daemon ------------------------------------------------------------------- */
+/* ---- Requests to the daemon ----------------------------------------------------------------- */
 
 /*
  * Requests to the daemon. They are made while the plugin is active, also from its callbacks, and
@@ -286,7 +286,7 @@ int econf_plugin_save_deployment(void);
  */
 int econf_plugin_copy_running_to_deployment(int override_flag);
 
-/* ---- Errors of callbacks ---------------------------------------------------------------------- */
+/* ---- Errors of callbacks -------------------------------------------------------------------- */
 
 /*
  * Records the error that the answer to the request being handled carries: `err_code` and a copy of
@@ -299,7 +299,7 @@ void econf_plugin_error(int err_code, const char *err_msg);
 /* Number of configuration callbacks that refused a change with the bit CONFIG_OP_CFGR. */
 extern int g_rdb_recovery_status;
 
-/* ---- Notifications ---------------------------------------------------------------------------- */
+/* ---- Notifications -------------------------------------------------------------------------- */
 
 /*
  * Sends the element `data` and its subtree as a notification: one datagram, whose text has no
@@ -323,7 +323,7 @@ int conf_notify(char *name, char *data);
  */
 int conf_notify_nonblock(char *name, char *data);
 
-/* ---- The older interface ---------------------------------------------------------------------- */
+/* ---- The older interface -------------------------------------------------------------------- */
 
 /*
  * Plugins written for the older calls run unchanged: each call is a thin layer over one of those

@@ -1,8 +1,6 @@
 // Tests of plugins in C++: each function is a command to confsim, and returns its answer.
 //
-//     #include <confsvc_test.hpp>
 //     using namespace confsvc::test;
-//
 //     session daemon({"./hello"}, {"hello"});
 //     daemon.set("/hello:settings/greeting", "Hi");
 //     daemon.commit();
@@ -11,13 +9,12 @@
 //     result refusal = daemon.commit(may_fail);
 //     assert(refusal.code() == 42 && refusal.text() == "A greeting is needed.");
 //
-// The plugin and confsim run in a sandbox of their own, so that nothing of this machine is touched and
-// any number of sessions can go on at once. What both print is on standard error. A command that fails
-// throws, which GoogleTest and Catch2 report as the failure of the test; with `may_fail` its result is
-// returned. A session, and what it returns, belongs to one thread.
+// The plugin and confsim run in a sandbox of their own, so nothing of this machine is touched and
+// any number of sessions can go on at once. What both print is on standard error. A command that
+// fails throws, which GoogleTest and Catch2 report as the test's failure; with `may_fail` it
+// returns its result. A session and what it returns belong to one thread.
 //
-// C++17, header only; relies on POSIX and on confsim, which is looked for in $CONFSIM and then in PATH,
-// and its option --json.
+// C++17, header only; relies on POSIX and on confsim, found by $CONFSIM or PATH, and its --json.
 #ifndef CONFSVC_TEST_HPP
 #define CONFSVC_TEST_HPP
 
@@ -82,10 +79,12 @@ public:
     }
 
 private:
+    static constexpr const char *complaint = "confsim has answered something else than JSON: ";
+
     [[nodiscard]] char peek() const
     {
         if (place_ >= text_.size()) {
-            throw error("confsim has answered something else than JSON: " + std::string(text_));
+            throw error(complaint + std::string(text_));
         }
         return text_[place_];
     }
@@ -99,39 +98,28 @@ private:
     void take(char wanted)
     {
         if (!skip(wanted)) {
-            throw error("confsim has answered something else: " + std::string(text_));
+            throw error(complaint + std::string(text_));
         }
     }
 
     std::string string()
     {
+        constexpr std::string_view names = "bfnrt";
         std::string decoded;
-        take('"');
-        while (!skip('"')) {
+        for (take('"'); !skip('"');) {
+            const bool is_escaped = skip('\\');
             const char c = peek();
             ++place_;
-            if (c == '\\') {
-                escaped(decoded);
+            if (is_escaped && c == 'u') { // only controls are written so, one byte each
+                const std::string digits(text_.substr(place_, 4));
+                decoded += static_cast<char>(std::stoi(digits, nullptr, 16));
+                place_ += 4;
             } else {
-                decoded += c;
+                const std::size_t known = is_escaped ? names.find(c) : std::string_view::npos;
+                decoded += known == std::string_view::npos ? c : "\b\f\n\r\t"[known];
             }
         }
         return decoded;
-    }
-
-    void escaped(std::string &decoded)
-    {
-        constexpr std::string_view names = "bfnrt";
-        const char c = peek();
-        ++place_;
-        if (c == 'u') {
-            // Only controls are written so, one byte each.
-            decoded += static_cast<char>(std::stoi(std::string(text_.substr(place_, 4)), nullptr, 16));
-            place_ += 4;
-        } else {
-            const std::size_t known = names.find(c);
-            decoded += known == std::string_view::npos ? c : "\b\f\n\r\t"[known];
-        }
     }
 
     // A number, a truth value, or a whole array or object.
@@ -224,21 +212,13 @@ public:
         line += '\n';
         std::size_t sent = 0;
         while (sent < line.size()) {
-            const ssize_t count =
-                send(socket_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
-            if (count < 0 && errno != EINTR) {
-                throw error("confsim has ended at: " + asked);
-            }
-            sent += count > 0 ? static_cast<std::size_t>(count) : 0;
+            sent +=
+                moved(send(socket_, line.data() + sent, line.size() - sent, MSG_NOSIGNAL), asked);
         }
         std::size_t end = 0;
         while ((end = received_.find('\n')) == std::string::npos) {
             char bytes[65536];
-            const ssize_t count = read(socket_, bytes, sizeof bytes);
-            if (count == 0 || (count < 0 && errno != EINTR)) {
-                throw error("confsim has ended at: " + asked);
-            }
-            received_.append(bytes, count > 0 ? static_cast<std::size_t>(count) : 0);
+            received_.append(bytes, moved(read(socket_, bytes, sizeof bytes), asked));
         }
         std::string answer = received_.substr(0, end);
         received_.erase(0, end + 1);
@@ -259,6 +239,15 @@ public:
     unsigned long commands = 0; // that were carried out
 
 private:
+    // How many bytes a call has moved.
+    static std::size_t moved(ssize_t count, const std::string &asked)
+    {
+        if (count == 0 || (count < 0 && errno != EINTR)) {
+            throw error("confsim has ended at: " + asked);
+        }
+        return count > 0 ? static_cast<std::size_t>(count) : 0;
+    }
+
     pid_t process_ = 0;
     int socket_ = -1;
     int status_ = 0;
@@ -277,13 +266,12 @@ public:
     }
 
     [[nodiscard]] bool ok() const { return member("ok") == "true"; }
-    // What people read; of a refusal the plugin's own text.
-    [[nodiscard]] std::string text() const { return member("text"); }
+    [[nodiscard]] std::string text() const { return member("text"); } // a refusal: the plugin's
     // The code with which a plugin refused; none when it did not.
     [[nodiscard]] std::optional<int> code() const
     {
         const std::string code = member("code");
-        return code.empty() ? std::nullopt : std::optional<int>(std::stoi(code));
+        return code.empty() ? std::nullopt : std::optional(std::stoi(code));
     }
     // The plugin that was asked, or that refused; and the path of which the command was.
     [[nodiscard]] std::string plugin() const { return member("plugin"); }
@@ -328,8 +316,7 @@ private:
 };
 
 // A plugin refused.
-class refused : public failed {
-public:
+struct refused : failed {
     using failed::failed;
 };
 
@@ -360,8 +347,7 @@ public:
     {
         const int status = confsim_->end();
         if (status != 0) {
-            throw error("confsim ended with status " + std::to_string(status) +
-                        "; see its output");
+            throw error("confsim ended with status " + std::to_string(status) + "; see its output");
         }
     }
 
@@ -393,14 +379,13 @@ public:
     {
         return send("delete " + detail::words({path}), wanted);
     }
-    // Puts the candidate in force, or makes it equal to what is.
+    // Put the candidate in force, and make it equal to what is.
     result commit(allowance wanted = must_succeed) { return send("commit", wanted); }
     result discard() { return send("discard"); }
     // The running configuration, or what is at a path of it, as XML.
-    result show() { return send("show"); }
-    result show(const std::string &path, allowance wanted = must_succeed)
+    result show(const std::string &path = "", allowance wanted = must_succeed)
     {
-        return send("show " + detail::words({path}), wanted);
+        return send("show running" + (path.empty() ? "" : " " + detail::words({path})), wanted);
     }
     // Asks a plugin for its status.
     result status(const std::string &path, allowance wanted = must_succeed)
@@ -413,23 +398,22 @@ public:
     {
         return send("call " + detail::words({operation}) + (xml.empty() ? "" : " " + xml), wanted);
     }
-    // Until a plugin is activated, and until a notification arrives that was not shown yet.
     result wait(const std::string &plugin, int seconds = 30)
     {
         return send("wait " + detail::words({plugin}) + " " + std::to_string(seconds));
     }
+    // Until a notification arrives that was not shown yet.
     result wait_notification(int seconds = 5, allowance wanted = must_succeed)
     {
         return send("wait-notification " + std::to_string(seconds), wanted);
     }
-    // Orders a fault, such as fault("hello", "drop"), or "off".
+    // Orders a fault: "drop" for instance, or "off".
     result fault(const std::string &plugin, const std::string &what)
     {
         return send("fault " + detail::words({plugin}) + " " + what);
     }
-    // The daemon goes away, and comes back.
-    result restart() { return send("restart"); }
-    // Kicks a plugin off, which ends it in good order.
+    result restart() { return send("restart"); } // of the daemon
+    // Ends a plugin in good order.
     result kickoff(const std::string &plugin) { return send("kickoff " + detail::words({plugin})); }
 
     // The texts that an XPath finds in the last answer, or in the running configuration.
@@ -443,10 +427,9 @@ private:
                                              const options &wanted)
     {
         const char *known = std::getenv("CONFSIM");
-        std::vector<std::string> line = {!wanted.confsim.empty() ? wanted.confsim
-                                         : known != nullptr      ? known
-                                                                 : "confsim",
-                                         "run", "--json"};
+        const std::string program = known != nullptr ? known : "confsim";
+        std::vector<std::string> line = {wanted.confsim.empty() ? program : wanted.confsim, "run",
+                                         "--json"};
         if (!wanted.config.empty()) {
             line.insert(line.end(), {"--config", wanted.config});
         }

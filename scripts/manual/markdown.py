@@ -61,7 +61,7 @@ def _text(text):
         elif lines[0].startswith("| "):
             title, meaning = re.split(r" *\| *", lines[0])[1:3]
             part = [".Bl -tag -width Ds"] + _table("\n".join(lines), title) + [".El"]
-            if title not in _MACROS:
+            if title not in _MACROS and meaning:
                 part = _WRITER.paragraph(meaning[0].upper() + meaning[1:] + ":") + part
         else:
             part = _prose(lines)

@@ -52,6 +52,8 @@ same "options in confsim(1)" \
     "$({ "$confsim" --help && "$confsim" run --help; } |
         grep -oE '^  (-[A-Za-z],)?--?[a-zA-Z-]+' | grep -oE -- '--?[a-zA-Z][-a-zA-Z]*')" \
     "$(grep '^\.It Fl' "$man/man1/confsim.1" | grep -oE 'Fl [^ ]+' | sed 's/^Fl /-/')"
+same "forms in confsim(1)" "$("$confsim" --help | sed -n '/^Sub/,/^$/s/^  \([a-z][a-z]*\) .*/\1/p')" \
+    "$(sed -n '/^\.Sh SYN/,/^\.Sh DESC/s/^\.Cm //p' "$man/man1/confsim.1")"
 same "commands in confsim-script(5)" \
     "$(echo help | "$confsim" run -- true 2>/dev/null | sed -nE 's/^([a-z][-a-z]*) .*/\1/p')" \
     "$(sed -nE 's/^\.It Ic ([^ ]+).*/\1/p' "$man/man5/confsim-script.5")"

@@ -22,3 +22,15 @@ block()
         inside {print}
         $0 == "```" wanted && (++count == number || number == "all") {inside = 1}' "$1"
 }
+
+# readme_plugins README: its plugin in C as hello.c, and that in C++ as a project of CMake.
+readme_plugins()
+{
+    block "$1" c 1 >hello.c
+    block "$1" cpp 1 >hello.cpp
+    {
+        printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(hello CXX)' \
+            'add_executable(hello hello.cpp)'
+        block "$1" cmake 1 | sed 's/confsvc::confsvc/confsvc::cpp/'
+    } >CMakeLists.txt
+}

@@ -23,8 +23,7 @@ apt-get install --yes --no-install-recommends "${ours[@]}"
 
 printf '=== The README, in C by pkg-config and in C++ by CMake\n'
 readme=/usr/share/doc/libconfsvc-dev/README.md
-block $readme c 1 >hello.c
-block $readme cpp 1 >hello.cpp
+readme_plugins $readme
 block $readme text 1 | awk '
     $0 == "try commit" {print "fail commit\nexpect A greeting is needed."; next}
     {print}
@@ -33,11 +32,6 @@ block $readme text 1 | awk '
 block $readme sh 4 | grep '^cc ' >compile
 sh -eux compile
 confsim run --script session -- ./hello
-{
-    printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(hello CXX)' \
-        'add_executable(hello hello.cpp)'
-    block $readme cmake 1 | sed 's/confsvc::confsvc/confsvc::cpp/'
-} >CMakeLists.txt
 cmake -S . -B build >/dev/null
 cmake --build build
 confsim run --script session -- build/hello

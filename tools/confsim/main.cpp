@@ -7,6 +7,7 @@
 #include "commands/programs.h"
 #include "doctor/doctor.h"
 #include "failure.h"
+#include "help_page.h"
 #include "model/model.h"
 #include "process_space.h"
 #include "reports/findings.h"
@@ -371,6 +372,7 @@ int parse_and_run(int count, char **arguments)
         "doctor", "Says what is wrong where plugins do not find their daemon; changes nothing");
     look->add_option("--dir", wanted.directory, "Directory where the sockets should be");
     look->add_flag("--json", wanted.json, "Print one JSON object");
+    arrange_help(app);
     try {
         app.parse(count, arguments);
     } catch (const CLI::ParseError &error) {

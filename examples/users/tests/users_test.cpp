@@ -1,5 +1,5 @@
-// The plugin of accounts, tested in C++. $USERS_PLUGIN is the program, $USERS_CONFIG its users at the
-// start, and $CONFSIM the daemon that serves it.
+// The plugin of accounts, tested in C++. $USERS_PLUGIN is the program, $USERS_CONFIG its users at
+// the start, and $CONFSIM the daemon that serves it.
 #include <confsvc_test.hpp>
 
 #include <cstdlib>
