@@ -14,6 +14,8 @@ namespace confsim {
 using json_value = nlohmann::ordered_json;
 
 struct command_answer {
+    command_answer() noexcept(false) {} // as making even an empty JSON value may throw
+
     bool ok = true;
     std::string plugin;      // that was concerned; empty when none was
     std::string path;        // likewise
