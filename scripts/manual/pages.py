@@ -78,7 +78,7 @@ def described(group, writer):
     """A group as entries of a list: names, text, and the code of what is no call."""
     out = []
     for each in group.declarations:
-        out += [f".Tg {each.name}", f".It {'Fn' if each.function else 'Vt'} {each.name}"]
+        out += [f".It {'Fn' if each.function else 'Vt'} {each.name}"]
         if each.remark:
             out += writer.paragraph(each.remark)
     out += writer.text(group.text)
