@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Does what README.md tells a newcomer to do: compiles its plugin with its command, runs its session,
 # and compiles the plugin once more against an installed tree. Does the same with docs/guide.md, whose
-# blocks of each language are a program in pieces.
+# blocks of each language are a program in pieces, and runs the test of a callback in docs/testing.md.
 # usage: readme.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 source_dir=$1
@@ -51,6 +51,10 @@ grep -q 'door.cpp -o door-cpp' commands-cpp
 sh -eux commands-cpp
 
 install_tree "$build_dir"
+block "$source_dir/docs/testing.md" c 1 >callback.c
+# shellcheck disable=SC2046 # several options
+cc -Wall -Wextra -Werror callback.c -o callback $(pkg-config --cflags --libs libconfsvc)
+LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH") ./callback
 block "$readme" sh 4 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
 echo 'usr/bin/confsim run --script session -- ./installed' >>commands
 sh -eux commands
