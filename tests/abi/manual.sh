@@ -49,9 +49,11 @@ headers=$(basename -s .h "$source_dir"/include/*.h)
 same "pages of section 3" "$exported"$'\n'"$headers" "$(basename -s .3 "$man"/man3/*)"
 
 same "options in confsim(1)" \
-    "$({ "$confsim" --help && "$confsim" run --help; } |
-        grep -oE '^  (-[A-Za-z],)?--?[a-zA-Z-]+' | grep -oE -- '-[-a-zA-Z]+$')" \
+    "$({ "$confsim" --help && "$confsim" run --help; } | sed 's/-h,--help/--help/' |
+        grep -oE '^  -[-A-Za-z,]+' | tr -d ' ' | tr ',' '\n')" \
     "$(sed -nE 's/^\.It Fl ([^ ]+).*/-\1/p' "$man/man1/confsim.1")"
+same "forms in confsim(1)" "$("$confsim" --help | sed -n '/^Sub/,$s/^  \([a-z]*\) .*/\1/p')" \
+    "$(sed -n '/^\.Sh SYN/,/^\.Sh DESC/s/^\.Cm //p' "$man/man1/confsim.1")"
 same "commands in confsim-script(5)" \
     "$(echo help | "$confsim" run -- true 2>/dev/null | sed -nE 's/^([a-z][-a-z]*) .*/\1/p')" \
     "$(sed -nE 's/^\.It Ic ([^ ]+).*/\1/p' "$man/man5/confsim-script.5")"
