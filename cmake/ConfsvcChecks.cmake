@@ -13,3 +13,8 @@ confsvc_check(format ${PROJECT_SOURCE_DIR}/scripts/check-format.sh)
 confsvc_check(house_rules ${PROJECT_SOURCE_DIR}/scripts/house-rules.sh)
 confsvc_check(headers ${PROJECT_SOURCE_DIR}/tests/abi/headers.sh ${PROJECT_SOURCE_DIR}
               ${PROJECT_BINARY_DIR}/headers)
+# The record is of the layout on this kind of machine.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
+    confsvc_check(abi ${PROJECT_SOURCE_DIR}/tests/abi/abi.sh ${PROJECT_SOURCE_DIR})
+    confsvc_check(abi_breaks ${PROJECT_SOURCE_DIR}/tests/abi/abi-breaks.sh ${PROJECT_SOURCE_DIR})
+endif()

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds plugins in each way in which a project of its own takes the library in: installed and moved,
 # by CMake and by pkg-config; as a part of its own build, by add_subdirectory and by FetchContent.
+# What is installed beside it is whole: the links of the pages lead somewhere, the examples build.
 # usage: consumers.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 # shellcheck source=tests/abi/scratch.sh
@@ -46,9 +47,16 @@ play()
 
 printf '=== find_package\n'
 project found 'find_package(confsvc 1.0 CONFIG REQUIRED)'
+cat >>found/CMakeLists.txt <<'END'
+enable_testing()
+confsvc_add_plugin_test(NAME banner PLUGIN banner ARGUMENTS banner.state)
+END
+printf 'wait banner\n' >found/banner.confsim
 configure found -DCMAKE_PREFIX_PATH="$PWD/moved"
 cmake --build found/build
 play found/build
+ctest --test-dir found/build --output-on-failure
+grep 'testcase .*banner' found/build/banner.junit.xml
 if grep -rI "$source_dir" moved/lib*; then
     printf 'the installed files name the sources\n'
     exit 1
@@ -60,6 +68,18 @@ if configure other -DCMAKE_PREFIX_PATH="$PWD/moved" >/dev/null || ! grep -q 'ver
     printf 'a project that asks for version 2.0 was not refused for its version\n'
     exit 1
 fi
+
+printf '=== pages and examples\n'
+links=0
+while IFS=: read -r page link; do
+    target=$(sed -E 's/^\]\(//; s/[#)].*//' <<<"$link")
+    links=$((links + 1))
+    [[ -e $(dirname "$page")/$target ]] || { printf '%s: dead link %s\n' "$page" "$target"; exit 1; }
+done < <(grep -rEo '\]\([a-zA-Z0-9_./][^: )]*\)' moved/share/doc --include='*.md')
+((links > 10))
+cmake -S moved/share/doc/confsvc/examples -B examples -G Ninja -DCMAKE_PREFIX_PATH="$PWD/moved" \
+    >log 2>&1 || { cat log; exit 1; }
+cmake --build examples
 
 printf '=== pkg-config\n'
 mkdir bare

@@ -49,7 +49,7 @@ headers=$(basename -s .h "$source_dir"/include/*.h)
 same "pages of section 3" "$exported"$'\n'"$headers" "$(basename -s .3 "$man"/man3/*)"
 
 same "options in confsim(1)" \
-    "$({ "$confsim" --help && "$confsim" run --help; } | sed 's/-h,--help/--help/' |
+    "$({ "$confsim" --help && "$confsim" run --help; } |
         grep -oE '^  -[-A-Za-z,]+' | tr -d ' ' | tr ',' '\n')" \
     "$(sed -nE 's/^\.It Fl ([^ ]+).*/-\1/p' "$man/man1/confsim.1")"
 same "forms in confsim(1)" "$("$confsim" --help | sed -n '/^Sub/,$s/^  \([a-z]*\) .*/\1/p')" \

@@ -49,6 +49,7 @@ expect-match ^<kicked-off/>$
 expect-xpath /by-node
 expect-message good reply
 expect-within 30 echo
+expect-log good runs
 repeat 0\\nend
 case one
 end
@@ -59,6 +60,9 @@ help
 set /test:system/log/value die
 commit
 try expect-exit 3 30
+start second -- sleep 100
+signal second KILL
+wait-exit second KILL 30
 quit
 """.splitlines()
 
@@ -112,7 +116,7 @@ def documented():
 class Session:
     def __init__(self, *options):
         atexit.register(lambda: self.process.kill())
-        self.process = subprocess.Popen([CONFSIM, "run", "--json", *options, "--", PLUGIN],
+        self.process = subprocess.Popen([CONFSIM, "run", "--json", *options, "--", PLUGIN, "good", "log"],
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
                                         cwd=os.path.dirname(os.path.abspath(__file__)))
 

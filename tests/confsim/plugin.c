@@ -1,16 +1,20 @@
 /*
  * The plugin that the scripts of this directory run against confsim.
  *
- *     confsim_plugin NAME [cfgr|smooth]
+ *     confsim_plugin NAME [cfgr|smooth|log]
  *
  * It accepts every change of /test:system/user (priority 20) and /test:system/log (priority 10)
  * and keeps a journal of them, which it gives out, and empties, as status /test:journal/NAME. A
- * value, or a filter, can ask for more: "refuse" refuses it, "stall" waits for the file /var/tmp/go,
- * which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends the process.
+ * value, or a filter, can ask for more: "refuse" refuses it, "stall" waits for the file
+ * /var/tmp/go, which a kick-off and a roll-back of any plugin make, and takes it away, "die" ends
+ * the process, "slow" takes 0.3 s, and "keep" refuses to be rolled back. A file
+ * /var/tmp/drop makes it ask for data before it looks at the next request. With log it turns the
+ * debug file on, and tells the system log that it runs.
  *
  * It is valid C and C++; ../abi/installed.sh compiles it as both.
  */
 #include "conf_api.h"
+#include "conf_debug.h"
 
 #include <libxml/tree.h>
 #include <poll.h>
@@ -20,6 +24,7 @@
 #include <unistd.h>
 
 static char journal[65536];
+static int daemon_socket = -1;
 static const char *const go = "/var/tmp/go"; /* in the sandbox */
 
 static void make_file(const char *name)
@@ -63,10 +68,14 @@ static int on_config(int session_id, int oper, int more, int priority, const cha
     if ((oper & CONFIG_OP_ROLLBACK) != 0) {
         make_file(go);
     }
+    if (strcmp(value, "slow") == 0) {
+        usleep(300000);
+    }
     if (strcmp(value, "die") == 0) {
         _exit(3);
     }
-    if (strcmp(value, "refuse") == 0) {
+    if (strcmp(value, "refuse") == 0 ||
+        (strcmp(value, "keep") == 0 && (oper & CONFIG_OP_ROLLBACK) != 0)) {
         econf_plugin_error(22, "this value is refused");
         return 1;
     }
@@ -89,9 +98,17 @@ static int on_status(int session_id, const char *path, const char *filter, xmlNo
     return 0;
 }
 
+/* Sends a text as a message that nobody asked for. */
+static void send_message(const char *text)
+{
+    const msg_head_t head = {MSG_MAGIC, (unsigned)strlen(text), 1, 0};
+    (void)!write(daemon_socket, &head, sizeof head);
+    (void)!write(daemon_socket, text, strlen(text));
+}
+
 /*
  * Gives its input back; without input the output stays empty. <die/> ends the process, <leak/>
- * loses memory.
+ * loses memory, <hoard/> a descriptor, and the texts of <send> are sent as messages.
  */
 static int on_echo(int session_id, xmlNode *input, xmlNode **output)
 {
@@ -103,8 +120,15 @@ static int on_echo(int session_id, xmlNode *input, xmlNode **output)
         static char *volatile kept;
         kept = (char *)malloc(sizeof journal);
         if (kept != NULL) {
+            memset(kept, 1, sizeof journal);
             kept = NULL;
         }
+    }
+    if (input != NULL && strcmp((const char *)input->name, "hoard") == 0) {
+        (void)dup(daemon_socket);
+    }
+    if (input != NULL && strcmp((const char *)input->name, "send") == 0) {
+        send_message((const char *)input->children->content);
     }
     *output = xmlCopyNodeList(input);
     return 0;
@@ -164,19 +188,29 @@ int main(int count, char **arguments)
     econf_operate_cb_info_t operations[] = {
         {echo, on_echo}, {scoped_echo, on_echo}, {ask, on_ask}, {NULL, NULL}};
     econf_plugin_subpub_info_t callbacks = {configs, statuses, operations, on_kick_off};
-    const int mode = count < 3                             ? ACTIVATE_WITH_NONE
+    const int logs = count > 2 && strcmp(arguments[2], "log") == 0;
+    const int mode = count < 3 || logs                     ? ACTIVATE_WITH_NONE
                      : strcmp(arguments[2], "smooth") == 0 ? ACTIVATE_WITH_SMOOTH
                                                            : ACTIVATE_WITH_CFGR;
     struct pollfd daemon = {-1, POLLIN | POLLRDHUP, 0};
 
     snprintf(status_path, sizeof status_path, "/test:journal/%s", name);
-    daemon.fd = econf_plugin_init(name, &callbacks);
+    if (logs) {
+        (void)econf_plugin_config_debug(DBG_ALL, 1);
+        safety_syslog(14, "%s runs <password>s3cret</password>\n", name);
+    }
+    daemon.fd = daemon_socket = econf_plugin_init(name, &callbacks);
     if (daemon.fd < 0 || econf_plugin_activate(mode) != 0) {
         return 1;
     }
     /* In the sandbox: tells a script that the name is taken. */
     make_file("/var/tmp/activated");
     while (poll(&daemon, 1, -1) > 0 && (daemon.revents & (POLLERR | POLLHUP | POLLRDHUP)) == 0) {
+        if (unlink("/var/tmp/drop") == 0) {
+            xmlNode *list = NULL;
+            (void)econf_plugin_pull(0, "/test:system", &list); /* drops what is there */
+            xmlFreeNodeList(list);
+        }
         econf_plugin_run();
     }
     econf_plugin_close();

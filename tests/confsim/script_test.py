@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Scripts of confsim that expect what is so and what is not, and the reports on them.
 
-script_test.py CONFSIM PLUGIN
+script_test.py script|findings CONFSIM PLUGIN [sanitized]
 """
 import json
 import os
@@ -11,7 +11,8 @@ import sys
 import tempfile
 import xml.etree.ElementTree as tree
 
-CONFSIM, PLUGIN = sys.argv[1:]
+PART, CONFSIM, PLUGIN = sys.argv[1:4]
+SANITIZED = "sanitized" in sys.argv
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 # What is right ends well; what stands behind "-- " must be found, and nothing else. Each line is a
@@ -49,6 +50,17 @@ expect-within 5 sleep 0.01
 -- expect-within 0.01 sleep 0.1
 -- expect-within 0.1 wait nobody
 -- expect-within 5 show /nothing
+-- expect-log second runs
+start second -- $PLUGIN second log : wait second 30 : expect-log second runs : expect-log Activate plugin second : -- expect-log second runs
+-- start second -- true
+start writer -- sh -c 'for i in 1 2; do rm -f $LOG; echo no. $$i >$LOG; sleep 0.2; done' : expect-log no. 1 : expect-log no. 2
+-- signal third HUP
+signal second TERM : wait-exit second TERM 30 : -- signal second TERM
+start third -- sh -c 'exit 3' : wait-exit third 3
+-- wait-exit third
+-- start third true
+-- signal second NONSENSE
+-- expect-exit 0 0.1
 -- fail expect-within 5 show
 -- fail case x
 -- try repeat 2
@@ -56,6 +68,27 @@ expect-within 5 sleep 0.01
 -- repeat x : end
 -- include nothing.confsim
 -- case inside : end
+"""
+
+# What a plugin does wrong, and what is found then; and what is right though it comes close. Behind
+# "x N " stand cases that are repeated.
+FINDINGS = r"""
+set /test:system/log/value slow : commit -> is slow: publish of /test:system/log took 0.3
+set /test:system/log/value fast : commit ->
+fault good delay 0.3 : set /test:system/log/value fast : commit ->
+fault good duplicate : set /test:system/log/value fine : commit : sleep 0.1 ->
+set /test:system/log/value keep : set /test:system/user[name="zoe"]/value refuse : fail commit -> refuses the roll-back of /test:system/log: code 22
+set /test:system/log/value fine : set /test:system/user[name="zoe"]/value refuse : fail commit ->
+set /test:system/log/value stall : fail commit -> has not answered publish of /test:system/log
+start drop -- sh -c ': >/var/tmp/drop' : wait-exit drop : set /test:system/log/value fine : fail commit : sleep 1 -> drops publish of /test:system/log, for it made the request pull
+set /test:system/log/value stall : fail commit : start go -- sh -c ': >/var/tmp/go' ->
+call echo <send>&lt;reply>&lt;result/>&lt;id>77&lt;/id>&lt;/reply></send> -> sends a reply that answers nothing, with the id 77
+call echo <send>&lt;reply>&lt;id></send> -> sends a message that is not well-formed
+fail call echo <send>&lt;reply>&lt;id>1&lt;/id>&lt;/reply></send> -> answers publish with neither a result nor an error
+x 6 call echo <hoard/> -> holds more descriptors after each of 4 cases in a row, now \d+
+x 3 call echo <hoard/> ->
+x 14 call echo <leak/> -> holds more memory \(in kB\) after each of 8 cases in a row, now \d+
+x 14 call echo <a/> ->
 """
 
 # What lines are carried out, by what they echo.
@@ -106,7 +139,7 @@ def run(directory, text, *options):
     junit = os.path.join(directory, "junit.xml")
     done = subprocess.run(
         [CONFSIM, "run", "--script", script, "--report", "junit:" + junit, "--timeout", "1",
-         "--config", os.path.join(HERE, "running.xml"), *options, "--", PLUGIN],
+         "--config", os.path.join(HERE, "running.xml"), *options, "--", PLUGIN, "good", "log"],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
         check=False)
     print(done.stdout, done.stderr)
@@ -124,11 +157,38 @@ def check_expectations(directory):
             if command.startswith("-- "):
                 wrong.append(len(lines))
         lines.append("end")
-    status, failed, _, suite = run(directory, "\n".join(lines), "-D", "TWO=2")
+    status, failed, printed, suite = run(
+        directory, "\n".join(lines), "-D", "TWO=2", "-D", "PLUGIN=" + PLUGIN,
+        "-D", "LOG=/var/log/conf_plugin.log", "--log")
     check(status == 1, "exit status", status)
     check(failed == wrong, "failed:", failed, "instead of:", wrong)
+    check("* system log: confsim_plugin: good runs <password>******</password>" in printed, "log")
+    check(any(line.startswith("* debug file: ") for line in printed), "debug file")
     check(suite.get("tests") == str(len(EXPECTATIONS.strip().splitlines())), suite.attrib)
     check(suite.get("failures") == str(len(wrong)), suite.attrib)
+
+
+def check_findings(directory):
+    for line in FINDINGS.strip().splitlines():
+        if SANITIZED and "memory" in line:
+            continue
+        commands, wanted = line.split(" ->")
+        repeated = re.fullmatch(r"x (\d+) (.*)", commands)
+        lines = (repeated[2] if repeated else commands).split(" : ")
+        text = "\n".join(["wait good 30", f"repeat {repeated[1] if repeated else 1}", "case it",
+                          *lines, "end", "end"])
+        options = ["--slow", "0.2"] if "slow" in line or "fast" in line else []
+        for strict in (["--strict"], []) if "slow" in line else (["--strict"],):
+            status, failed, printed, suite = run(directory, text, *options, *strict)
+            kind = "error" if strict else "finding"
+            found = [each for each in printed if each.startswith(f"* {kind}: ")]
+            reported = "".join(each.text for each in suite.iter("system-err"))
+            check(status == bool(strict and wanted), line, "exit status", status)
+            check(failed == [], line, "failed")
+            check(bool(found) == bool(wanted), line, "found", found)
+            check(not wanted or re.search(wanted.strip(), found[0]), line, "found", found)
+            check(reported == "".join(each.split(": ", 1)[1] + "\n" for each in found), reported)
+            check(bool(suite.findall(".//failure")) == bool(strict and wanted), line, "failures")
 
 
 def check_structure(directory):
@@ -184,7 +244,8 @@ def check_reports(directory):
     check(done.returncode == 1 and b"cannot write /nothing/there" in done.stderr, done)
 
 
+PARTS = {"script": (check_expectations, check_structure, check_reports),
+         "findings": (check_findings,)}
 with tempfile.TemporaryDirectory() as place:
-    check_expectations(place)
-    check_structure(place)
-    check_reports(place)
+    for each in PARTS[PART]:
+        each(place)

@@ -1,14 +1,16 @@
 // confsim: plays the configuration daemon for plugins under development. See docs/confsim.md.
-#include "commands/child.h"
 #include "commands/commands.h"
 #include "commands/console.h"
 #include "commands/control.h"
 #include "commands/conversation.h"
 #include "commands/input.h"
+#include "commands/programs.h"
 #include "doctor/doctor.h"
 #include "failure.h"
 #include "model/model.h"
 #include "process_space.h"
+#include "reports/findings.h"
+#include "reports/program_logs.h"
 #include "reports/program_output.h"
 #include "reports/report.h"
 #include "sandbox.h"
@@ -20,10 +22,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
 #include <iostream>
 #include <list>
 #include <poll.h>
@@ -43,18 +47,20 @@ struct settings {
     std::string config;
     std::string store;
     std::string script;
-    bool json = false;
     std::string control;
     model_sources model;
-    bool strict = false;
     std::vector<std::string> reports;
     variables known;
+    std::vector<std::string> command; // of run
+    std::optional<double> slow;
+    double timeout = 5;
+    bool json = false;
+    bool strict = false;
     bool trace = false;
     bool mask = false;
-    double timeout = 5;
     bool network = false;
-    std::vector<std::string> command; // of run
     bool ignore_exit = false;
+    bool log = false;
 };
 
 void add_common_options(CLI::App &app, settings &wanted)
@@ -80,7 +86,7 @@ void add_common_options(CLI::App &app, settings &wanted)
     app.add_option("--feature", wanted.model.features, "MODULE:NAME of a feature that is there")
         ->expected(1)
         ->take_all();
-    app.add_flag("--strict", wanted.strict, "A plugin that breaks the model is an error");
+    app.add_flag("--strict", wanted.strict, "What a plugin does wrong is an error");
     app.add_option("--report", wanted.reports,
                    "Write what became of the cases: junit:FILE, tap:FILE or tap:-")
         ->allow_extra_args(false);
@@ -93,6 +99,7 @@ void add_common_options(CLI::App &app, settings &wanted)
            },
            "NAME=VALUE: what $NAME stands for in commands")
         ->allow_extra_args(false);
+    app.add_option("--slow", wanted.slow, "An answer that takes more SECONDS is a finding");
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
     app.add_flag("--mask", wanted.mask, "Mask secrets in all else that is printed, too");
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
@@ -188,25 +195,41 @@ struct channels {
     std::list<report> reports;
 };
 
-void open_channels(const settings &wanted, channels &programs)
+void open_channels(const settings &wanted, channels &opened)
 {
     if (wanted.json) {
-        programs.answers.emplace();
+        opened.answers.emplace();
     }
     if (!wanted.control.empty()) {
-        programs.commands.emplace(wanted.control);
+        opened.commands.emplace(wanted.control);
     }
     for (const std::string &each : wanted.reports) {
         if (wanted.json && each == "tap:-") {
             throw failure("standard output is taken by --json");
         }
-        programs.reports.emplace_back(each);
+        opened.reports.emplace_back(each);
     }
 }
 
+// Plugins that are in the middle of something may still end that.
+void settle(conf_daemon &service, findings &found, event_loop &loop, seconds patience)
+{
+    const auto is_free = [](const plugin_ptr &each) { return each->awaited() == 0; };
+    (void)loop.run_until(
+        [&] { return std::all_of(service.plugins().begin(), service.plugins().end(), is_free); },
+        after(std::min(patience, seconds(1))));
+    found.settle(service.plugins());
+}
+
+// What only run has.
+struct run_parts {
+    program_list *started = nullptr;
+    program_logs *logs = nullptr;
+};
+
 // Plays the daemon until the commands end, and hangs up. Returns whether all went well.
-bool serve(const settings &wanted, const channels &programs, event_loop &loop, console &out,
-           case_list &cases, std::optional<child> &program, const sandbox::process_space *space)
+bool serve(const settings &wanted, const channels &to_others, event_loop &loop, console &out,
+           case_list &cases, const run_parts &run)
 {
     tracer trace(out);
     trace.enable(wanted.trace);
@@ -219,25 +242,36 @@ bool serve(const settings &wanted, const channels &programs, event_loop &loop, c
                                              : script_input(loop, wanted.script));
     endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
+    findings found(out, cases, wanted.slow ? std::optional<seconds>(*wanted.slow) : std::nullopt,
+                   wanted.strict);
     conf_daemon service(loop, out, trace, config, where, patience);
+    service.set_watcher(&found);
     if (wanted.strict) {
         service.take_breaches_for_errors();
     }
     out.event("sockets in " + where.directory());
-    if (space != nullptr) {
-        program.emplace(loop, out, *space, wanted.command);
+    if (run.started != nullptr) {
+        run.started->start(std::filesystem::path(wanted.command.front()).filename(),
+                           wanted.command);
     }
-    interpreter commands({loop, out, trace, config, service, where, patience,
-                          program ? &*program : nullptr, wanted.known, &cases});
+    interpreter commands({loop, out, trace, config, service, where, patience, run.started, run.logs,
+                          wanted.known, &found, &cases});
     std::optional<control> others;
-    if (programs.commands) {
-        others.emplace(loop, out, *programs.commands, commands);
+    if (to_others.commands) {
+        others.emplace(loop, out, *to_others.commands, commands);
     }
     conversation session({lines, !wanted.script.empty(),
-                          programs.answers ? &*programs.answers : nullptr,
+                          to_others.answers ? &*to_others.answers : nullptr,
                           others ? &*others : nullptr},
                          commands, cases, loop, out);
     const bool is_good = session.hold();
+    if (!loop.is_interrupted() || commands.has_quit()) {
+        settle(service, found, loop, patience);
+    }
+    if (found.has_failed()) {
+        std::cerr << "confsim: what a plugin does is wrong, see above\n";
+        return false;
+    }
     if (is_good && service.has_failed_by_breach()) {
         std::cerr << "confsim: a plugin has broken the model\n";
         cases.fail("", "a plugin has broken the model");
@@ -246,10 +280,24 @@ bool serve(const settings &wanted, const channels &programs, event_loop &loop, c
     return is_good;
 }
 
+// Ends what was started. Returns whether it ended well.
+bool end_programs(const settings &wanted, program_list &started, case_list &cases)
+{
+    started.end();
+    if (wanted.ignore_exit) {
+        return true;
+    }
+    for (const std::string &each : started.complaints()) {
+        std::cerr << "confsim: " << each << '\n';
+        cases.fail("", each);
+    }
+    return started.complaints().empty();
+}
+
 int simulate(settings &wanted, bool with_command)
 {
-    channels programs;
-    open_channels(wanted, programs);
+    channels to_others;
+    open_channels(wanted, to_others);
     std::optional<sandbox::process_space> space;
     if (with_command) {
         enter_sandbox(wanted);
@@ -264,23 +312,22 @@ int simulate(settings &wanted, bool with_command)
                   ". What COMMAND starts ends with confsim, but not when confsim is killed");
     }
     case_list cases("session");
-    if (!programs.reports.empty()) {
+    if (!to_others.reports.empty()) {
         out.recorder = [&cases](const std::string &text) { cases.record(text); };
     }
     event_loop loop;
     const signal_watch signals(loop);
-    std::optional<child> program;
-    bool is_good = serve(wanted, programs, loop, out, cases, program, space ? &*space : nullptr);
-    if (program) {
-        program->end();
-        if (!program->complaint().empty() && !wanted.ignore_exit) {
-            std::cerr << "confsim: " << program->complaint() << '\n';
-            cases.fail("", program->complaint());
-            is_good = false;
-        }
+    bool is_good = false;
+    if (space) {
+        program_logs logs(loop, out, wanted.log);
+        program_list started(loop, out, *space);
+        is_good = serve(wanted, to_others, loop, out, cases, {&started, &logs});
+        is_good = end_programs(wanted, started, cases) && is_good;
+    } else {
+        is_good = serve(wanted, to_others, loop, out, cases, {});
     }
     cases.close();
-    for (const report &each : programs.reports) {
+    for (const report &each : to_others.reports) {
         each.write(cases, wanted.script.empty() ? "session" : wanted.script);
     }
     return is_good ? 0 : failed;
@@ -315,6 +362,7 @@ int parse_and_run(int count, char **arguments)
         "run", "The same in private namespaces, with a program that is started there");
     add_common_options(*run, wanted);
     run->add_flag("--network", wanted.network, "With a private network namespace, too");
+    run->add_flag("--log", wanted.log, "Print what programs write to the logs of the library");
     run->add_flag("--ignore-exit", wanted.ignore_exit,
                   "However COMMAND ends, the exit status is that of the session");
     run->add_option("COMMAND", wanted.command, "The program and its arguments, after --")

@@ -72,12 +72,12 @@ void set_sanitizer_status()
 } // namespace
 
 child::child(event_loop &loop, const console &out, const sandbox::process_space &space,
-             const std::vector<std::string> &command)
-    : loop_(loop), out_(out), name_(command.front())
+             const std::string &name, const std::vector<std::string> &command)
+    : loop_(loop), out_(out), name_(name)
 {
     std::array<int, 2> report{};
     if (pipe2(report.data(), O_CLOEXEC) != 0) {
-        fail(errno);
+        fail(command.front(), errno);
     }
     process_ = space.fork_inside();
     int error = process_ < 0 ? errno : 0;
@@ -92,18 +92,18 @@ child::child(event_loop &loop, const console &out, const sandbox::process_space 
     }
     close(report[0]);
     if (error != 0) {
-        fail(error);
+        fail(command.front(), error);
     }
     loop_.watch(handle_, POLLIN, [this](short) { note_end(); });
 }
 
-void child::fail(int error) const
+void child::fail(const std::string &program, int error) const
 {
     if (process_ > 0) {
         kill(process_, SIGKILL);
         waitpid(process_, nullptr, 0);
     }
-    throw failure("cannot run " + name_ + ": " + std::generic_category().message(error));
+    throw failure("cannot run " + program + ": " + std::generic_category().message(error));
 }
 
 child::~child()
@@ -111,6 +111,13 @@ child::~child()
     end();
     loop_.forget(handle_);
     close(handle_);
+}
+
+void child::send(int signal) const
+{
+    if (has_ended_ || kill(process_, signal) != 0) {
+        throw failure(name_ + " has ended");
+    }
 }
 
 void child::end()

@@ -87,12 +87,20 @@ const interpreter::command interpreter::table[] = {
     {"expect-message", "PLUGIN METHOD [XPATH [VALUE]] [SECONDS]",
      "until the plugin has sent a message that was not expected before", 2, 5,
      &interpreter::expect_message},
+    {"expect-log", "TEXT",
+     "until a program has logged a line with TEXT that was not expected before", 1, any_number,
+     &interpreter::expect_log},
     {"expect-within", "SECONDS COMMAND...",
      "carry the command out and fail if that takes longer, or fails", 2, any_number,
      &interpreter::expect_within},
     {"expect-exit", "[STATUS] [SECONDS]",
      "until the program that runs ends as expected: status 0, another one, or a signal's name", 0,
      2, &interpreter::expect_exit},
+    {"start", "NAME -- COMMAND...", "start another program beside the one that runs", 3, any_number,
+     &interpreter::start},
+    {"signal", "NAME SIGNAL", "send a signal to a program", 2, 2, &interpreter::signal},
+    {"wait-exit", "NAME [STATUS] [SECONDS]", "until that program ends, as expect-exit", 1, 3,
+     &interpreter::wait_exit},
     {"fail", "COMMAND...", "carry the command out and fail unless it does", 1, any_number,
      &interpreter::expect_failure},
     {"try", "COMMAND...", "carry the command out and go on when it fails", 1, any_number,
@@ -192,8 +200,8 @@ const interpreter::command &interpreter::look_up(const words &line)
 bool interpreter::keeps_answer(const words &line)
 {
     static const std::set<std::string> keeping = {
-        "expect", "expect-not", "expect-match", "expect-xpath", "sleep",  "echo",
-        "trace",  "case",       "repeat",       "end",          "include"};
+        "expect", "expect-not", "expect-match", "expect-xpath", "expect-log", "sleep", "echo",
+        "trace",  "case",       "repeat",       "end",          "include",    "start", "signal"};
     auto first = line.begin();
     while (first != line.end() && (*first == "fail" || *first == "try")) {
         ++first;
@@ -241,9 +249,9 @@ std::string interpreter::note(const failure &reason)
     if (refused == nullptr) {
         return reason.what();
     }
-    concern(refused->plugin, refused->where);
-    report_->code = refused->code;
-    return refused->message;
+    concern(refused->told().plugin, refused->told().where);
+    report_->code = refused->told().code;
+    return refused->told().message;
 }
 
 void interpreter::load(const words &line)
@@ -323,6 +331,11 @@ void interpreter::commit(const words & /*line*/)
                     {[this](const std::string &text) { say(text); },
                      [this](const publication &what, const answer &got) {
                          report_->data.push_back(publication_data(what, got));
+                         if ((what.oper & CONFIG_OP_ROLLBACK) != 0 &&
+                             got.kind == answer::outcome::refused) {
+                             what.to->report("refuses the roll-back of " + to_text(what.where) +
+                                             ": " + got.in_words());
+                         }
                      }});
 }
 
@@ -349,16 +362,6 @@ seconds interpreter::patience_from(const words &line, std::size_t position) cons
         throw failure("not a number of seconds: " + line[position]);
     }
     return seconds(given);
-}
-
-void interpreter::expect_exit(const words &line)
-{
-    if (here_.program == nullptr) {
-        throw failure("no program was started; see confsim run");
-    }
-    const std::string wanted = line.size() > 1 ? line[1] : "0";
-    here_.program->expect(wanted, patience_from(line, 2));
-    say("ended as expected: " + wanted);
 }
 
 void interpreter::expect_failure(const words &line)

@@ -2,13 +2,15 @@
 #ifndef CONFSIM_COMMANDS_H
 #define CONFSIM_COMMANDS_H
 
-#include "commands/child.h"
 #include "commands/console.h"
+#include "commands/programs.h"
 #include "commands/script.h"
 #include "commands/variables.h"
 #include "failure.h"
 #include "reports/answer.h"
 #include "reports/cases.h"
+#include "reports/findings.h"
+#include "reports/program_logs.h"
 #include "service/daemon.h"
 #include "service/endpoints.h"
 #include "service/loop.h"
@@ -30,8 +32,10 @@ struct workplace {
     conf_daemon &service;
     endpoints &where;
     seconds patience;
-    child *program = nullptr;   // of run
-    variables known{};          // that commands may name
+    program_list *started = nullptr; // of run
+    program_logs *logs = nullptr;    // of run
+    variables known{};               // that commands may name
+    findings *found = nullptr;
     case_list *cases = nullptr; // of the script, if there is one
 };
 
@@ -69,6 +73,8 @@ private:
     [[nodiscard]] static bool keeps_answer(const words &line);
     [[nodiscard]] static std::string expected_text(const words &line);
     [[nodiscard]] script &own_script() const;
+    [[nodiscard]] program_list &own_programs() const;
+    void expect_end(child &of, const words &line, std::size_t position);
     void keep_nodes();
     void carry_out(const words &line);
     void say(const std::string &text);
@@ -103,6 +109,10 @@ private:
     void expect_message(const words &line);
     void expect_within(const words &line);
     void expect_exit(const words &line);
+    void expect_log(const words &line);
+    void start(const words &line);
+    void signal(const words &line);
+    void wait_exit(const words &line);
     void expect_failure(const words &line);
     void attempt(const words &line);
     void begin_case(const words &line);

@@ -30,6 +30,7 @@ void interpreter::begin_case(const words &line)
 void interpreter::end_case(const words & /*line*/)
 {
     own_script().end_case();
+    here_.found->compare(here_.service.plugins());
     here_.cases->end();
 }
 

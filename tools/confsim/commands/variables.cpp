@@ -57,6 +57,9 @@ void define(variables &all, const std::string &definition)
 
 void expand(std::vector<std::string> &words, const variables &all)
 {
+    if (all.empty()) {
+        return;
+    }
     for (std::string &word : words) {
         word = expanded(word, all);
     }

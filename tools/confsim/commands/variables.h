@@ -14,7 +14,8 @@ using variables = std::map<std::string, std::string>;
 void define(variables &all, const std::string &definition);
 
 // Replaces each $NAME in the words, and $$ by a dollar sign; any other $ stays. Throws failure for
-// a name without a value.
+// a name without a value. Without any variable, dollar signs have no meaning, so that scripts which
+// know nothing of variables can hold hashes of passwords.
 void expand(std::vector<std::string> &words, const variables &all);
 
 } // namespace confsim

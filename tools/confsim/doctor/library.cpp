@@ -53,9 +53,25 @@ std::string lacking(const std::string &copy, const std::string &own)
     return list;
 }
 
-std::string removal(const std::string &copy)
+// What is wrong with another copy, when it is found instead of the library that this program has.
+findings compare(const std::string &copy, const facts &here, const std::string &own)
 {
-    return "sudo rm " + quoted(copy) + " && sudo ldconfig";
+    const std::string content = content_of(copy);
+    const std::string command = "sudo rm " + quoted(copy) + " && sudo ldconfig";
+    if (content.empty()) {
+        return {{"library-unreadable", "this user may not read " + copy,
+                 "sudo chmod a+r " + quoted(copy)}};
+    }
+    const std::string missing = lacking(content, own);
+    if (!missing.empty()) {
+        return {{"library-too-old", copy + " has no" + missing + ", as " + here.library + " does",
+                 command}};
+    }
+    if (content != own) {
+        return {
+            {"library-copies", "plugins may get " + copy + " instead of " + here.library, command}};
+    }
+    return {};
 }
 
 } // namespace
@@ -69,25 +85,11 @@ findings check_copies(facts &here)
     std::set<std::string> seen;
     findings found;
     for (const std::string &directory : here.loader_path) {
-        std::error_code unreadable;
-        const std::string copy =
-            fs::canonical(fs::path(directory) / file_name, unreadable).string();
-        if (copy.empty() || !seen.insert(copy).second) {
-            continue;
-        }
-        const std::string content = content_of(copy);
-        const std::string missing = lacking(content, own);
-        const std::string command = removal(copy);
-        if (content.empty()) {
-            found.push_back({"library-unreadable", "this user may not read " + copy,
-                             "sudo chmod a+r " + quoted(copy)});
-        } else if (!missing.empty()) {
-            found.push_back({"library-too-old",
-                             copy + " has no" + missing + ", as " + here.library + " does",
-                             command});
-        } else if (content != own) {
-            found.push_back({"library-copies",
-                             "plugins may get " + copy + " instead of " + here.library, command});
+        std::error_code missing;
+        const std::string copy = fs::canonical(fs::path(directory) / file_name, missing).string();
+        if (!copy.empty() && seen.insert(copy).second) {
+            findings some = compare(copy, here, own);
+            std::move(some.begin(), some.end(), std::back_inserter(found));
         }
     }
     return found;

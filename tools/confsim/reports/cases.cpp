@@ -11,7 +11,7 @@ constexpr std::size_t longest_log = std::size_t{64} * 1024;
 
 void case_list::begin(const std::string &name)
 {
-    outcomes_.push_back({name, {}, "", "", ""});
+    outcomes_.push_back({name, {}, "", ""});
     case_begin_ = steady_clock::now();
     goes_on_ = true;
 }
@@ -45,7 +45,7 @@ void case_list::close()
     if (goes_on_) {
         end();
     }
-    if (outcomes_.empty() || !session_.error.empty()) {
+    if (outcomes_.empty() || !session_.error.empty() || !session_.findings.empty()) {
         session_.duration = steady_clock::now() - session_begin_;
         outcomes_.push_back(std::move(session_));
     }

@@ -17,18 +17,22 @@ struct case_outcome {
     seconds duration{};
     std::string position; // of the line that failed first, FILE:LINE
     std::string error;    // empty when all went well
-    std::string log;      // what happened; the newest part of a very long one
+    std::vector<std::string> findings{};
+    std::string log{}; // what happened; the newest part of a very long one
 };
 
 class case_list {
 public:
-    explicit case_list(const std::string &session) : session_{session, {}, "", "", ""} {}
+    explicit case_list(const std::string &session) : session_{session, {}, "", ""} {}
 
     void begin(const std::string &name);
     void end();
 
     // The case that goes on, or the session, has failed.
     void fail(const std::string &position, const std::string &error);
+
+    // Notes what was found in it, whether or not it fails by that.
+    void note(const std::string &finding) { current().findings.push_back(finding); }
 
     // Adds a text to the log of the case that goes on, or of the session.
     void record(const std::string &text);

@@ -28,15 +28,24 @@ void set_attribute(xmlNode *of, const char *name, const std::string &value)
                reinterpret_cast<const xmlChar *>(xml::printable(value).c_str()));
 }
 
+std::string lines(const std::vector<std::string> &texts)
+{
+    std::string all;
+    for (const std::string &each : texts) {
+        all += each + "\n";
+    }
+    return all;
+}
+
 std::string reason(const case_outcome &failed)
 {
     return (failed.position.empty() ? "" : failed.position + ": ") + failed.error;
 }
 
-// A scalar of YAML on one line.
-std::string quoted(const std::string &text)
+// A scalar of YAML, or a sequence of them, on one line.
+std::string as_yaml(const json_value &text)
 {
-    return json_value(text).dump(-1, ' ', false, json_value::error_handler_t::replace);
+    return text.dump(-1, ' ', false, json_value::error_handler_t::replace);
 }
 
 // A description has one line, and # would begin a directive.
@@ -71,6 +80,9 @@ std::string as_junit(const case_list &cases, const std::string &session)
             set_attribute(failed, "message", each.error.substr(0, each.error.find('\n')));
             set_attribute(failed, "type", "failure");
         }
+        if (!each.findings.empty()) {
+            xml::add(made, "system-err", xml::printable(lines(each.findings)));
+        }
         xml::add(made, "system-out", xml::printable(each.log));
         whole += each.duration;
     }
@@ -86,9 +98,13 @@ std::string as_tap(const case_list &cases)
         text += (each.error.empty() ? "ok " : "not ok ") + std::to_string(++number) + " - " +
                 description(each.name) + "\n  ---\n  seconds: " + in_seconds(each.duration) + "\n";
         if (!each.error.empty()) {
-            text += "  at: " + quoted(each.position) + "\n  message: " + quoted(each.error) + "\n";
+            text +=
+                "  at: " + as_yaml(each.position) + "\n  message: " + as_yaml(each.error) + "\n";
         }
-        text += "  log: " + quoted(each.log) + "\n  ...\n";
+        if (!each.findings.empty()) {
+            text += "  findings: " + as_yaml(json_value(each.findings)) + "\n";
+        }
+        text += "  log: " + as_yaml(each.log) + "\n  ...\n";
     }
     return text;
 }

@@ -113,10 +113,10 @@ void carry_out(conf_daemon &service, configuration &config, const commit_listene
                      (got.is_result() ? "ok" : got.in_words()));
         listener.published(all[i], got);
         if (!got.is_result()) {
-            const refusal reason("commit failed: ", all[i].to->name, to_text(all[i].where), got);
+            const publication refused = all[i];
             all.resize(i);
             roll_back(service, std::move(all), listener);
-            throw reason;
+            throw refusal("commit failed: ", refused.to->name, to_text(refused.where), got);
         }
     }
     try {

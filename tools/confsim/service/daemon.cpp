@@ -72,6 +72,8 @@ conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &tra
            [this](const plugin_ptr &from, xml::node_ptr message) {
                if (message != nullptr) {
                    handle(from, std::move(message));
+               } else {
+                   from->report("sends a message that is not well-formed");
                }
            },
            [this](const plugin_ptr &whom, const std::string &why) { let_go(whom, why); },

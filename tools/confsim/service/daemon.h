@@ -57,6 +57,9 @@ public:
         return are_breaches_errors_ && has_seen_breach_;
     }
 
+    // Who is told of what plugins do wrong from now on.
+    void set_watcher(plugin_watcher *watcher) { watcher_ = watcher; }
+
     // Notifications as received, the oldest first; the oldest of very many are forgotten.
     [[nodiscard]] const std::deque<std::string> &notifications() const { return notifications_; }
     // The oldest one that was not yet taken, if any.
@@ -121,6 +124,7 @@ private:
     message_store messages_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
+    plugin_watcher *watcher_ = nullptr;
     bool are_starts_held_ = false;
     bool are_breaches_errors_ = false;
     bool has_seen_breach_ = false;

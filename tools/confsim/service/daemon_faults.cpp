@@ -35,12 +35,13 @@ int send_fillers()
 plugin_ptr conf_daemon::make_plugin(int descriptor)
 {
     auto made = std::make_shared<plugin>(descriptor, trace_, loop_, patience_);
+    made->watcher = watcher_;
     const std::weak_ptr<plugin> known = made;
     const auto next_fault = [this, known]() -> std::optional<fault> {
         const plugin_ptr to = known.lock();
         std::optional<fault> met = to == nullptr ? std::nullopt : faults_.for_frame(to->name);
         if (met) {
-            to->note_fault();
+            to->note_fault(met->what != fault::kind::delay && met->what != fault::kind::split);
             out_.event("fault: the frame to " + to->called() + ": " + in_words(*met));
         }
         return met;
@@ -63,7 +64,7 @@ bool conf_daemon::misbehave(const plugin_ptr &from, const std::string &name,
     if (!met) {
         return false;
     }
-    from->note_fault();
+    from->note_fault(false);
     out_.event("fault: the request of " + name + ": " + in_words(*met));
     if (met->what == fault::kind::refuse) {
         reply(from, message.get(), error_element(met->code, met->text));

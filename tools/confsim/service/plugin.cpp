@@ -118,15 +118,19 @@ void plugin::ask(const char *method, xml::node_ptr params, answered done)
 void plugin::take_reply(xml::node_ptr reply)
 {
     const u32_t id = plugin_get_msgid(reply.get());
-    if (requests_.empty() || (id != requests_.front().id && !is_probe(id))) {
-        return; // an answer to nothing that was asked
-    }
-    if (is_probe(id)) {
-        if (id > last_id + probes_before_) {
+    if (id > last_id && id <= last_id + last_probe_) {
+        if (!requests_.empty() && id > last_id + probes_before_) {
             lose_first();
         }
         return;
     }
+    if (requests_.empty() || id != requests_.front().id) {
+        if (!may_have_lost_) { // nor have been given twice
+            report("sends a reply that answers nothing, with the id " + std::to_string(id));
+        }
+        return;
+    }
+    check_answer(reply.get());
     stop_waiting();
     has_met_fault_ = false;
     const request answered_request = std::move(requests_.front());
@@ -144,6 +148,7 @@ void plugin::send_next()
     timeout_ = loop_.start_timer(patience_, [this] { give_up_first(); });
     own_request_.clear();
     probes_before_ = last_probe_;
+    sent_ = steady_clock::now();
     stream.send(requests_.front().document.get());
 }
 
@@ -155,11 +160,6 @@ void plugin::give_up_first()
         probe();
     }
     done({answer::outcome::silent, -1, "no answer in time", nullptr});
-}
-
-bool plugin::is_probe(u32_t id)
-{
-    return id > last_id;
 }
 
 void plugin::probe()
@@ -180,6 +180,10 @@ void plugin::probe()
 // There will be no answer to the first request, as those to later ones have come.
 void plugin::lose_first()
 {
+    if (!own_request_.empty() && !may_have_lost_) {
+        report("drops " + asked() + ", for it made the request " + own_request_ +
+               " while that lay in its socket");
+    }
     stop_waiting();
     has_met_fault_ = false;
     requests_.pop_front();
@@ -188,10 +192,45 @@ void plugin::lose_first()
     }
 }
 
+void plugin::note_fault(bool of_frame)
+{
+    has_met_fault_ = true;
+    may_have_lost_ = may_have_lost_ || of_frame;
+}
+
 void plugin::note_request(const std::string &method)
 {
     if (!requests_.empty()) {
         own_request_ = method;
+    }
+}
+
+std::string plugin::asked() const
+{
+    const xmlNode *sent = requests_.front().document.get();
+    const xmlNode *params = xml::child(sent, "params");
+    const xmlNode *info = xml::child(params, "info");
+    std::string where = xml::child_text(params, "path");
+    if (where.empty() && info != nullptr) {
+        where = xml::child_text(info, "path");
+    }
+    return xml::child_text(sent, "method") + (where.empty() ? "" : " of " + where);
+}
+
+void plugin::check_answer(const xmlNode *reply) const
+{
+    if (xml::child(reply, "result") == nullptr && xml::child(reply, "error") == nullptr) {
+        report("answers " + asked() + " with neither a result nor an error");
+    }
+    if (watcher != nullptr && !has_met_fault_) {
+        watcher->answered(called(), asked(), steady_clock::now() - sent_);
+    }
+}
+
+void plugin::report(const std::string &what) const
+{
+    if (watcher != nullptr) {
+        watcher->add(called(), what);
     }
 }
 

@@ -54,6 +54,20 @@ struct answer {
     [[nodiscard]] std::string in_words() const;
 };
 
+// Is told what a plugin does wrong, and how long it takes for each answer.
+class plugin_watcher {
+public:
+    virtual ~plugin_watcher() = default;
+    plugin_watcher(const plugin_watcher &) = delete;
+    plugin_watcher &operator=(const plugin_watcher &) = delete;
+
+    virtual void add(const std::string &plugin, const std::string &what) = 0;
+    virtual void answered(const std::string &plugin, const std::string &request, seconds taken) = 0;
+
+protected:
+    plugin_watcher() = default;
+};
+
 class plugin {
 public:
     enum class state { connected, registered, activated, gone };
@@ -71,6 +85,7 @@ public:
     std::vector<subscription> configs;
     std::vector<subscription> statuses;
     std::vector<operation> operations;
+    plugin_watcher *watcher = nullptr; // or nobody
     int wanted_start = 0; // CONFIG_OP_CFGR or _SMOOTH until it is told the configuration that way
 
     [[nodiscard]] bool is_active() const { return now == state::activated; }
@@ -91,8 +106,18 @@ public:
     // The number of the request that it has yet to answer, in time or not; 0 when there is none.
     [[nodiscard]] u32_t awaited() const { return requests_.empty() ? 0 : requests_.front().id; }
 
-    // A fault met what it is sent or asked: answers may be missing for that reason.
-    void note_fault() { has_met_fault_ = true; }
+    // That request in words. There must be one.
+    [[nodiscard]] std::string asked() const;
+
+    // Whether nothing but the plugin itself can be the reason that it has not answered.
+    [[nodiscard]] bool owes_answer() const { return awaited() != 0 && !has_met_fault_; }
+
+    // Something is wrong with what it sends.
+    void report(const std::string &what) const;
+
+    // A fault met what it is sent or asked: answers may be missing for that reason. What it is sent
+    // may be lost or doubled then, if the fault is `of_frame`.
+    void note_fault(bool of_frame);
     // It made a request.
     void note_request(const std::string &method);
 
@@ -108,9 +133,9 @@ private:
         answered done; // null when it was given up
     };
 
-    [[nodiscard]] static bool is_probe(u32_t id);
     void send_next();
     void give_up_first();
+    void check_answer(const xmlNode *reply) const;
     void probe();
     void lose_first();
     static void end(const std::deque<request> &given_up, const std::string &why);
@@ -120,10 +145,12 @@ private:
     seconds patience_;
     std::deque<request> requests_;             // the first one has been sent
     std::optional<event_loop::timer> timeout_; // of the answer, or the next probe
+    steady_clock::time_point sent_;            // the first request
     u32_t last_id_ = 0;
     u32_t last_probe_ = 0;
     u32_t probes_before_ = 0;    // the first request was sent
     bool has_met_fault_ = false; // since the last answer
+    bool may_have_lost_ = false; // something that it was sent, for all its time
     std::string own_request_;    // the last one, since it was asked; empty when there was none
 };
 

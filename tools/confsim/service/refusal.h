@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "service/plugin.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -17,17 +18,23 @@ public:
             const answer &got)
         : failure(before + "plugin " + who + ", " + (what.empty() ? "" : what + ", ") +
                   got.in_words()),
-          plugin(who), where(what), message(got.message)
+          details_(std::make_shared<details>(details{who, what, got.message, std::nullopt}))
     {
         if (got.kind == answer::outcome::refused) {
-            code = got.code;
+            details_->code = got.code;
         }
     }
 
-    std::string plugin;
-    std::string where;
-    std::string message; // of the plugin, or in words what else went wrong
-    std::optional<int> code;
+    struct details {
+        std::string plugin;
+        std::string where;
+        std::string message; // of the plugin, or in words what else went wrong
+        std::optional<int> code;
+    };
+    [[nodiscard]] const details &told() const { return *details_; }
+
+private:
+    std::shared_ptr<details> details_; // as copies of what is thrown must not throw
 };
 
 } // namespace confsim
