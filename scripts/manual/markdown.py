@@ -20,11 +20,16 @@ def fill_in(page, source):
         if not wanted:
             out.append(line)
         elif wanted.group(1) == "TABLE":
-            out += _table(source.split(f"\n| {wanted.group(2)} |", 1)[1].split("\n\n", 1)[0],
-                          wanted.group(2))
+            out += _table(_between(source, f"\n| {wanted.group(2)} |", "\n\n"), wanted.group(2))
         else:
-            out += _text(source.split(f"\n## {wanted.group(2)}\n", 1)[1].split("\n## ", 1)[0])
+            out += _text(_between(source, f"\n## {wanted.group(2)}\n", "\n## "))
     return "\n".join(out)
+
+
+def _between(source, begin, end):
+    if begin not in source:
+        raise SystemExit(f"docs/confsim.md lacks what a page takes from it: {begin.strip()}")
+    return source.split(begin, 1)[1].split(end, 1)[0]
 
 
 def _plain(text):
