@@ -66,23 +66,23 @@ extern "C" {
 
 /* What happened to the configuration under a path: bits, combined, as the daemon sends them. */
 enum _ECONF_CONFIG_OPER_TYPE {
-    CONFIG_OP_NONE = 0,
-    CONFIG_OP_ADD = 1,
-    CONFIG_OP_RM = 2,
-    CONFIG_OP_MOD = 4,
+    CONFIG_OP_NONE = 0,         /* also when the daemon names none */
+    CONFIG_OP_ADD = 1,          /* the node is new */
+    CONFIG_OP_RM = 2,           /* the node is gone */
+    CONFIG_OP_MOD = 4,          /* something in the node or below it differs */
     CONFIG_OP_CHAIN = 8,        /* follows from another change; confsim never sends it */
     CONFIG_OP_MOVE = 16,        /* new place among its siblings; see econf_plugin_locate() */
     CONFIG_OP_CFGR = 16384,     /* part of the configuration sent after a start with-cfgr */
     CONFIG_OP_ROLLBACK = 32768, /* takes back a change that was applied before */
     CONFIG_OP_SMOOTH = 65536,   /* part of the configuration sent after a start with-smooth */
-    CONFIG_OP_ERROR = -1
+    CONFIG_OP_ERROR = -1        /* for callers; the library neither sends nor looks for it */
 };
 
 /* How a plugin starts; see econf_plugin_activate(). */
 enum _ECONF_PLUGIN_ACTIVATE_MODE {
-    ACTIVATE_WITH_NONE = 0,
-    ACTIVATE_WITH_CFGR = 1,
-    ACTIVATE_WITH_SMOOTH = 2
+    ACTIVATE_WITH_NONE = 0,  /* later changes alone */
+    ACTIVATE_WITH_CFGR = 1,  /* the configuration first, to be applied from nothing */
+    ACTIVATE_WITH_SMOOTH = 2 /* the configuration first, to be compared with what is in force */
 };
 
 /*
@@ -103,6 +103,7 @@ typedef int (*econf_config_cb_t)(int session_id, int oper, int more, int priorit
 
 /*
  * A request for status data.
+ *   session_id    session that asks; -1 when the daemon named none
  *   path, filter  as sent by the daemon, each may be null; valid only during the call. The form of
  *                 a filter is a matter between daemon and plugin, the library hands its text on; a
  *                 filter made of elements has none and arrives as null
@@ -116,11 +117,12 @@ typedef int (*econf_status_cb_t)(int session_id, const char *path, const char *f
 
 /*
  * A call of an operation.
- *   input   first input node, with its siblings, or null; belongs to the library and is valid only
- *           during the call
- *   output  where to store the first output node, with its siblings; the library frees the list. A
- *           list that still hangs in a tree, such as the input itself, is copied instead. Left
- *           null, the reply says "ok".
+ *   session_id  session that calls; -1 when the daemon named none
+ *   input       first input node, with its siblings, or null; belongs to the library and is valid
+ *               only during the call
+ *   output      where to store the first output node, with its siblings; the library frees the
+ *               list. A list that still hangs in a tree, such as the input itself, is copied
+ *               instead. Left null, the reply says "ok".
  * Returns 0, or an error code as for econf_config_cb_t; then stored output is freed as well.
  */
 typedef int (*econf_operate_cb_t)(int session_id, xmlNode *input, xmlNode **output);
@@ -251,8 +253,8 @@ void econf_plugin_run(void);
  * failure. To tell "nothing" from "refused", pull what is known to exist, such as the container
  * above: null is then a refusal.
  *
- * A released list is not overwritten. Where it may hold secrets, the caller wipes their texts first
- * (explicit_bzero(node->content, strlen((char *)node->content)) for each text node).
+ * A list released that way is not overwritten. Where it may hold secrets, the caller releases it
+ * with econf_node_free_list() (conf_values.h), which wipes it first.
  *
  *     xmlNode *list = NULL;
  *     if (econf_plugin_pull(0, "/demo:settings", &list) == 0 && list != NULL)
@@ -262,18 +264,19 @@ void econf_plugin_run(void);
 int econf_plugin_pull(int old_flag, const char *path, xmlNode **result);
 
 /*
- * Finds where the entry at `path` stands among its siblings. `*position` receives a list like that
- * of econf_plugin_pull(); its elements `prev` and `next` hold paths, the quoting of their key
- * values removed.
+ * Finds where the entry at `path` stands among its siblings: in the present configuration, or with
+ * `old_flag` not 0 in the one before the change. `*position` receives a list that the caller
+ * releases like that of econf_plugin_pull(); its elements `prev` and `next` hold paths, the quoting
+ * of their key values removed. At either end of the list one of them is missing.
  */
 int econf_plugin_locate(int old_flag, const char *path, xmlNode **position);
 
-/* Publishes `data` and the siblings that follow it under `path`. A copy is sent. */
+/* Publishes a copy of `data` and the siblings that follow it under `path`. */
 int econf_plugin_push(const char *path, xmlNode *data);
 
 /*
  * Stages `data` and the siblings that follow it in the deployment store: `oper` 0 adds, 1 deletes,
- * any other value updates. A copy is sent.
+ * any other value updates. A copy is sent; the list stays the caller's.
  */
 int econf_plugin_config_deployment(const char *path, int oper, xmlNode *data);
 
@@ -292,21 +295,24 @@ int econf_plugin_copy_running_to_deployment(int override_flag);
  * Records the error that the answer to the request being handled carries: `err_code` and a copy of
  * `err_msg`, or the text "Service process failed." when it is null. A later call replaces an
  * earlier one, and a callback that returns 0 discards it. Code 0 answers with success. Needs an
- * active plugin, also inside a callback.
+ * active plugin, also inside a callback; otherwise nothing happens. In the process of the daemon
+ * itself the error goes to its hook.
  */
 void econf_plugin_error(int err_code, const char *err_msg);
 
-/* Number of configuration callbacks that refused a change with the bit CONFIG_OP_CFGR. */
+/* Number of configuration callbacks so far that refused a change with the bit CONFIG_OP_CFGR. */
 extern int g_rdb_recovery_status;
 
 /* ---- Notifications -------------------------------------------------------------------------- */
 
 /*
  * Sends the element `data` and its subtree as a notification: one datagram, whose text has no
- * terminating zero byte. `name` only identifies it in failure messages. Needs no registration.
- * Blocks while the daemon's queue is full, and without a limit when the daemon hangs. The largest
- * notification is what a socket can send at once, 212,960 bytes where net.core.wmem_default is
- * 212992; beyond that the call fails.
+ * terminating zero byte. `data` stays the caller's; `name` only identifies it in failure messages.
+ * Needs no registration, but the address: a process that never registers calls conf_load_config()
+ * first (conf_plugin.h), or the notification goes to /var/tmp/confd.notifier.socket. Blocks while
+ * the daemon's queue is full, and without a limit when the daemon hangs. The largest notification
+ * is what a socket can send at once, 212,960 bytes where net.core.wmem_default is 212992; beyond
+ * that the call fails, and so it does when the element is not UTF-8.
  * Returns 0 when the datagram was sent, else -1.
  */
 int econf_notify(const char *name, xmlNode *data);
@@ -334,6 +340,11 @@ int conf_notify_nonblock(char *name, char *data);
  * The handle that the calls take is not used by any of them: a process has one plugin.
  */
 
+/*
+ * The callbacks. Arguments and results are those of econf_config_cb_t, econf_status_cb_t and
+ * econf_operate_cb_t without the session; paths and filters may be written to during the call. What
+ * `*output` receives is a wrapper: its children are sent, and it is freed with them.
+ */
 typedef int (*conf_config_cb_t)(int oper, int more, int priority, char *path);
 typedef int (*conf_status_cb_t)(char *path, char *filter, xmlNode **status);
 typedef int (*conf_operate_cb_t)(xmlNode *input, xmlNode **output);
@@ -364,6 +375,7 @@ typedef struct _conf_plugin_info {
     void (*uninstall)(char *name); /* never called by the library */
 } conf_plugin_info_t;
 
+/* The handle of an older plugin; no member is used. */
 typedef struct _conf_context {
     int stub;
 } conf_context_t;
@@ -373,10 +385,10 @@ typedef struct _conf_val {
     xmlNode *data;
 } conf_val_t;
 
-/* Registers an older plugin. Returns its handle, which stays the library's, or null. */
+/* econf_plugin_init(). Returns a handle, which stays the library's, or null instead of -1. */
 conf_context_t *conf_plugin_init(char *name, conf_plugin_info_t *plugin_info);
 
-/* econf_plugin_activate() with `with_cfgr` as start mode. */
+/* econf_plugin_activate() with `with_cfgr` as start mode; the same result. */
 int conf_start_session(conf_context_t *ctxt, int with_cfgr);
 
 /*
@@ -394,12 +406,13 @@ int conf_plugin_close(conf_context_t *ctxt);
 
 /*
  * The present and the old configuration under `path`: a list for the caller to release with
- * xmlFreeNodeList(), or null when there is nothing and on failure.
+ * econf_node_free_list(), which wipes it, or xmlFreeNodeList(); null when there is nothing and on
+ * failure.
  */
 xmlNode *conf_get_config(const char *path);
 xmlNode *conf_get_old_config(const char *path);
 
-/* econf_plugin_push(). */
+/* econf_plugin_push(); the same result. */
 int conf_set_config(const char *path, xmlNode *data);
 
 /* econf_plugin_error(); always returns 0. */
@@ -414,7 +427,7 @@ int conf_set_error(int err_code, const char *err_msg);
 int conf_plg_get_value(conf_context_t *ctxt, char *path, conf_val_t *val);
 int conf_plg_get_old_value(conf_context_t *ctxt, char *path, conf_val_t *val);
 
-/* econf_plugin_push() of the node in `val`; `oper` is not used. */
+/* econf_plugin_push() of the node in `val`; `oper` is not used. Returns -1 for a null argument. */
 int conf_plg_set_value(conf_context_t *ctxt, int oper, char *path, conf_val_t *val);
 
 /* econf_plugin_error(); always returns 0. */

@@ -2,7 +2,8 @@
  * conf_debug.h - the two logs of the library and the masking of sensitive values.
  *
  *  - The debug file, /var/log/conf_plugin.log: off until econf_plugin_config_debug() turns it on,
- *    filtered by level, removed at the first line written after it has passed 2 MiB. It holds the
+ *    filtered by level, removed at the first line written after it has passed 2 MiB. A text is cut
+ *    at 255 bytes. It holds the
  *    texts as they are, sensitive values included: it is for development, not for production. It is
  *    made for its owner and group only, and a process of root does not follow a link in its place.
  *    So where root writes the first line, those of processes of other users are lost. Make the
@@ -25,14 +26,14 @@ extern "C" {
 
 /* Levels of the debug file; a smaller number is more severe. */
 typedef enum _conf_debug_level {
-    DBG_NULL = 0,
-    DBG_CRIT = 1,
-    DBG_ERROR = 2,
-    DBG_WARN = 3,
-    DBG_INFO = 4,
-    DBG_DEBUG = 5,
-    DBG_MSG = 6,
-    DBG_ALL = 7
+    DBG_NULL = 0,  /* none; cannot be turned on */
+    DBG_CRIT = 1,  /* not used by the library */
+    DBG_ERROR = 2, /* what failed */
+    DBG_WARN = 3,  /* what was dropped or skipped */
+    DBG_INFO = 4,  /* each message that was sent or received */
+    DBG_DEBUG = 5, /* registration, activation, result and time of each callback */
+    DBG_MSG = 6,   /* not used by the library */
+    DBG_ALL = 7    /* everything */
 } conf_debug_level_t;
 
 /* The tag of each level in the debug file, indexed by level. */
@@ -83,11 +84,13 @@ void safety_syslog(int priority, const char *format, ...)
 /*
  * Overwrites the sensitive values in the first `dataLen` bytes of `buf` with asterisks, in place.
  * Values are found line by line in three forms, for the keywords password, cipher, psk,
- * authentication-text, key, text-name and secret, each also inside a longer word:
+ * authentication-text, key, text-name and secret, in small letters, each also inside a longer word:
  *     <password>VALUE</password>
  *     password ... oldval=VALUE,newval=VALUE
  *     "password" ... : VALUE
- * The time it takes grows linearly with the text, whatever it holds.
+ * What has another form stays: an attribute, a CDATA section, a value with a line break in it,
+ * "password":"VALUE" without a blank behind the colon. The time it takes grows linearly with the
+ * text, whatever it holds. A null `buf` only compiles the patterns.
  */
 void REG_RemarkKeyInfo(char *buf, int dataLen);
 

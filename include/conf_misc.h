@@ -19,14 +19,14 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* Sets O_NONBLOCK on `fd`. Returns 0, or -1 with the descriptor as it was. */
+/* Sets O_NONBLOCK on `fd`. Returns 0; or -1, the descriptor being as it was. */
 int conf_non_block_fd(int fd);
 
 /*
  * Adds `fd` to the epoll instance `epfd`, edge-triggered and always watching for the peer's
  * hang-up, for input when bit 0 of `event` is set and for output when bit 1 is set. `para` is
  * handed back in the user data of the events (`data.u32`).
- * Returns 0 or -1.
+ * Returns 0; or -1 when epoll_ctl() fails, and the instance is as it was.
  */
 int conf_event_add(int epfd, int fd, int event, int para);
 
@@ -35,7 +35,8 @@ int conf_event_reset(int epfd, int fd, int event, int para);
 
 /*
  * The text of an element or attribute: the content of its first child when that is a text node,
- * else null. It belongs to the node and lives as long as it.
+ * else null, also for a null node. It belongs to the node and lives as long as its content is not
+ * changed.
  *
  * Only a first child that is plain text counts. A CDATA section, and text that stands behind a
  * comment, give null; xmlNodeGetContent() finds them, in a copy. So never let null pass for
@@ -107,13 +108,14 @@ void conf_clishm_destroy(void);
 /*
  * Copies `info` into the first free record; one process may have several. The caller's `valid` does
  * not matter. A table never counts as larger than its segment, whatever its capacity says.
- * Returns 0, or -1 when the table is full or cannot be reached.
+ * Returns 0, or -1 for null and when the table is full or cannot be reached.
  */
 int conf_save_client_info(conf_cli_info_t *info);
 
 /*
  * Copies the first record of `sshd_pid` to `info`.
- * Returns 0, or -1 when there is none or the table cannot be reached.
+ * Returns 0, or -1 for null and when there is none or the table cannot be reached; `info` is then
+ * as it was.
  */
 int conf_get_client_info(pid_t sshd_pid, conf_cli_info_t *info);
 

@@ -46,8 +46,10 @@ typedef struct _conf_plugin_context {
 } conf_plugin_context_t;
 
 /*
- * The functions through which plugin code that runs inside the daemon reaches it directly. A null
- * slot makes the calls that need it fail.
+ * The functions through which plugin code that runs inside the daemon reaches it directly: each is
+ * called with the arguments of the call of that name in conf_api.h, on the caller's thread, and its
+ * result is returned. What pull and locate store becomes the caller's; the data of push and
+ * config_deployment stay the caller's. A null slot makes the calls that need it fail.
  */
 typedef struct _confd_plugin_callback {
     int (*conf_plugin_locate)(bool_t old_flag, const char *path, xmlNode **position);
@@ -57,7 +59,7 @@ typedef struct _confd_plugin_callback {
     int (*conf_plugin_save_deployment)(void);
     int (*conf_plugin_copy_running_to_deployment)(int override_flag);
     void (*conf_plugin_error)(int err_code, const char *err_msg);
-    int (*conf_plugin_reply)(int session_id, xmlNode *rpc, xmlNode *data);
+    int (*conf_plugin_reply)(int session_id, xmlNode *rpc, xmlNode *data); /* obsolete */
 } confd_plugin_callback_t;
 
 /*
@@ -99,7 +101,10 @@ confd_plugin_callback_t *get_plugin_hooks(void);
  */
 xmlNode *plugin_parse_message(conf_buffer_t **buf);
 
-/* Whether the byte may stand in a body: tab, line feed, carriage return and all from 32 up. */
+/*
+ * Whether the byte may stand in a body: tab, line feed, carriage return and all from 32 up, those
+ * of multi-byte characters included. Returns 1 or 0.
+ */
 bool_t is_valid_xmlchr(const char p);
 
 /*
@@ -195,9 +200,11 @@ void conf_plugin_notifier_disable(int sock);
 /* ---- Calls of agents ----------------------------------------------------------------------- */
 
 /*
- * Connects to the daemon's agent socket, after reading the profile.
- * Returns the connected socket, blocking and close-on-exec, which is the caller's: it writes its
- * requests there and reads the answers, each framed with a msg_head_t. Returns -1 on failure.
+ * Connects to the daemon's agent socket, after reading the profile. Without a profile the present
+ * path is used.
+ * Returns the connected socket, blocking and close-on-exec, for the caller to release with
+ * conf_agent_exit(): it writes its requests there and reads the answers, each framed with a
+ * msg_head_t. Returns -1 on failure; the cause is in the system log.
  */
 int conf_agent_init(void);
 
@@ -205,8 +212,10 @@ int conf_agent_init(void);
 void conf_agent_exit(int sock);
 
 /*
- * Append one framed request to `*buffer`, which may move. The low 16 bits of the sequence number go
- * into the header; it is also the message-id of the first two requests, while that of a
+ * Append one framed request to `*buffer`, which may move: that for a session, which names the user
+ * of the process and the process id of its parent; that for the daemon's capabilities; and that for
+ * notifications. The first fails for a user id without a name. The low 16 bits of the sequence
+ * number go into the header; it is also the message-id of the first two requests, while that of a
  * subscription is always "subscribeNotification_1". Return 0, or -1 with the buffer as it was.
  *
  *     conf_buffer_t *requests = conf_buffer_create(0);

@@ -55,6 +55,9 @@
  *
  * Callbacks, including joined(), lost() and posted work, may call anything in this header: stop and
  * destroy, too. Inside them econf_supervisor_process() does nothing and returns 1.
+ *
+ * All of this header came with version 1.1 of the interface. The loader refuses a program that uses
+ * it where the library is older: "version `CONFSVC_1.1' not found".
  */
 #ifndef CONF_SUPERVISOR_H
 #define CONF_SUPERVISOR_H
@@ -66,6 +69,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
+/* A supervisor; its members are the library's. */
 typedef struct _econf_supervisor econf_supervisor_t;
 
 /* How a plugin is supervised. All zeros are the defaults; times are in milliseconds, and one that
@@ -158,8 +162,11 @@ void econf_supervisor_stop(econf_supervisor_t *supervisor);
 /*
  * Why the plugin is not joined, in words for people: that there is no daemon, that this user may
  * not reach it, what the daemon's refusal said, that it does not answer, how the connection ended,
- * that the plugin was kicked off or closed. An empty text while it is joined. Never null; valid
- * until the next econf_supervisor_process() or _destroy().
+ * that the plugin was kicked off or closed, for null that there is no supervisor. An empty text
+ * while it is joined. Never null; valid until the next econf_supervisor_process() or _destroy().
+ *
+ *     if (*econf_supervisor_reason(s) != '\0')
+ *         fprintf(stderr, "demo: %s\n", econf_supervisor_reason(s));
  */
 const char *econf_supervisor_reason(econf_supervisor_t *supervisor);
 

@@ -27,6 +27,9 @@
  *
  * Nothing here is logged. The functions keep no state: they may be called from any thread, each
  * tree from one at a time. econf_plugin_refuse() belongs to the thread of the plugin.
+ *
+ * All of this header came with version 1.1 of the interface. The loader refuses a program that uses
+ * it where the library is older: "version `CONFSVC_1.1' not found".
  */
 #ifndef CONF_VALUES_H
 #define CONF_VALUES_H
@@ -147,7 +150,11 @@ int econf_path_key(const char *path, const char *step, const char *key, char *va
 /*
  * Records the error that answers the request being handled, as econf_plugin_error() does, with a
  * text made as by printf(), and returns its code: what a callback ends with. Code 0, which would be
- * success, becomes -1. A null format gives the default text.
+ * success, becomes -1. A null format gives the default text. The text is copied. Operators read it
+ * and logs keep it, so no secret belongs into it.
+ *
+ *     if (mtu < 68)
+ *         return econf_plugin_refuse(ERANGE, "interface %s: mtu is 68 to 65535", name);
  */
 int econf_plugin_refuse(int err_code, const char *format, ...)
 #if defined(__GNUC__)

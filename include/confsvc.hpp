@@ -1,6 +1,7 @@
 /*
  * confsvc.hpp - the interface for plugins in C++: header only, above conf_supervisor.h and
- * conf_values.h, with nothing but the standard library. C++17 and later.
+ * conf_values.h, with nothing but the standard library. C++17 and later. A program needs version
+ * 1.1 of the interface at run time, as for those two.
  *
  *     #include <confsvc.hpp>
  *

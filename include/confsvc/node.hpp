@@ -125,6 +125,7 @@ class reader {
 public:
     [[nodiscard]] bool contains(c_text name) const { return found(name) != nullptr; }
 
+    /* The value of that element: empty when there is none, an error when it is no such value. */
     result<std::optional<std::string_view>> try_text(c_text name) const
     {
         return detail::read_text(found(name));
@@ -157,6 +158,7 @@ public:
         }
         return element;
     }
+    /* The same, with the error thrown. */
     [[nodiscard]] std::optional<std::string_view> text(c_text name) const
     {
         return value_or_throw(try_text(name));
@@ -204,6 +206,7 @@ public:
     result<std::optional<std::string_view>> try_text() const { return detail::read_text(element_); }
     using reader::try_text;
 #if CONFSVC_EXCEPTIONS
+    /* The value, which has to be there: without it a refusal is thrown. */
     [[nodiscard]] std::string_view as_text() const
     {
         return need(detail::read_text(element_));
@@ -380,6 +383,7 @@ public:
     nodes all() const && = delete;
 
     [[nodiscard]] xmlNode *get() const noexcept { return list_; }
+    /* Hands the list over, to whom econf_node_free_list() is then left. */
     [[nodiscard]] xmlNode *release() noexcept
     {
         first_ = node();
