@@ -49,7 +49,7 @@ printf '=== find_package\n'
 project found 'find_package(confsvc 1.0 CONFIG REQUIRED)'
 cat >>found/CMakeLists.txt <<'END'
 enable_testing()
-confsvc_add_plugin_test(NAME banner PLUGIN banner ARGUMENTS banner.state)
+confsvc_add_plugin_test(NAME banner PLUGIN banner TRACE jsonl ARGUMENTS banner.state)
 END
 printf 'wait banner\n' >found/banner.confsim
 configure found -DCMAKE_PREFIX_PATH="$PWD/moved"
@@ -57,6 +57,7 @@ cmake --build found/build
 play found/build
 ctest --test-dir found/build --output-on-failure
 grep 'testcase .*banner' found/build/banner.junit.xml
+grep -q '"method":"activate"' found/build/banner.jsonl
 if grep -rI "$source_dir" moved/lib*; then
     printf 'the installed files name the sources\n'
     exit 1

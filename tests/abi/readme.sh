@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Does what README.md tells a newcomer to do: compiles its plugin with its command, runs its session,
 # and compiles the plugin once more against an installed tree. Does the same with docs/guide.md, whose
-# blocks of each language are a program in pieces, and runs the test of a callback in docs/testing.md.
+# blocks of each language are a program in pieces, and runs the test of a callback in docs/testing.md
+# and the programs of docs/guide/.
 # usage: readme.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 source_dir=$1
@@ -54,7 +55,44 @@ install_tree "$build_dir"
 block "$source_dir/docs/testing.md" c 1 >callback.c
 # shellcheck disable=SC2046 # several options
 cc -Wall -Wextra -Werror callback.c -o callback $(pkg-config --cflags --libs libconfsvc)
-LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH") ./callback
+LD_LIBRARY_PATH=$PWD/$(dirname "$PKG_CONFIG_PATH")
 block "$readme" sh 4 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
 echo 'usr/bin/confsim run --script session -- ./installed' >>commands
 sh -eux commands
+
+# The programs of the guides, by the commands and scripts that stand beside them.
+export PATH=$PWD/usr/bin:$PATH
+LD_LIBRARY_PATH=$PWD/$(dirname "$PKG_CONFIG_PATH")
+export LD_LIBRARY_PATH
+
+# guide PAGE BLOCK_OF_C=PROGRAM... BLOCK_OF_TEXT=SCRIPT...: then does what the first block of sh says.
+guide()
+{
+    local page=$source_dir/docs/guide/$1 file language
+    shift
+    for file; do
+        [[ $file == *.confsim ]] && language=text || language=c
+        block "$page" "$language" "${file%%=*}" >"${file#*=}"
+    done
+    block "$page" sh 1 | sed 's/^cc /&-Wall -Wextra -Werror /' >commands
+    sh -eux commands
+}
+guide older-interface.md 1=before.c 2=after.c 1=banner.confsim 2=restart.confsim
+confsim run --strict --script restart.confsim -- ./after
+guide agents.md 1=agent.c 2=request.c 1=agent.confsim
+mv installed hello
+guide inside-the-daemon.md 1=local.c 2=daemon.c 2=daemon.confsim
+guide secrets.md 1=apply.c 2=mask.c
+# shellcheck disable=SC2046 # several options
+cc -Wall -Wextra -Werror -fsyntax-only request.c apply.c $(pkg-config --cflags libconfsvc)
+
+# Texts that the page says are seen, "..." being what differs, stand in the sources to the letter.
+awk -F'`' '/^## Connecting/ {of_ours = 1} of_ours && /^\| `/ && $2 !~ /\(\)$/ {print $2}' \
+    "$source_dir/docs/guide/troubleshooting.md" | sed 's/\.\.\./\n/g' | grep -E '.{9}' >texts
+[[ $(wc -l <texts) -gt 20 ]]
+while read -r text; do
+    grep -rqF -- "$text" "$source_dir/src/lib" "$source_dir/tools" || {
+        printf 'troubleshooting.md has a text that nothing prints: %s\n' "$text"
+        exit 1
+    }
+done <texts
