@@ -40,6 +40,8 @@ if(TARGET confsim)
     install(TARGETS confsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/kits/python/confsvc_test
             DESTINATION ${CONFSVC_PYTHON_DIR} COMPONENT simulator FILES_MATCHING PATTERN "*.py")
+    install(FILES ${PROJECT_SOURCE_DIR}/kits/wireshark/confsvc.lua COMPONENT simulator
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/confsvc)
     set(completions ${PROJECT_SOURCE_DIR}/tools/confsim/completions)
     install(FILES ${completions}/confsim.bash RENAME confsim COMPONENT simulator
             DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

@@ -86,7 +86,9 @@ unreadable-profile
 unreadable-profile off
 kill good
 restart
+chaos 1 0
 faults
+chaos off
 """.splitlines()
 
 # One with a model. Moves and the two notations have fields of their own.
@@ -138,8 +140,8 @@ class Session:
         return self.process.wait()
 
 
-def compare_fields():
-    sessions = [(Session(), SESSION), (Session("--timeout", "0.1"), SILENT),
+def compare_fields(trace):
+    sessions = [(Session("--trace-file", trace), SESSION), (Session("--timeout", "0.1"), SILENT),
                 (Session("--ignore-exit"), FAULTS)]
     if ROUTES:
         sessions.append((Session("--yang", f"{ROUTES}/routes.yang", "--config",
@@ -178,6 +180,20 @@ def compare_fields():
         shown = json.loads(answers["show --json /routes:routing/preference"][0]["data"])
         check(len(shown["routes:routing"]["preference"]) == 3, shown)
     check(answers["call echo <a>\u00e9</a>"][0]["data"] == "<a>\u00e9</a>", "the output of echo")
+
+
+def compare_frames(trace):
+    """The fields of each frame in a trace."""
+    with open(DOCUMENTATION, encoding="utf-8") as file:
+        rows = re.findall(r"^\| `([a-z]+)` \|([^|]*)\|[^|]*\|$", file.read(), re.M)
+    with open(trace, encoding="utf-8") as lines:
+        frames = [json.loads(line) for line in lines]
+    for kind, plural in ("request", "requests"), ("reply", "replies"), ("notification", "notifications"):
+        always = {name for name, where in rows if "all" in where and f"but {plural}" not in where}
+        may_be = {name for name, where in rows if plural in where and "all" not in where}
+        seen = [each.keys() for each in frames if each["type"] == kind]
+        check(set.intersection(*map(set, seen)) >= always, kind, "always has", always)
+        check(set.union(*map(set, seen)) == always | may_be, kind, "has", set.union(*map(set, seen)), "not", always | may_be)
 
 
 def check_control(directory):
@@ -224,6 +240,7 @@ def check_control(directory):
     check(not os.path.exists(path), "the socket is still there")
 
 
-compare_fields()
 with tempfile.TemporaryDirectory(dir="/var/tmp") as place: # which the sandbox covers
+    compare_fields(os.path.join(place, "trace.jsonl"))
+    compare_frames(os.path.join(place, "trace.jsonl"))
     check_control(place)

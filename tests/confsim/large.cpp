@@ -5,10 +5,12 @@
 #include "test_support.h"
 
 #include <chrono>
+#include <fcntl.h>
 #include <fstream>
 #include <limits>
 #include <map>
 #include <random>
+#include <set>
 
 using namespace confsim;
 
@@ -98,6 +100,85 @@ TEST(Large, VersionsAreWhatIsReadAnew)
         }
     }
     EXPECT_GT(find(top, parse_path("/a:top/list")).size(), 32U); // or the index was never made
+}
+
+struct numbers {
+    struct summary {
+        summary() = default;
+        explicit summary(int item) : greatest(item) {}
+        summary &operator+=(const summary &more)
+        {
+            greatest = std::max(greatest, more.greatest);
+            return *this;
+        }
+        int greatest = -1;
+    };
+    static std::strong_ordering compare(int item, int probe) { return item <=> probe; }
+};
+
+using number_set = shared_set<int, numbers>;
+
+void expect_same(const number_set &made, const std::set<int> &known, int probe)
+{
+    const auto as_known = [&](std::set<int>::const_iterator at) {
+        return at == known.end() ? std::optional<int>() : std::optional(*at);
+    };
+    const auto before = [&](std::set<int>::const_iterator at) {
+        return at == known.begin() ? std::optional<int>() : std::optional(*std::prev(at));
+    };
+    const auto value = [](const int *item) {
+        return item == nullptr ? std::optional<int>() : std::optional(*item);
+    };
+    const auto from = known.lower_bound(probe);
+    const auto after = known.upper_bound(probe);
+    EXPECT_EQ(made.size(), known.size());
+    EXPECT_EQ(value(made.first_from(probe)), as_known(from));
+    EXPECT_EQ(value(made.first_after(probe)), as_known(after));
+    EXPECT_EQ(value(made.last_before(probe)), before(from));
+    EXPECT_EQ(value(made.last_up_to(probe)), before(after));
+    EXPECT_EQ(value(made.back()), before(known.end()));
+    EXPECT_EQ(made.count_before(probe), std::distance(known.begin(), from));
+    EXPECT_EQ(made.total().greatest, known.empty() ? -1 : *known.rbegin());
+    EXPECT_EQ(value(made.first_with([&](numbers::summary all) { return all.greatest >= probe; })),
+              as_known(from));
+}
+
+// Filled from one end or at random, and emptied likewise; each version stays what it was.
+TEST(Large, SharedSetsHoldWhatSetsHold)
+{
+    std::mt19937 random(11);
+    const auto any = [&random](std::size_t below) { return static_cast<int>(random() % below); };
+    for (const std::string order : {"ascending", "descending", "random"}) {
+        number_set made;
+        std::set<int> known;
+        number_set former;
+        std::set<int> former_known;
+        for (int step = 0; step < 6000; ++step) {
+            const bool fills = step < 3000;
+            const int item = order == "random"      ? any(fills ? 4000 : 5000)
+                             : order == "ascending" ? step % 3000
+                                                    : 2999 - step % 3000;
+            fills ? made.put(item) : made.erase(item);
+            fills ? (void)known.insert(item) : (void)known.erase(item);
+            if (step % 97 == 0) {
+                expect_same(made, known, any(5000));
+                EXPECT_TRUE(std::equal(made.begin(), made.end(), known.begin(), known.end()));
+                EXPECT_TRUE(std::equal(former.begin(), former.end(), former_known.begin(),
+                                       former_known.end()));
+                std::vector<int> changed;
+                number_set::compare(former, made, [&](const int *was, const int *is) {
+                    EXPECT_NE(was == nullptr, is == nullptr) << order; // numbers do not change
+                    changed.push_back(was != nullptr ? *was : *is);
+                });
+                std::vector<int> wanted;
+                std::set_symmetric_difference(known.begin(), known.end(), former_known.begin(),
+                                              former_known.end(), std::back_inserter(wanted));
+                ASSERT_EQ(changed, wanted) << order << ' ' << step;
+                former = made;
+                former_known = known;
+            }
+        }
+    }
 }
 
 // A running configuration of so many entries, and what is done to it.
@@ -190,6 +271,71 @@ TEST(Large, OneChangeAmongManyTakesLittleMore)
                   << " us among 100000\n";
         EXPECT_LE(many[work], 20 * time) << work; // a walk through all takes 100 times as long
     }
+}
+
+// So many plugins with ten subscriptions each, which come and go.
+class crowd {
+public:
+    explicit crowd(std::size_t size)
+    {
+        for (std::size_t i = 0; i < size; ++i) {
+            plugins_.push_back(
+                std::make_shared<plugin>(open("/dev/null", O_RDONLY), trace_, loop_, seconds(1)));
+            plugins_.back()->serial = i;
+            for (int j = 0; j < 10; ++j) {
+                plugins_.back()->configs.push_back({path_of(i, std::to_string(j)), 0, j});
+            }
+            index_.add(plugins_.back());
+        }
+    }
+
+    // The shortest time of a change that concerns one of them.
+    double measure()
+    {
+        double shortest = 0;
+        for (int repeat = 0; repeat < 200; ++repeat) {
+            const std::size_t whom = random_() % plugins_.size();
+            node before{"", "config", "", {}};
+            set(before, path_of(whom, "3"), "1");
+            node after = before;
+            set(after, path_of(whom, "3"), "2");
+            set(after, path_of(whom, "10"), "1"); // of nobody
+            const std::vector<difference> changes = differences(before, after);
+            const auto begin = std::chrono::steady_clock::now();
+            const std::vector<publication> found = index_.publications(changes);
+            const std::vector<std::string> unheard = index_.unsubscribed(changes);
+            const std::chrono::duration<double, std::micro> taken =
+                std::chrono::steady_clock::now() - begin;
+            shortest = shortest == 0 ? taken.count() : std::min(shortest, taken.count());
+            EXPECT_EQ(unheard, std::vector<std::string>{to_text(path_of(whom, "10"))});
+            EXPECT_TRUE(found.size() == 1 && found[0].to == plugins_[whom] && found[0].index == 3);
+            index_.remove(plugins_[whom]);
+            EXPECT_TRUE(index_.publications(changes).empty());
+            index_.add(plugins_[whom]);
+        }
+        return shortest;
+    }
+
+private:
+    static path path_of(std::size_t plugin, const std::string &leaf)
+    {
+        return parse_path("/test:system/p" + std::to_string(plugin) + "/leaf" + leaf);
+    }
+
+    console out_;
+    event_loop loop_;
+    tracer trace_{out_};
+    std::mt19937 random_{5};
+    std::vector<plugin_ptr> plugins_;
+    subscription_index index_;
+};
+
+TEST(Large, OneChangeAmongManyPluginsTakesLittleMore)
+{
+    const double few = crowd(10).measure();
+    const double many = crowd(1000).measure();
+    std::cout << few << " us among 10 plugins, " << many << " us among 1000\n";
+    EXPECT_LE(many, 20 * few); // a walk through all takes 100 times as long
 }
 
 } // namespace

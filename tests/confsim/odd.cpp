@@ -4,8 +4,10 @@
 //
 // Each takes changes of /test:system/user and the operation "echo", pulls /test:system by itself,
 // twenty times a second, and notifies as often. The way "right" is supervised, and has a thread for
-// notifying. The others speak to the daemon by themselves, as long as all goes well: they take what
-// one read gives for a whole body, wait a second for an answer, and end when anything else comes.
+// notifying. The way "timer" pulls from a timer by the plain calls. The others speak to the daemon
+// by themselves, as long as all goes well: they take what one read gives for a whole body, wait a
+// second for an answer, and end when anything else comes.
+#include "conf_api.h"
 #include "conf_def.h"
 #include "conf_plugin.h"
 #include "conf_supervisor.h"
@@ -23,6 +25,7 @@
 namespace {
 
 constexpr int between_pulls = 50;
+constexpr int tick = 20; // of the timer
 constexpr int patience = 1000;
 
 char name[] = "odd";
@@ -81,6 +84,29 @@ int run_supervised()
         }
     }
     econf_supervisor_destroy(supervisor);
+    return 0;
+}
+
+// --- The one with a timer.
+
+int run_with_timer()
+{
+    econf_config_cb_info_t configs[] = {{"/test:system/user", 1, on_config}, {nullptr, 0, nullptr}};
+    char echo[] = "echo";
+    econf_operate_cb_info_t operations[] = {{echo, on_echo}, {nullptr, nullptr}};
+    econf_plugin_subpub_info_t info = {configs, nullptr, operations, nullptr};
+    pollfd daemon = {econf_plugin_init(name, &info), POLLIN, 0};
+    if (daemon.fd < 0 || econf_plugin_activate(ACTIVATE_WITH_NONE) != 0) {
+        return 1;
+    }
+    while ((daemon.revents & POLLHUP) == 0) {
+        if (poll(&daemon, 1, tick) > 0) {
+            econf_plugin_run();
+        } else {
+            (void)pull("/test:system");
+        }
+    }
+    econf_plugin_close();
     return 0;
 }
 
@@ -223,6 +249,9 @@ int main(int count, char **arguments)
     const std::string way = count > 1 ? arguments[1] : "right";
     if (way == "right") {
         return run_supervised();
+    }
+    if (way == "timer") {
+        return run_with_timer();
     }
     naive(way).run();
 }

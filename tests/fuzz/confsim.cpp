@@ -6,6 +6,7 @@
 #include "fuzz.h"
 
 #include <array>
+#include <list>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -129,7 +130,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::array<int, 2> peers = {-1, -1};
     console out;
     event_loop loop;
-    tracer trace(out);
+    std::list<trace_file> files;
+    if (in.writes(4)) {
+        files.emplace_back("/dev/null");
+    }
+    tracer trace(out, &files);
     trace.enable(in.writes(4));
     configuration config("");
     conf_daemon service(loop, out, trace, config, where, seconds(3600));

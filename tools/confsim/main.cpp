@@ -5,6 +5,7 @@
 #include "commands/conversation.h"
 #include "commands/input.h"
 #include "commands/programs.h"
+#include "descriptor_limit.h"
 #include "doctor/doctor.h"
 #include "failure.h"
 #include "help_page.h"
@@ -51,9 +52,11 @@ struct settings {
     std::string control;
     model_sources model;
     std::vector<std::string> reports;
+    std::vector<std::string> traces;
     variables known;
     std::vector<std::string> command; // of run
     std::optional<double> slow;
+    std::size_t most_plugins = conf_daemon::usual_plugins;
     double timeout = 5;
     bool json = false;
     bool strict = false;
@@ -102,7 +105,13 @@ void add_common_options(CLI::App &app, settings &wanted)
         ->allow_extra_args(false);
     app.add_option("--slow", wanted.slow, "An answer that takes more SECONDS is a finding");
     app.add_flag("--trace", wanted.trace, "Print every frame, secrets masked");
+    app.add_option("--trace-file", wanted.traces,
+                   "Write every frame, secrets masked: FILE.jsonl, or FILE.pcapng for Wireshark")
+        ->allow_extra_args(false)
+        ->check([](const std::string &given) { return trace_file::wrong_ending(given); });
     app.add_flag("--mask", wanted.mask, "Mask secrets in all else that is printed, too");
+    app.add_option("--most-plugins", wanted.most_plugins, "How many plugins are accepted")
+        ->check(CLI::Range(1, 1000000));
     app.add_option("--timeout", wanted.timeout, "Seconds that a plugin may take for an answer")
         ->check(CLI::Range(0.001, 86400.0))
         ->check([](const std::string &given) {
@@ -194,6 +203,7 @@ struct channels {
     std::optional<program_output> answers;
     std::optional<control_socket> commands;
     std::list<report> reports;
+    std::list<trace_file> traces;
 };
 
 void open_channels(const settings &wanted, channels &opened)
@@ -209,6 +219,9 @@ void open_channels(const settings &wanted, channels &opened)
             throw failure("standard output is taken by --json");
         }
         opened.reports.emplace_back(each);
+    }
+    for (const std::string &each : wanted.traces) {
+        opened.traces.emplace_back(each);
     }
 }
 
@@ -229,10 +242,10 @@ struct run_parts {
 };
 
 // Plays the daemon until the commands end, and hangs up. Returns whether all went well.
-bool serve(const settings &wanted, const channels &to_others, event_loop &loop, console &out,
+bool serve(const settings &wanted, channels &to_others, event_loop &loop, console &out,
            case_list &cases, const run_parts &run)
 {
-    tracer trace(out);
+    tracer trace(out, &to_others.traces);
     trace.enable(wanted.trace);
     const std::unique_ptr<model> known = read_wanted(wanted.model);
     configuration config(wanted.store, known.get());
@@ -245,7 +258,11 @@ bool serve(const settings &wanted, const channels &to_others, event_loop &loop, 
     const seconds patience(wanted.timeout);
     findings found(out, cases, wanted.slow ? std::optional<seconds>(*wanted.slow) : std::nullopt,
                    wanted.strict);
-    conf_daemon service(loop, out, trace, config, where, patience);
+    if (!make_room_for_plugins(wanted.most_plugins) &&
+        wanted.most_plugins > conf_daemon::usual_plugins) {
+        out.event("the limit of descriptors allows fewer plugins than --most-plugins says");
+    }
+    conf_daemon service(loop, out, trace, config, where, patience, wanted.most_plugins);
     service.set_watcher(&found);
     if (wanted.strict) {
         service.take_breaches_for_errors();
@@ -326,6 +343,11 @@ int simulate(settings &wanted, bool with_command)
         is_good = end_programs(wanted, started, cases) && is_good;
     } else {
         is_good = serve(wanted, to_others, loop, out, cases, {});
+    }
+    for (trace_file &each : to_others.traces) {
+        if (const std::string wrong = each.finish(); !wrong.empty()) {
+            out.event("warning: " + wrong);
+        }
     }
     cases.close();
     for (const report &each : to_others.reports) {

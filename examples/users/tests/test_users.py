@@ -1,6 +1,7 @@
 """The plugin of accounts, tested by pytest. $USERS_PLUGIN is the program, $USERS_CONFIG its users at the
 start, and $CONFSIM the daemon that serves it."""
 import errno
+import json
 import os
 import stat
 
@@ -16,9 +17,14 @@ def accounts(tmp_path):
 
 
 @pytest.fixture
-def daemon(confsim, accounts):
+def trace(tmp_path):
+    return tmp_path / "trace.jsonl"
+
+
+@pytest.fixture
+def daemon(confsim, accounts, trace):
     session = confsim([os.environ["USERS_PLUGIN"], accounts], plugin="users",
-                      config=os.environ["USERS_CONFIG"])
+                      config=os.environ["USERS_CONFIG"], trace=trace)
     yield session
     session.kickoff("users")
 
@@ -44,13 +50,16 @@ def test_change(daemon, accounts):
     assert stat.S_IMODE(accounts.stat().st_mode) == 0o600
 
 
-def test_password_without_hash(daemon):
+def test_password_without_hash(daemon, trace):
     daemon.set("/demo-users:users/user[name='mallory']/password", "plain-text")
     with pytest.raises(Refused) as refused:
         daemon.commit()
     assert refused.value.result.code == errno.EINVAL
     assert "plain-text" not in refused.value.result.text
     daemon.discard()
+    frames = [json.loads(line) for line in trace.read_text().splitlines()]
+    assert [each["type"] for each in frames if each.get("code") == errno.EINVAL] == ["reply"]
+    assert not any("plain-text" in str(each) for each in frames)
 
 
 def test_restart(daemon):

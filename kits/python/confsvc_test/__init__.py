@@ -77,17 +77,19 @@ class Session:
     plugin     the name under which it registers; the session begins when it is activated
     config     a file with the configuration at the beginning
     yang       a file or directory of YANG modules, or a list of them
+    trace      a file that gets every frame, secrets masked, or a list of them: FILE.jsonl, FILE.pcapng
     options    further options of confsim, such as ["--trace"]
     confsim    the program; by default $CONFSIM, or what is in PATH
     patience   seconds for the plugin to be activated
     """
 
-    def __init__(self, command, plugin=None, config=None, yang=(), options=(), confsim=None,
-                 patience=30):
+    def __init__(self, command, plugin=None, config=None, yang=(), trace=(), options=(),
+                 confsim=None, patience=30):
         words = [confsim or os.environ.get("CONFSIM", "confsim"), "run", "--json", *options]
         words += ["--config", str(config)] if config else []
-        for module in [yang] if isinstance(yang, (str, os.PathLike)) else yang:
-            words += ["--yang", str(module)]
+        for option, files in ("--yang", yang), ("--trace-file", trace):
+            for file in [files] if isinstance(files, (str, os.PathLike)) else files:
+                words += [option, str(file)]
         words += ["--", *map(str, command)]
         self.last = None
         try:

@@ -1,6 +1,7 @@
 // See child.h.
 #include "commands/child.h"
 
+#include "descriptor_limit.h"
 #include "failure.h"
 
 #include <array>
@@ -54,6 +55,7 @@ void set_sanitizer_status()
     for (const int each : {SIGPIPE, SIGXFSZ}) { // which confsim itself ignores
         (void)std::signal(each, SIG_DFL);
     }
+    restore_descriptor_limit();
     set_sanitizer_status();
     const int nothing = open("/dev/null", O_RDONLY);
     dup2(nothing, STDIN_FILENO);

@@ -117,6 +117,9 @@ const interpreter::command interpreter::table[] = {
     {"fault", "PLUGIN|all [always] FAULT... | [PLUGIN] off",
      "something goes wrong with the next frame that is sent, or the next request", 1, any_number,
      &interpreter::order_fault},
+    {"chaos", "SEED RATE | off",
+     "faults are drawn for RATE percent of frames, requests and commands", 1, 2,
+     &interpreter::draw_faults},
     {"faults", "", "the faults that are still to come, and those that happened", 0, 0,
      &interpreter::faults},
     {"stop", "SECONDS", "hang, and stay connected", 1, 1, &interpreter::stop},
@@ -164,7 +167,9 @@ void interpreter::carry_out(const words &line)
         answer_.clear();
         answer_nodes_.reset();
     }
-    (this->*look_up(line).carry_out)(line);
+    const command &known = look_up(line);
+    let_go_wrong(line);
+    (this->*known.carry_out)(line);
     if (!keeps_answer_) {
         keep_nodes();
     }

@@ -17,6 +17,7 @@
 #include "store/configuration.h"
 #include "trace/trace.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -74,6 +75,10 @@ private:
     [[nodiscard]] static std::string expected_text(const words &line);
     [[nodiscard]] script &own_script() const;
     [[nodiscard]] program_list &own_programs() const;
+    void let_go_wrong(const words &line);
+    void end_trouble();
+    void hang_up_on_one_of_all(std::uint32_t drawn);
+    void hang(seconds time);
     void expect_end(child &of, const words &line, std::size_t position);
     void keep_nodes();
     void carry_out(const words &line);
@@ -126,6 +131,7 @@ private:
     void validate(const words &line);
     void model(const words &line);
     void order_fault(const words &line);
+    void draw_faults(const words &line);
     void faults(const words &line);
     void stop(const words &line);
     void restart(const words &line);
@@ -143,6 +149,7 @@ private:
     std::optional<command_answer> report_;
     std::string error_;
     bool is_busy_ = false;
+    bool is_profile_spoilt_ = false; // by chaos
     bool has_quit_ = false;
 };
 

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <csignal>
+#include <set>
 #include <span>
 #include <thread>
+#include <utility>
 
 namespace confsim {
 
@@ -20,6 +22,20 @@ bool is_to_end()
     (void)sigpending(&waiting);
     return sigismember(&waiting, SIGINT) == 1 || sigismember(&waiting, SIGTERM) == 1 ||
            sigismember(&waiting, SIGHUP) == 1;
+}
+
+// Whether chaos may strike before this command: it needs plugins, and is no fault itself.
+bool needs_plugins(std::span<const std::string> line)
+{
+    static const std::set<std::string> needing = {
+        "commit", "status", "call", "wait", "wait-notification", "expect-message"};
+    while (!line.empty() && (line.front() == "fail" || line.front() == "try")) {
+        line = line.subspan(1);
+    }
+    if (line.size() > 2 && line.front() == "expect-within") {
+        return needs_plugins(line.subspan(2));
+    }
+    return !line.empty() && needing.contains(line.front());
 }
 
 // "on", which may be left out, or "off".
@@ -50,6 +66,74 @@ void interpreter::order_fault(const words &line)
     say("ok");
 }
 
+// Draws from all faults, those included that no single frame meets, until it is called off.
+void interpreter::draw_faults(const words &line)
+{
+    fault_list &all = here_.service.faults();
+    if (line[1] == "off" && line.size() == 2) {
+        all.draw_from(std::nullopt);
+        end_trouble();
+    } else if (line.size() == 3) {
+        all.draw_from(read_chaos(std::span(line).subspan(1)));
+    } else {
+        throw failure("usage: chaos SEED RATE, or chaos off");
+    }
+    say("ok");
+}
+
+// What chaos does before a command. That the queue is full or the profile cannot be read lasts
+// until the next such command.
+void interpreter::let_go_wrong(const words &line)
+{
+    fault_list &all = here_.service.faults();
+    if (!all.is_chaos() || !needs_plugins(line)) {
+        return;
+    }
+    end_trouble();
+    const std::optional<chaos::trouble> drawn = all.for_command();
+    if (!drawn) {
+        return;
+    }
+    here_.out.event("fault: " + drawn->in_words());
+    switch (drawn->what) {
+    case chaos::trouble::kind::stop:
+        hang(seconds(drawn->seconds));
+        break;
+    case chaos::trouble::kind::restart:
+        here_.service.restart(seconds(drawn->seconds));
+        break;
+    case chaos::trouble::kind::kill:
+        hang_up_on_one_of_all(drawn->whom);
+        break;
+    case chaos::trouble::kind::full:
+        here_.service.set_notifier_full(true);
+        break;
+    case chaos::trouble::kind::unreadable_profile:
+        all.note("", "unreadable-profile");
+        here_.where.spoil_profile();
+        is_profile_spoilt_ = true;
+        break;
+    }
+}
+
+void interpreter::end_trouble()
+{
+    here_.service.set_notifier_full(false);
+    if (std::exchange(is_profile_spoilt_, false)) {
+        here_.where.write_profile();
+    }
+}
+
+void interpreter::hang_up_on_one_of_all(std::uint32_t drawn)
+{
+    std::vector<plugin_ptr> all(here_.service.plugins().begin(), here_.service.plugins().end());
+    if (!all.empty()) {
+        std::sort(all.begin(), all.end(),
+                  [](const plugin_ptr &a, const plugin_ptr &b) { return a->name < b->name; });
+        here_.service.hang_up(all[drawn % all.size()]);
+    }
+}
+
 void interpreter::faults(const words & /*line*/)
 {
     report_->data = json_value::array();
@@ -71,14 +155,19 @@ void interpreter::faults(const words & /*line*/)
 // Nothing at all is served, as in a daemon that hangs.
 void interpreter::stop(const words &line)
 {
-    const auto end = after(patience_from(line, 1));
+    hang(patience_from(line, 1));
+    say("ok");
+}
+
+void interpreter::hang(seconds time)
+{
+    const auto end = after(time);
     here_.service.faults().note("", "stop");
     while (steady_clock::now() < end && !is_to_end()) {
         const auto left = end - steady_clock::now();
         std::this_thread::sleep_for(
             std::min<steady_clock::duration>(left, std::chrono::milliseconds(20)));
     }
-    say("ok");
 }
 
 void interpreter::restart(const words &line)

@@ -3,9 +3,9 @@
 
 #include "commands/words.h"
 #include "failure.h"
+#include "faults/numbers.h"
 
 #include <algorithm>
-#include <charconv>
 #include <vector>
 
 namespace confsim {
@@ -38,18 +38,6 @@ const form &form_of(fault::kind what)
                          [what](const form &each) { return each.what == what; });
 }
 
-template <typename number>
-number read_number(const std::string &word, number least, number most)
-{
-    number value{};
-    const char *end = word.data() + word.size();
-    const auto [stopped, error] = std::from_chars(word.data(), end, value);
-    if (error != std::errc() || stopped != end || !(value >= least && value <= most)) {
-        throw failure("not a number that is possible here: " + word);
-    }
-    return value;
-}
-
 void read_argument(fault &made, char kind, const std::string &word)
 {
     switch (kind) {
@@ -66,15 +54,6 @@ void read_argument(fault &made, char kind, const std::string &word)
         made.code = read_number<int>(word, -1000000, 1000000);
         break;
     }
-}
-
-// Without the zeros that std::to_string() would give it.
-std::string number_text(double number)
-{
-    std::string text(32, '\0');
-    text.resize(static_cast<std::size_t>(
-        std::to_chars(text.data(), text.data() + text.size(), number).ptr - text.data()));
-    return text;
 }
 
 } // namespace

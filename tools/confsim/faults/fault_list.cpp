@@ -2,6 +2,7 @@
 #include "faults/fault_list.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace confsim {
 
@@ -29,20 +30,49 @@ std::optional<fault> fault_list::take(const std::string &plugin, condition is_wa
     if (!found->always) {
         ordered_.erase(found);
     }
-    note(plugin, in_words(taken));
     return taken;
 }
 
 std::optional<fault> fault_list::for_frame(const std::string &plugin)
 {
-    return take(plugin, [](const fault &each) { return !each.is_of_answers(); });
+    std::optional<fault> met =
+        take(plugin, [](const fault &each) { return !each.is_of_answers(); });
+    if (!met && chaos_) {
+        met = chaos_->for_frame(plugin);
+    }
+    return noted(plugin, std::move(met));
 }
 
 std::optional<fault> fault_list::for_request(const std::string &plugin, const std::string &method)
 {
-    return take(plugin, [&method](const fault &each) {
+    std::optional<fault> met = take(plugin, [&method](const fault &each) {
         return each.is_of_answers() && each.method == method;
     });
+    if (!met && chaos_) {
+        met = chaos_->for_request(plugin, method);
+    }
+    return noted(plugin, std::move(met));
+}
+
+std::optional<fault> fault_list::noted(const std::string &plugin, std::optional<fault> what)
+{
+    if (what) {
+        note(plugin, in_words(*what));
+    }
+    return what;
+}
+
+void fault_list::draw_from(std::optional<chaos> drawn)
+{
+    if (chaos_ && chaos_->times() > 0) {
+        happened_[{"", chaos_->in_words()}] += chaos_->times();
+    }
+    chaos_ = std::move(drawn);
+}
+
+std::optional<chaos::trouble> fault_list::for_command()
+{
+    return chaos_ ? chaos_->for_command() : std::nullopt;
 }
 
 void fault_list::note(const std::string &plugin, const std::string &what)
@@ -53,6 +83,9 @@ void fault_list::note(const std::string &plugin, const std::string &what)
 std::vector<fault_list::entry> fault_list::entries() const
 {
     std::vector<entry> all;
+    if (chaos_) {
+        all.push_back({"", chaos_->in_words(), true, chaos_->times()});
+    }
     for (const ordered &each : ordered_) {
         all.push_back({each.plugin, in_words(each.what), each.always, 0});
     }

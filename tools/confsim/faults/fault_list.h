@@ -1,7 +1,8 @@
-// The faults that were ordered, and those that happened.
+// The faults that were ordered or are drawn, and those that happened.
 #ifndef CONFSIM_FAULT_LIST_H
 #define CONFSIM_FAULT_LIST_H
 
+#include "faults/chaos.h"
 #include "faults/fault.h"
 
 #include <list>
@@ -29,6 +30,12 @@ public:
     [[nodiscard]] std::optional<fault> for_request(const std::string &plugin,
                                                    const std::string &method);
 
+    // From now on faults are drawn as well, by what was given, or no more.
+    void draw_from(std::optional<chaos> drawn);
+    [[nodiscard]] bool is_chaos() const { return chaos_.has_value(); }
+    // What meets the daemon as a whole before a command; it is noted by whoever lets it happen.
+    [[nodiscard]] std::optional<chaos::trouble> for_command();
+
     // Notes a fault of another kind: of confsim as a whole, or of no single frame.
     void note(const std::string &plugin, const std::string &what);
 
@@ -48,10 +55,12 @@ private:
         bool always;
     };
 
+    std::optional<fault> noted(const std::string &plugin, std::optional<fault> what);
     template <typename condition>
     std::optional<fault> take(const std::string &plugin, condition is_wanted);
 
     std::list<ordered> ordered_;
+    std::optional<chaos> chaos_;
     std::map<std::pair<std::string, std::string>, unsigned> happened_; // by plugin and fault
 };
 

@@ -43,8 +43,8 @@ public:
         return operations_;
     }
 
-    [[nodiscard]] std::vector<node> read(const std::string &text, notation form, content what,
-                                         module_table &modules) const override
+    [[nodiscard]] siblings read(const std::string &text, notation form, content what,
+                                module_table &modules) const override
     {
         const yang::data_ptr data =
             parsed(text, form == notation::json ? LYD_JSON : LYD_XML, state_of(what));
@@ -160,10 +160,10 @@ private:
         to.children = std::move(plain.children);
     }
 
-    static std::vector<node> to_nodes(const lyd_node *first, const schema_node &parent,
-                                      module_table &modules)
+    static siblings to_nodes(const lyd_node *first, const schema_node &parent,
+                             module_table &modules)
     {
-        std::vector<node> made;
+        std::vector<std::shared_ptr<const node>> made;
         for (const lyd_node *from = first; from != nullptr; from = from->next) {
             const schema_node *place = parent.child(from->schema->module->name, from->schema->name);
             node to{from->schema->module->name, from->schema->name, "", {}, place};
@@ -175,11 +175,11 @@ private:
             } else if ((from->schema->nodetype & LYD_NODE_ANY) != 0) {
                 take_any(from, to, modules);
             } else {
-                to.children = siblings(to_nodes(lyd_child(from), *place, modules));
+                to.children = to_nodes(lyd_child(from), *place, modules);
             }
-            made.push_back(std::move(to));
+            made.push_back(std::make_shared<const node>(std::move(to)));
         }
-        return made;
+        return siblings(made);
     }
 
     yang::loaded_modules modules_;

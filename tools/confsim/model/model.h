@@ -38,8 +38,8 @@ public:
 
     // The top nodes in a text. Throws failure for what the model does not have; what is missing,
     // and what depends on other data, is left to validate().
-    [[nodiscard]] virtual std::vector<node> read(const std::string &text, notation form,
-                                                 content what, module_table &modules) const = 0;
+    [[nodiscard]] virtual siblings read(const std::string &text, notation form, content what,
+                                        module_table &modules) const = 0;
 
     // Throws failure when the model forbids a configuration, given as XML.
     virtual void validate(const std::string &text) const = 0;

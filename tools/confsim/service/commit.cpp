@@ -39,10 +39,9 @@ std::string counted(std::size_t count, const char *what)
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
-answer publish(conf_daemon &service, const std::vector<publication> &all, std::size_t current)
+answer publish(conf_daemon &service, const publication &what, bool more)
 {
-    return service.exchange(all[current].to, "publish",
-                            publish_params(all[current], more_follow(all, current)));
+    return service.exchange(what.to, "publish", publish_params(what, more));
 }
 
 int inverse(int oper)
@@ -66,8 +65,9 @@ void roll_back(conf_daemon &service, std::vector<publication> applied,
     for (publication &each : applied) {
         each.oper = inverse(each.oper) | CONFIG_OP_ROLLBACK;
     }
+    const std::vector<bool> more = more_follow(applied);
     for (std::size_t i = 0; i < applied.size(); ++i) {
-        const answer got = publish(service, applied, i);
+        const answer got = publish(service, applied[i], more[i]);
         listener.say("roll back: " + in_words(applied[i]) + ": " +
                      (got.is_result() ? "ok" : got.in_words()));
         listener.published(applied[i], got);
@@ -75,15 +75,13 @@ void roll_back(conf_daemon &service, std::vector<publication> applied,
 }
 
 // A subscription that is mistyped shows in what nobody is told of.
-void report_unsubscribed(const std::list<plugin_ptr> &plugins,
+void report_unsubscribed(const subscription_index &subscriptions,
                          const std::vector<difference> &changes, const speaker &say)
 {
     constexpr std::size_t most = 10;
-    std::vector<std::string> names;
-    for (const path &each : subscribed_paths(plugins)) {
-        names.push_back(to_text(each));
-    }
-    const std::vector<std::string> all = unsubscribed(plugins, changes);
+    const std::vector<std::string> all = subscriptions.unsubscribed(changes);
+    const std::vector<std::string> names =
+        all.empty() ? std::vector<std::string>() : subscriptions.paths();
     for (std::size_t i = 0; i < std::min(all.size(), most); ++i) {
         say("no active plugin subscribed to " + all[i] + hint_of_nearest(all[i], names));
     }
@@ -104,11 +102,12 @@ void refuse_invalid(configuration &config)
 void carry_out(conf_daemon &service, configuration &config, const commit_listener &listener)
 {
     const std::vector<difference> changes = differences(config.running(), config.candidate());
-    std::vector<publication> all = publications(service.plugins(), changes);
-    report_unsubscribed(service.plugins(), changes, listener.say);
+    std::vector<publication> all = service.subscriptions().publications(changes);
+    const std::vector<bool> more = more_follow(all);
+    report_unsubscribed(service.subscriptions(), changes, listener.say);
     const committing_scope scope(config);
     for (std::size_t i = 0; i < all.size(); ++i) {
-        const answer got = publish(service, all, i);
+        const answer got = publish(service, all[i], more[i]);
         listener.say("publish: " + in_words(all[i]) + ": " +
                      (got.is_result() ? "ok" : got.in_words()));
         listener.published(all[i], got);
@@ -135,10 +134,7 @@ void commit(conf_daemon &service, configuration &config, const commit_listener &
 {
     // A plugin that starts is told what is in force, before the commit or after it.
     service.hold_starts();
-    const std::list<plugin_ptr> present = service.plugins();
-    for (const plugin_ptr &each : present) {
-        (void)service.wait_until_free(each); // one that is late does not stop it
-    }
+    service.wait_until_all_free();
     try {
         refuse_invalid(config);
         carry_out(service, config, listener);

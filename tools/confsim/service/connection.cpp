@@ -48,6 +48,13 @@ std::string peer_process(int descriptor)
     return own.empty() || own == id ? id : id + " (" + own + " inside)";
 }
 
+// By which traces tell connections apart.
+unsigned next_number()
+{
+    static unsigned last = 0;
+    return ++last;
+}
+
 msg_head_t read_head(const char *bytes)
 {
     msg_head_t head{};
@@ -80,7 +87,8 @@ std::size_t next_header(std::string_view data)
 } // namespace
 
 connection::connection(int descriptor, const tracer &trace)
-    : descriptor_(descriptor), process_(peer_process(descriptor)), peer_("process " + process_),
+    : descriptor_(descriptor),
+      process_(peer_process(descriptor)), peer_{"process " + process_, next_number()},
       trace_(trace), received_(conf_buffer_create(0))
 {
     if (received_ == nullptr) {
@@ -167,7 +175,7 @@ xml::node_ptr connection::take_message()
     conf_buffer_t *rest = received_.release();
     xml::node_ptr message(plugin_parse_message(&rest));
     received_.reset(rest);
-    trace_.received(peer_, message.get(), head.length);
+    trace_.received(peer_, head, message.get());
     return message;
 }
 
@@ -185,7 +193,7 @@ void connection::send(xmlNode *message)
     frame.append(reinterpret_cast<const char *>(xmlBufferContent(body)),
                  static_cast<std::size_t>(length));
     xmlBufferFree(body);
-    trace_.sent(peer_, message, static_cast<std::size_t>(length));
+    trace_.sent(peer_, head, message);
     if (way_) {
         way_(std::move(frame));
     } else {

@@ -37,7 +37,7 @@ public:
     [[nodiscard]] const std::string &process() const { return process_; }
 
     // Name of the peer in traces.
-    void set_peer(std::string name) { peer_ = std::move(name); }
+    void set_peer(std::string name) { peer_.name = std::move(name); }
 
     // Reads what has arrived, up to a limit, and returns the messages that are complete, with a
     // null pointer for each that is not well-formed. Throws broken, also at the end of the stream,
@@ -69,7 +69,7 @@ private:
 
     int descriptor_;
     std::string process_;
-    std::string peer_;
+    traced_peer peer_;
     const tracer &trace_;
     std::unique_ptr<conf_buffer_t, buffer_deleter> received_;
     std::string unsent_;

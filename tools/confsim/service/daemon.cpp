@@ -17,7 +17,6 @@ namespace confsim {
 
 namespace {
 
-constexpr std::size_t most_plugins = 256;
 constexpr std::size_t most_notifications = 1000;
 constexpr std::size_t longest_notification = 262144;
 
@@ -30,14 +29,8 @@ bool asks_for_old(const xmlNode *params)
 
 std::vector<const xmlNode *> data_in(const xmlNode *params)
 {
-    std::vector<const xmlNode *> nodes;
-    if (const xmlNode *data = xml::child(params, "data")) {
-        for (const xmlNode *each = xml::first_element(data); each != nullptr;
-             each = xml::next_element(each)) {
-            nodes.push_back(each);
-        }
-    }
-    return nodes;
+    const xmlNode *data = xml::child(params, "data");
+    return data == nullptr ? std::vector<const xmlNode *>() : xml::elements(data);
 }
 
 } // namespace
@@ -63,7 +56,8 @@ const conf_daemon::served_method conf_daemon::methods[] = {
 };
 
 conf_daemon::conf_daemon(event_loop &loop, const console &out, const tracer &trace,
-                         configuration &config, endpoints &where, seconds patience)
+                         configuration &config, endpoints &where, seconds patience,
+                         std::size_t most_plugins)
     : loop_(loop), out_(out), trace_(trace), config_(config), where_(where), patience_(patience),
       agents_(loop, out, trace, where),
       plugins_(
@@ -189,6 +183,9 @@ std::optional<std::string> conf_daemon::take_notification()
 void conf_daemon::let_go(const plugin_ptr &whom, const std::string &why)
 {
     out_.event("plugin " + whom->called() + " " + why);
+    if (whom->is_active()) {
+        subscriptions_.remove(whom);
+    }
     whom->now = plugin::state::gone;
     whom->give_up(plugin_is_gone);
 }
@@ -269,7 +266,9 @@ void conf_daemon::start(const plugin_ptr &whom)
         return;
     }
     const node nothing{"", "config", "", {}};
-    std::vector<publication> all = publications({whom}, differences(nothing, config_.running()));
+    subscription_index own;
+    own.add(whom);
+    std::vector<publication> all = own.publications(differences(nothing, config_.running()));
     for (std::size_t i = 0; i < all.size(); ++i) {
         all[i].oper |= kind;
         const std::string complaint =
@@ -286,8 +285,10 @@ void conf_daemon::start(const plugin_ptr &whom)
 void conf_daemon::release_starts()
 {
     are_starts_held_ = false;
-    const std::list<plugin_ptr> present = plugins(); // one that is broken leaves the list
-    for (const plugin_ptr &each : present) {
+    std::vector<plugin_ptr> started; // one that is broken leaves the list of all
+    std::copy_if(plugins().begin(), plugins().end(), std::back_inserter(started),
+                 [](const plugin_ptr &each) { return each->wanted_start != CONFIG_OP_NONE; });
+    for (const plugin_ptr &each : started) {
         plugins_.talk_to(each, [&] { start(each); });
     }
 }
@@ -315,12 +316,18 @@ xml::node_ptr conf_daemon::on_register(const plugin_ptr &from, const xmlNode *pa
 
 xml::node_ptr conf_daemon::on_activate(const plugin_ptr &from, const xmlNode * /*params*/)
 {
-    from->now = plugin::state::activated;
+    if (!from->is_active()) {
+        from->now = plugin::state::activated;
+        subscriptions_.add(from);
+    }
     return xml::element("result");
 }
 
 xml::node_ptr conf_daemon::on_deactivate(const plugin_ptr &from, const xmlNode * /*params*/)
 {
+    if (from->is_active()) {
+        subscriptions_.remove(from);
+    }
     from->now = plugin::state::registered;
     from->wanted_start = CONFIG_OP_NONE;
     out_.event("plugin " + from->name + " deactivated");
@@ -410,6 +417,16 @@ bool conf_daemon::wait_until_free(const plugin_ptr &whom)
         }
     }
     return true;
+}
+
+void conf_daemon::wait_until_all_free()
+{
+    std::vector<plugin_ptr> busy; // they come and go meanwhile
+    std::copy_if(plugins().begin(), plugins().end(), std::back_inserter(busy),
+                 [](const plugin_ptr &each) { return each->awaited() != 0; });
+    for (const plugin_ptr &each : busy) {
+        (void)wait_until_free(each);
+    }
 }
 
 answer conf_daemon::exchange(const plugin_ptr &to, const char *method, xml::node_ptr params)

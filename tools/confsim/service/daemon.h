@@ -10,11 +10,12 @@
 #include "service/loop.h"
 #include "service/messages.h"
 #include "service/plugin.h"
-#include "service/publication.h"
 #include "service/server.h"
+#include "service/subscriptions.h"
 #include "store/configuration.h"
 #include "trace/trace.h"
 
+#include <cstdint>
 #include <deque>
 #include <list>
 #include <memory>
@@ -28,8 +29,10 @@ namespace confsim {
 
 class conf_daemon {
 public:
+    static constexpr std::size_t usual_plugins = 4096; // as many as are accepted
+
     conf_daemon(event_loop &loop, const console &out, const tracer &trace, configuration &config,
-                endpoints &where, seconds patience);
+                endpoints &where, seconds patience, std::size_t most_plugins = usual_plugins);
     ~conf_daemon();
     conf_daemon(const conf_daemon &) = delete;
     conf_daemon &operator=(const conf_daemon &) = delete;
@@ -40,6 +43,11 @@ public:
     // Waits until the plugin has answered all that it was asked, as long as no single answer takes
     // too long. Returns whether it has.
     bool wait_until_free(const plugin_ptr &whom);
+    // The same with each plugin; one that is late does not stop it.
+    void wait_until_all_free();
+
+    // Those of the active plugins.
+    [[nodiscard]] const subscription_index &subscriptions() const { return subscriptions_; }
 
     // Sends a request to a free plugin and waits for what becomes of it; never throws broken.
     answer exchange(const plugin_ptr &to, const char *method, xml::node_ptr params);
@@ -119,11 +127,13 @@ private:
     seconds patience_;
     agent_service agents_;
     server<plugin> plugins_;
+    subscription_index subscriptions_;
     fault_list faults_;
     bool is_notifier_full_ = false;
     message_store messages_;
     std::deque<std::string> notifications_;
     std::size_t not_taken_ = 0;
+    std::uint64_t last_serial_ = 0; // of a plugin
     plugin_watcher *watcher_ = nullptr;
     bool are_starts_held_ = false;
     bool are_breaches_errors_ = false;

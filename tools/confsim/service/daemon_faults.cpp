@@ -35,6 +35,7 @@ int send_fillers()
 plugin_ptr conf_daemon::make_plugin(int descriptor)
 {
     auto made = std::make_shared<plugin>(descriptor, trace_, loop_, patience_);
+    made->serial = ++last_serial_;
     made->watcher = watcher_;
     const std::weak_ptr<plugin> known = made;
     const auto next_fault = [this, known]() -> std::optional<fault> {

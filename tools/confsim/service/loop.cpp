@@ -2,9 +2,12 @@
 #include "service/loop.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace confsim {
 
@@ -13,6 +16,22 @@ namespace {
 // In milliseconds; whoever waits longer simply waits again.
 constexpr long long longest_wait = 3600000;
 
+static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLERR == POLLERR &&
+              EPOLLHUP == POLLHUP);
+
+[[noreturn]] void fail(const char *call)
+{
+    throw std::system_error(errno, std::generic_category(), call);
+}
+
+epoll_event event_for(int descriptor, short events)
+{
+    epoll_event event{};
+    event.events = static_cast<std::uint32_t>(events);
+    event.data.fd = descriptor;
+    return event;
+}
+
 } // namespace
 
 steady_clock::time_point after(seconds delay)
@@ -20,29 +39,58 @@ steady_clock::time_point after(seconds delay)
     return steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(delay);
 }
 
+event_loop::event_loop() : epoll_(epoll_create1(EPOLL_CLOEXEC))
+{
+    if (epoll_ < 0) {
+        fail("epoll_create1");
+    }
+}
+
+event_loop::~event_loop()
+{
+    close(epoll_);
+}
+
 void event_loop::watch(int descriptor, short events, handler ready)
 {
-    watched_.push_back(std::make_shared<watched>(watched{descriptor, events, std::move(ready)}));
+    auto made = std::make_shared<watched>(watched{++last_order_, events, std::move(ready)});
+    epoll_event event = event_for(descriptor, events);
+    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, descriptor, &event) != 0) {
+        if (errno != EPERM) {
+            fail("epoll_ctl");
+        }
+        made->is_file = true;
+        ++files_;
+    }
+    watched_[descriptor] = std::move(made);
 }
 
 void event_loop::change(int descriptor, short events)
 {
-    for (const auto &each : watched_) {
-        if (each->descriptor == descriptor) {
-            each->events = events;
-        }
+    const auto found = watched_.find(descriptor);
+    if (found == watched_.end() || found->second->events == events) {
+        return;
+    }
+    found->second->events = events;
+    epoll_event event = event_for(descriptor, events);
+    if (!found->second->is_file && epoll_ctl(epoll_, EPOLL_CTL_MOD, descriptor, &event) != 0) {
+        fail("epoll_ctl");
     }
 }
 
 void event_loop::forget(int descriptor)
 {
-    std::erase_if(watched_, [descriptor](const auto &each) {
-        const bool forgotten = each->descriptor == descriptor;
-        if (forgotten) {
-            each->descriptor = -1; // serve_once() may still hold it
-        }
-        return forgotten;
-    });
+    const auto found = watched_.find(descriptor);
+    if (found == watched_.end()) {
+        return;
+    }
+    found->second->is_forgotten = true; // serve_once() may still hold it
+    if (found->second->is_file) {
+        --files_;
+    } else {
+        (void)epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
+    }
+    watched_.erase(found);
 }
 
 event_loop::timer event_loop::start_timer(seconds delay, std::function<void()> expired)
@@ -66,14 +114,38 @@ bool event_loop::run_until(const std::function<bool()> &done)
     return run_until(done, steady_clock::time_point::max());
 }
 
+// Those that are ready, in the order in which they were added.
+std::vector<event_loop::served> event_loop::wait_for_some(int milliseconds)
+{
+    std::array<epoll_event, 256> events{}; // others are told of the next time
+    const int count = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()),
+                                 files_ > 0 ? 0 : milliseconds);
+    if (count < 0 && errno != EINTR) {
+        fail("epoll_wait");
+    }
+    std::vector<served> ready;
+    for (int i = 0; i < count; ++i) {
+        const epoll_event &each = events[static_cast<std::size_t>(i)];
+        const auto found = watched_.find(each.data.fd);
+        if (found != watched_.end()) {
+            ready.push_back({found->second, static_cast<short>(each.events)});
+        }
+    }
+    if (files_ > 0) {
+        for (const auto &[descriptor, each] : watched_) {
+            if (each->is_file) {
+                ready.push_back({each, each->events});
+            }
+        }
+    }
+    std::sort(ready.begin(), ready.end(), [](const served &left, const served &right) {
+        return left.what->order < right.what->order;
+    });
+    return ready;
+}
+
 void event_loop::serve_once(steady_clock::time_point deadline)
 {
-    const std::vector<std::shared_ptr<watched>> served = watched_;
-    std::vector<pollfd> polled;
-    polled.reserve(served.size());
-    for (const auto &each : served) {
-        polled.push_back({each->descriptor, each->events, 0});
-    }
     if (!timers_.empty()) {
         deadline = std::min(deadline, timers_.begin()->first);
     }
@@ -83,12 +155,9 @@ void event_loop::serve_once(steady_clock::time_point deadline)
             std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
         wait = static_cast<int>(std::clamp<long long>(left.count(), 0, longest_wait));
     }
-    if (poll(polled.data(), polled.size(), wait) < 0 && errno != EINTR) {
-        throw std::system_error(errno, std::generic_category(), "poll");
-    }
-    for (std::size_t i = 0; i < served.size(); ++i) {
-        if (polled[i].revents != 0 && served[i]->descriptor >= 0) {
-            served[i]->ready(polled[i].revents);
+    for (const served &each : wait_for_some(wait)) {
+        if (!each.what->is_forgotten) {
+            each.what->ready(each.events);
         }
     }
     run_timers();

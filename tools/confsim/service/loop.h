@@ -3,6 +3,7 @@
 #define CONFSIM_LOOP_H
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -20,8 +21,13 @@ public:
     using handler = std::function<void(short events)>; // as poll(2) reports them
     using timer = std::multimap<steady_clock::time_point, std::function<void()>>::iterator;
 
-    // Descriptors are served in the order in which they were added. A handler may add and remove
-    // any of them, its own included.
+    event_loop();
+    ~event_loop();
+    event_loop(const event_loop &) = delete;
+    event_loop &operator=(const event_loop &) = delete;
+
+    // Descriptors are served in the order in which they were added, each of them once, and are
+    // forgotten before they are closed. A handler may add and remove any of them, its own included.
     void watch(int descriptor, short events, handler ready);
     void change(int descriptor, short events);
     void forget(int descriptor);
@@ -42,15 +48,25 @@ public:
 
 private:
     struct watched {
-        int descriptor; // -1 when forgotten
+        std::uint64_t order;
         short events;
         handler ready;
+        bool is_file = false; // always ready, which the kernel does not tell
+        bool is_forgotten = false;
+    };
+    struct served {
+        std::shared_ptr<watched> what;
+        short events;
     };
 
+    [[nodiscard]] std::vector<served> wait_for_some(int milliseconds);
     void serve_once(steady_clock::time_point deadline);
     void run_timers();
 
-    std::vector<std::shared_ptr<watched>> watched_;
+    int epoll_;
+    std::map<int, std::shared_ptr<watched>> watched_; // by descriptor
+    std::size_t files_ = 0;                           // among them
+    std::uint64_t last_order_ = 0;
     std::multimap<steady_clock::time_point, std::function<void()>> timers_;
     bool interrupted_ = false;
 };

@@ -62,19 +62,16 @@ std::string breach_of_notification(configuration &config, const std::string &tex
     }
     try {
         const xml::doc_ptr doc = xml::parse_text(text, "a notification");
-        const xmlNode *event = xmlDocGetRootElement(doc.get());
+        xmlNode *event = xmlDocGetRootElement(doc.get());
         if (std::strcmp(xml::name(event), "notification") == 0 &&
             xml::child(event, "eventTime") != nullptr) {
-            std::vector<const xmlNode *> all = xml::elements(event);
-            std::erase_if(all, [](const xmlNode *each) {
-                return std::strcmp(xml::name(each), "eventTime") == 0;
-            });
-            if (all.size() != 1) {
+            const xml::node_ptr time = xml::taken(xml::child(event, "eventTime"));
+            event = xml::first_element(event);
+            if (event == nullptr || xml::next_element(event) != nullptr) {
                 throw failure("it holds no event, or several");
             }
-            event = all.front();
         }
-        known->check(model::message::notification, xml::print_alone({event}),
+        known->check(model::message::notification, xml::print_alone(event),
                      config.as_text(config.running()));
     } catch (const failure &reason) {
         return std::string("a notification: ") + reason.what();

@@ -125,14 +125,14 @@ void plugin::take_reply(xml::node_ptr reply)
         return;
     }
     if (requests_.empty() || id != requests_.front().id) {
-        if (!may_have_lost_) { // nor have been given twice
+        if (!may_answer_again_) {
             report("sends a reply that answers nothing, with the id " + std::to_string(id));
         }
         return;
     }
     check_answer(reply.get());
     stop_waiting();
-    has_met_fault_ = false;
+    has_met_fault_ = may_have_lost_ = false;
     const request answered_request = std::move(requests_.front());
     requests_.pop_front();
     if (answered_request.done) {
@@ -185,7 +185,7 @@ void plugin::lose_first()
                " while that lay in its socket");
     }
     stop_waiting();
-    has_met_fault_ = false;
+    has_met_fault_ = may_have_lost_ = false;
     requests_.pop_front();
     if (!requests_.empty()) {
         send_next();
@@ -196,6 +196,7 @@ void plugin::note_fault(bool of_frame)
 {
     has_met_fault_ = true;
     may_have_lost_ = may_have_lost_ || of_frame;
+    may_answer_again_ = may_answer_again_ || of_frame;
 }
 
 void plugin::note_request(const std::string &method)

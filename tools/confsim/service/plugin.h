@@ -17,6 +17,7 @@
 
 #include "conf_def.h"
 
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -80,6 +81,7 @@ public:
 
     connection stream;
     std::unique_ptr<faulty_line> line; // of what it is sent, or null: it then goes straight
+    std::uint64_t serial = 0;          // in the order in which they came
     state now = state::connected;
     std::string name; // empty until it registers
     std::vector<subscription> configs;
@@ -148,10 +150,11 @@ private:
     steady_clock::time_point sent_;            // the first request
     u32_t last_id_ = 0;
     u32_t last_probe_ = 0;
-    u32_t probes_before_ = 0;    // the first request was sent
-    bool has_met_fault_ = false; // since the last answer
-    bool may_have_lost_ = false; // something that it was sent, for all its time
-    std::string own_request_;    // the last one, since it was asked; empty when there was none
+    u32_t probes_before_ = 0;       // the first request was sent
+    bool has_met_fault_ = false;    // since the last answer
+    bool may_have_lost_ = false;    // something that it was sent, since the last answer
+    bool may_answer_again_ = false; // as it was sent something twice or in parts, for all its time
+    std::string own_request_;       // the last one, since it was asked; empty when there was none
 };
 
 using plugin_ptr = std::shared_ptr<plugin>;

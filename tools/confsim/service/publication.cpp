@@ -3,82 +3,9 @@
 
 #include "conf_api.h"
 
-#include <algorithm>
 #include <set>
 
 namespace confsim {
-
-namespace {
-
-struct ordered_publication {
-    publication what;
-    std::size_t order;
-};
-
-} // namespace
-
-std::vector<publication> publications(const std::list<plugin_ptr> &plugins,
-                                      const std::vector<difference> &changes)
-{
-    std::vector<ordered_publication> found;
-    for (const plugin_ptr &to : plugins) {
-        if (!to->is_active()) {
-            continue;
-        }
-        for (const subscription &each : to->configs) {
-            for (instance_change &change : changed_instances(changes, each.where)) {
-                found.push_back(
-                    {{to, each.index, each.priority, change.oper, std::move(change.where)},
-                     change.order});
-            }
-        }
-    }
-    std::stable_sort(found.begin(), found.end(),
-                     [](const ordered_publication &left, const ordered_publication &right) {
-                         return std::pair(left.what.priority, left.order) <
-                                std::pair(right.what.priority, right.order);
-                     });
-    std::vector<publication> ordered;
-    ordered.reserve(found.size());
-    for (ordered_publication &each : found) {
-        ordered.push_back(std::move(each.what));
-    }
-    return ordered;
-}
-
-std::vector<path> subscribed_paths(const std::list<plugin_ptr> &plugins)
-{
-    std::vector<path> found;
-    for (const plugin_ptr &each : plugins) {
-        for (const subscription &config : each->configs) {
-            if (each->is_active()) {
-                found.push_back(config.where);
-            }
-        }
-    }
-    return found;
-}
-
-std::vector<std::string> unsubscribed(const std::list<plugin_ptr> &plugins,
-                                      const std::vector<difference> &changes)
-{
-    const std::vector<path> subscribed = subscribed_paths(plugins);
-    std::vector<std::string> found;
-    std::set<std::string> seen;
-    for (const difference &change : changes) {
-        if (std::none_of(subscribed.begin(), subscribed.end(),
-                         [&change](const path &each) { return concerns(change, each); })) {
-            path bare = change.where;
-            for (step &each : bare) {
-                each.keys.clear();
-            }
-            if (seen.insert(to_text(bare)).second) {
-                found.push_back(to_text(bare));
-            }
-        }
-    }
-    return found;
-}
 
 xml::node_ptr publish_params(const publication &what, bool more)
 {
@@ -94,10 +21,14 @@ xml::node_ptr publish_params(const publication &what, bool more)
     return params;
 }
 
-bool more_follow(const std::vector<publication> &all, std::size_t current)
+std::vector<bool> more_follow(const std::vector<publication> &all)
 {
-    return std::any_of(all.begin() + static_cast<std::ptrdiff_t>(current) + 1, all.end(),
-                       [&](const publication &later) { return later.to == all[current].to; });
+    std::vector<bool> more(all.size());
+    std::set<plugin_ptr> behind;
+    for (std::size_t i = all.size(); i-- > 0;) {
+        more[i] = !behind.insert(all[i].to).second;
+    }
+    return more;
 }
 
 const char *verb_of(int oper)

@@ -5,7 +5,6 @@
 #include "service/plugin.h"
 #include "tree/difference.h"
 
-#include <list>
 #include <string>
 #include <vector>
 
@@ -23,23 +22,12 @@ struct publication {
     path where;
 };
 
-// What the active ones of the plugins are to be told of: by priority, the smaller number first,
-// then in document order.
-[[nodiscard]] std::vector<publication> publications(const std::list<plugin_ptr> &plugins,
-                                                    const std::vector<difference> &changes);
-
-// What changed and concerns none of them: paths without keys, each once.
-[[nodiscard]] std::vector<std::string> unsubscribed(const std::list<plugin_ptr> &plugins,
-                                                    const std::vector<difference> &changes);
-
-// The paths that the active ones subscribed to.
-[[nodiscard]] std::vector<path> subscribed_paths(const std::list<plugin_ptr> &plugins);
-
-// The parameters of a publish request; `more` tells that further ones of the same commit follow.
+// The parameters of a publish request; `more` tells that further ones of the same commit follow to
+// the same plugin.
 [[nodiscard]] xml::node_ptr publish_params(const publication &what, bool more);
 
-// Whether one of those behind `current` goes to the same plugin.
-[[nodiscard]] bool more_follow(const std::vector<publication> &all, std::size_t current);
+// For each of them, whether one of those behind it goes to the same plugin.
+[[nodiscard]] std::vector<bool> more_follow(const std::vector<publication> &all);
 
 // "add", "remove", "modify", "move", or "modify and move".
 [[nodiscard]] const char *verb_of(int oper);

@@ -21,6 +21,16 @@ void refuse_excess(const node &tree, const path &where)
     }
 }
 
+std::string print_inside(const xmlNode *wrapper)
+{
+    std::string all;
+    for (xmlNode *each = xml::first_element(wrapper); each != nullptr;
+         each = xml::next_element(each)) {
+        all += xml::print_alone(each);
+    }
+    return all;
+}
+
 } // namespace
 
 configuration::configuration(const std::string &store_directory, const model *known)
@@ -80,30 +90,33 @@ const node *configuration::named(const std::string &name) const
     return nullptr;
 }
 
-std::vector<node> configuration::read_xml(const std::string &file, module_table &modules) const
+siblings configuration::read_xml(const std::string &file, module_table &modules) const
 {
-    const xml::doc_ptr doc = xml::parse_file(file);
+    xml::doc_ptr doc = xml::parse_file(file);
     xmlNode *root = xmlDocGetRootElement(doc.get());
     const std::string_view name = xml::name(root);
     const bool is_wrapped = name == "config" || name == "data";
     if (is_wrapped && !xml::text(root).empty()) {
         throw failure("there is a text right inside of <" + std::string(name) + ">");
     }
-    const std::vector<const xmlNode *> tops =
-        is_wrapped ? xml::elements(root) : std::vector<const xmlNode *>{root};
-    if (model_ != nullptr) {
-        return model_->read(xml::print_alone(tops), model::notation::xml,
-                            model::content::configuration, modules);
+    std::string text; // for the model
+    std::vector<std::shared_ptr<const node>> read;
+    for (xmlNode *each = is_wrapped ? xml::first_element(root) : root; each != nullptr;) {
+        xmlNode *next = is_wrapped ? xml::next_element(each) : nullptr;
+        if (model_ != nullptr) {
+            text += xml::print_alone(each);
+        } else {
+            read.push_back(std::make_shared<const node>(from_xml(xml::taken(each), "", modules)));
+        }
+        each = next;
     }
-    std::vector<node> read;
-    read.reserve(tops.size());
-    for (const xmlNode *each : tops) {
-        read.push_back(from_xml(each, "", modules));
-    }
-    return read;
+    doc.reset();
+    return model_ == nullptr
+               ? siblings(read)
+               : model_->read(text, model::notation::xml, model::content::configuration, modules);
 }
 
-std::vector<node> configuration::read_json(const std::string &file, module_table &modules) const
+siblings configuration::read_json(const std::string &file, module_table &modules) const
 {
     if (model_ == nullptr) {
         throw failure("only with a model (--yang) can JSON be read");
@@ -118,7 +131,7 @@ node configuration::read(const std::string &file)
     module_table modules = modules_; // a refused file names no modules
     try {
         loaded.children =
-            siblings(file.ends_with(".json") ? read_json(file, modules) : read_xml(file, modules));
+            file.ends_with(".json") ? read_json(file, modules) : read_xml(file, modules);
         refuse_unreadable(loaded, {});
     } catch (const failure &error) {
         const std::string why = error.what();
@@ -205,13 +218,7 @@ void configuration::move(const path &where, destination to, const path &other)
 
 std::string configuration::as_text(const node &tree)
 {
-    const xml::node_ptr wrapped = as_xml(tree);
-    std::string all;
-    for (xmlNode *each = xml::first_element(wrapped.get()); each != nullptr;
-         each = xml::next_element(each)) {
-        all += xml::print(each);
-    }
-    return all;
+    return print_inside(as_xml(tree).get());
 }
 
 std::string configuration::as_text(const path &around, const std::vector<const xmlNode *> &inside)
@@ -228,7 +235,7 @@ std::string configuration::as_text(const path &around, const std::vector<const x
     for (const xmlNode *each : inside) {
         xml::add_inheriting(inner, each);
     }
-    return xml::print_alone(xml::elements(wrapped.get()));
+    return print_inside(wrapped.get());
 }
 
 std::string configuration::as_json(const node &tree, const path &where)
@@ -264,8 +271,8 @@ given_data configuration::read_given(const path &where, const std::vector<const 
             given.where = as_modelled(where);
             node whole = top();
             whole.children =
-                siblings(model_->read(as_text({given.where.begin(), given.where.end() - 1}, data),
-                                      model::notation::xml, what, modules_));
+                model_->read(as_text({given.where.begin(), given.where.end() - 1}, data),
+                             model::notation::xml, what, modules_);
             for (const node *each : find(whole, given.where)) {
                 given.nodes.push_back(*each);
             }

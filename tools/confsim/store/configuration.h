@@ -107,8 +107,8 @@ public:
 private:
     [[nodiscard]] node top() const { return {"", "config", "", {}, top_place()}; }
     [[nodiscard]] node read(const std::string &file);
-    [[nodiscard]] std::vector<node> read_xml(const std::string &file, module_table &modules) const;
-    [[nodiscard]] std::vector<node> read_json(const std::string &file, module_table &modules) const;
+    [[nodiscard]] siblings read_xml(const std::string &file, module_table &modules) const;
+    [[nodiscard]] siblings read_json(const std::string &file, module_table &modules) const;
     [[nodiscard]] node restored(const std::string &name);
     [[nodiscard]] std::string as_file(const node &tree);
     void keep(const std::string &name, const node &tree);

@@ -3,26 +3,65 @@
 
 #include "trace/mask.h"
 
+#include <algorithm>
+#include <ctime>
+#include <utility>
+
 namespace confsim {
 
-void tracer::frame(const char *direction, const std::string &peer, const xmlNode *message,
-                   std::size_t size) const
+namespace {
+
+std::timespec now()
 {
-    if (!enabled_ && !out_.recorder) {
+    std::timespec time{};
+    (void)clock_gettime(CLOCK_REALTIME, &time);
+    return time;
+}
+
+} // namespace
+
+void tracer::frame(bool is_received, const traced_peer &peer, const msg_head_t &head,
+                   const xmlNode *message) const
+{
+    if (!is_printed() && !is_written()) {
         return;
     }
-    const std::string headline = direction + peer + ", " + std::to_string(size) + " bytes";
-    if (message == nullptr) {
-        print(headline + ", not well-formed", "");
-        return;
+    const std::timespec time = now(); // masking takes its own
+    std::string body = message == nullptr ? "" : masked(message);
+    if (is_printed()) {
+        print((is_received ? "<-- " : "--> ") + peer.name + ", " + std::to_string(head.length) +
+                  " bytes" + (message == nullptr ? ", not well-formed" : ""),
+              body);
     }
-    print(headline, masked(message));
+    if (is_written()) {
+        traced_frame made = read_frame(peer, head, message, std::move(body));
+        made.is_received = is_received;
+        write(std::move(made), time);
+    }
 }
 
 void tracer::notification(const std::string &text) const
 {
-    if (enabled_ || out_.recorder) {
-        print("<-- notification, " + std::to_string(text.size()) + " bytes", masked_as_given(text));
+    if (!is_printed() && !is_written()) {
+        return;
+    }
+    const std::timespec time = now();
+    const std::string body = masked_as_given(text);
+    if (is_printed()) {
+        print("<-- notification, " + std::to_string(text.size()) + " bytes", body);
+    }
+    if (is_written()) {
+        write(read_notification(text.size(), body), time);
+    }
+}
+
+void tracer::write(traced_frame made, const std::timespec &time) const
+{
+    made.time = time;
+    for (trace_file &each : *files_) {
+        if (const std::string wrong = each.write(made); !wrong.empty()) {
+            out_.event("warning: " + wrong);
+        }
     }
 }
 

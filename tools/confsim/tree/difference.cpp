@@ -284,11 +284,12 @@ bool concerns(const difference &change, const path &subscribed)
 }
 
 std::vector<instance_change> changed_instances(const std::vector<difference> &changes,
+                                               const std::vector<std::size_t> &among,
                                                const path &subscribed)
 {
     std::vector<instance_change> found;
     std::map<std::string, std::size_t> seen; // their places in what is found
-    for (std::size_t i = 0; i < changes.size(); ++i) {
+    for (const std::size_t i : among) {
         const difference &change = changes[i];
         const bool is_inside = leads_to(subscribed, change.where);
         if (!is_inside && (!change.new_place.empty() || !leads_to(change.where, subscribed))) {

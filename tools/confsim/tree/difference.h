@@ -35,7 +35,9 @@ struct instance_change {
 };
 
 // The changed instances of the nodes that `subscribed` leads to, each once, in document order.
+// `among` has the numbers of the changes that can hold any.
 [[nodiscard]] std::vector<instance_change> changed_instances(const std::vector<difference> &changes,
+                                                             const std::vector<std::size_t> &among,
                                                              const path &subscribed);
 
 } // namespace confsim

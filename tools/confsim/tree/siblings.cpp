@@ -33,33 +33,50 @@ bool is_named(const node &tree, const step &wanted)
     return tree.name == wanted.name && tree.module == wanted.module;
 }
 
-// What a child is found by. It is a copy, so the index stays as it is when something else in the
-// child changes.
-struct naming {
-    explicit naming(const node &of) : naming(of, key_of(of)) {}
-    naming(const node &of, entry_key key)
-        : name(of.name), module(of.module), key_name(key.name), key_value(std::move(key.value))
-    {
-    }
+// What entries of a list have in common.
+struct list_name {
     std::string name;
     std::string module;
     std::string key_name;
+
+    bool operator==(const list_name &) const = default;
+};
+
+// What a child is found by. It is a copy, so the index stays as it is when something else in the
+// child changes.
+struct naming {
+    std::shared_ptr<const list_name> list;
     std::string key_value;
 
-    [[nodiscard]] full_name called() const { return {name, module}; }
-    bool operator==(const naming &) const = default;
+    [[nodiscard]] full_name called() const { return {list->name, list->module}; }
 };
 
 struct listed {
     std::uint64_t label;
     std::shared_ptr<const naming> as;
-
-    bool operator==(const listed &) const = default;
 };
 
-listed listed_as(const branch &whom)
+bool is_same(const naming &left, const naming &right)
 {
-    return {whom.label, std::make_shared<const naming>(*whom.tree)};
+    return left.key_value == right.key_value &&
+           (left.list == right.list || *left.list == *right.list);
+}
+
+// Shares with another child's what is the same there.
+naming naming_of(const node &tree, const naming *other)
+{
+    entry_key key = key_of(tree);
+    const bool is_alike =
+        other != nullptr && other->called() == name_of(tree) && other->list->key_name == key.name;
+    return {is_alike ? other->list
+                     : std::make_shared<const list_name>(
+                           list_name{tree.name, tree.module, std::string(key.name)}),
+            std::move(key.value)};
+}
+
+listed listed_as(const branch &whom, const naming *other = nullptr)
+{
+    return {whom.label, std::make_shared<const naming>(naming_of(*whom.tree, other))};
 }
 
 struct no_summary {
@@ -72,7 +89,9 @@ struct name_order {
     using summary = no_summary;
     static std::strong_ordering compare(const listed &item, const listed &probe)
     {
-        const std::strong_ordering order = compare(item, probe.as->called());
+        const std::strong_ordering order = item.as->list == probe.as->list
+                                               ? std::strong_ordering::equal
+                                               : compare(item, probe.as->called());
         return std::is_eq(order) ? item.label <=> probe.label : order;
     }
     static std::strong_ordering compare(const listed &item, const full_name &probe)
@@ -93,14 +112,17 @@ struct key_order {
     static std::strong_ordering compare(const listed &item, const listed &probe)
     {
         const std::strong_ordering order =
-            compare(item, {probe.as->called(), probe.as->key_name, probe.as->key_value});
+            item.as->list == probe.as->list
+                ? item.as->key_value <=> probe.as->key_value
+                : compare(item,
+                          {probe.as->called(), probe.as->list->key_name, probe.as->key_value});
         return std::is_eq(order) ? item.label <=> probe.label : order;
     }
     static std::strong_ordering compare(const listed &item, const key_probe &probe)
     {
         std::strong_ordering order = item.as->called() <=> probe.called;
         if (std::is_eq(order) && probe.key_name) {
-            order = item.as->key_name <=> *probe.key_name;
+            order = item.as->list->key_name <=> *probe.key_name;
         }
         if (std::is_eq(order) && probe.key_value) {
             order = item.as->key_value <=> *probe.key_value;
@@ -165,12 +187,12 @@ extent &extent::operator+=(const extent &more)
     return *this;
 }
 
-siblings::siblings(std::vector<node> in_order)
+siblings::siblings(const std::vector<std::shared_ptr<const node>> &in_order)
 {
     std::vector<branch> all;
     all.reserve(in_order.size());
-    for (node &each : in_order) {
-        all.push_back({all.size(), std::make_shared<const node>(std::move(each))});
+    for (const auto &each : in_order) {
+        all.push_back({all.size(), each});
     }
     ordered_ = shared_set<branch, document_order>(all);
     keep_index();
@@ -185,12 +207,15 @@ void siblings::keep_index()
         std::vector<listed> all;
         all.reserve(size());
         for (iterator each = begin(); each != end(); ++each) {
-            all.push_back(listed_as(each.held()));
+            all.push_back(listed_as(each.held(), all.empty() ? nullptr : all.back().as.get()));
         }
         const auto sorted_by = [&all](auto order) {
-            std::sort(all.begin(), all.end(), [](const listed &left, const listed &right) {
+            const auto is_less = [](const listed &left, const listed &right) {
                 return std::is_lt(decltype(order)::compare(left, right));
-            });
+            };
+            if (!std::is_sorted(all.begin(), all.end(), is_less)) { // as most files are
+                std::sort(all.begin(), all.end(), is_less);
+            }
             return shared_set<listed, decltype(order)>(all);
         };
         index made;
@@ -201,12 +226,14 @@ void siblings::keep_index()
 }
 
 template <typename Change>
-void siblings::change_index(const Change &change)
+void siblings::change_index(const branch &whom, const Change &change)
 {
     if (index_ != nullptr) {
+        const listed *alike = index_->by_name.first_from(name_of(*whom.tree));
+        const listed item = listed_as(whom, alike == nullptr ? nullptr : alike->as.get());
         index changed = *index_;
-        change(changed.by_name);
-        change(changed.by_key);
+        change(changed.by_name, item);
+        change(changed.by_key, item);
         index_ = std::make_shared<const index>(std::move(changed));
     }
     keep_index();
@@ -222,13 +249,14 @@ branch siblings::insert(std::uint64_t label, node added)
 {
     branch held{label, std::make_shared<const node>(std::move(added))};
     ordered_.put(held);
-    change_index([item = listed_as(held)](auto &all) { all.put(item); });
+    change_index(held, [](auto &all, const listed &item) { all.put(item); });
     return held;
 }
 
 void siblings::replace(const branch &former, node now)
 {
-    if (naming(*former.tree) == naming(now)) {
+    const naming name = naming_of(*former.tree, nullptr);
+    if (is_same(name, naming_of(now, &name))) {
         ordered_.put({former.label, std::make_shared<const node>(std::move(now))});
     } else {
         erase(former);
@@ -239,7 +267,7 @@ void siblings::replace(const branch &former, node now)
 void siblings::erase(const branch &former)
 {
     ordered_.erase(former);
-    change_index([item = listed_as(former)](auto &all) { all.erase(item); });
+    change_index(former, [](auto &all, const listed &item) { all.erase(item); });
 }
 
 // A few children among which are all that a step leads to: those of the key, where all of the name
@@ -268,9 +296,9 @@ std::vector<branch> siblings::candidates(const step &wanted) const
     if (first == nullptr || std::is_neq(key_order::compare(*first, all_named))) {
         return found;
     }
-    const std::string &key_name = first->as->key_name;
+    const std::string &key_name = first->as->list->key_name;
     const std::optional<std::string> given = joined_values(key_name, wanted);
-    if (given && by_key.last_up_to(all_named)->as->key_name == key_name) {
+    if (given && by_key.last_up_to(all_named)->as->list->key_name == key_name) {
         take(by_key, key_probe{all_named.called, key_name, *given}, key_order());
     } else {
         take(index_->by_name, all_named.called, name_order());
@@ -369,6 +397,31 @@ bool siblings::has_twin(const branch &whom) const
     return std::any_of(found.begin(), found.end(), [&](const branch &each) {
         return each.label != whom.label && key_of(*each.tree) == key;
     });
+}
+
+const branch *siblings::first_twin() const
+{
+    if (index_ != nullptr) {
+        const listed *former = nullptr;
+        for (const listed &each : index_->by_key) {
+            if (former != nullptr && is_same(*former->as, *each.as) &&
+                !is_told_by_position(*at(each.label)->tree)) {
+                return at(former->label);
+            }
+            former = &each;
+        }
+        return nullptr;
+    }
+    for (iterator each = begin(); each != end(); ++each) {
+        iterator other = each;
+        while (++other != end()) {
+            if (name_of(*each) == name_of(*other) && !is_told_by_position(*each) &&
+                key_of(*each) == key_of(*other)) {
+                return &each.held();
+            }
+        }
+    }
+    return nullptr;
 }
 
 const node *siblings::key() const

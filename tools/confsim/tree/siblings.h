@@ -54,9 +54,11 @@ struct document_order {
 };
 
 class siblings {
+    using held_iterator = shared_set<branch, document_order>::iterator;
+
 public:
     siblings() = default;
-    explicit siblings(std::vector<node> in_order);
+    explicit siblings(const std::vector<std::shared_ptr<const node>> &in_order);
 
     [[nodiscard]] std::size_t size() const { return ordered_.size(); }
     [[nodiscard]] bool empty() const { return size() == 0; }
@@ -79,6 +81,8 @@ public:
     // Another one to which a step to the child would lead as well: a list entry of the same name
     // and key or, where the model allows but one, a node of the same name.
     [[nodiscard]] bool has_twin(const branch &whom) const;
+    // One that has; null when none does. It takes the time of one look at each.
+    [[nodiscard]] const branch *first_twin() const;
 
     // The child of the same name before and behind one; null when there is none.
     [[nodiscard]] const branch *previous(const branch &whom) const;
@@ -110,23 +114,22 @@ public:
         using reference = const node &;
 
         iterator() = default;
-        explicit iterator(const siblings &all) : all_(&all), at_(all.ordered_.front()) {}
+        explicit iterator(held_iterator at) : at_(at) {}
 
         reference operator*() const { return *at_->tree; }
         pointer operator->() const { return at_->tree.get(); }
         [[nodiscard]] const branch &held() const { return *at_; }
         iterator &operator++()
         {
-            at_ = all_->ordered_.first_after(at_->label);
+            ++at_;
             return *this;
         }
-        bool operator==(const iterator &other) const { return at_ == other.at_; }
+        bool operator==(const iterator &other) const = default;
 
     private:
-        const siblings *all_ = nullptr;
-        const branch *at_ = nullptr;
+        held_iterator at_;
     };
-    [[nodiscard]] iterator begin() const { return iterator(*this); }
+    [[nodiscard]] iterator begin() const { return iterator(ordered_.begin()); }
     [[nodiscard]] iterator end() const { return {}; }
 
 private:
@@ -134,7 +137,7 @@ private:
 
     void keep_index();
     template <typename Change>
-    void change_index(const Change &change);
+    void change_index(const branch &whom, const Change &change);
     [[nodiscard]] const branch *at(std::uint64_t label) const { return ordered_.first_from(label); }
     template <typename Accessor>
     [[nodiscard]] const branch *neighbour(const branch &whom, Accessor step) const;

@@ -45,19 +45,39 @@ void refuse_twin(const siblings &all, const branch &whom, const path &above)
     }
 }
 
-// What must not stand in a file that is to be read again. `where` is as before afterwards.
-void refuse_content(const node &tree, path &where)
+// A node on the way of a walk through a tree. Its path is made only when there is something to
+// complain about.
+struct visited {
+    const visited *above; // null: that is the node where the walk began
+    const siblings &among;
+    const branch &whom;
+};
+
+path path_to(const path &begin, const visited *node)
+{
+    if (node == nullptr) {
+        return begin;
+    }
+    path where = path_to(begin, node->above);
+    const struct node &tree = *node->whom.tree;
+    where.push_back(
+        node->among.step_to(node->whom, node->among.has_several(tree.module, tree.name)));
+    return where;
+}
+
+// What must not stand in a file that is to be read again.
+void refuse_content(const node &tree, const path &begin, const visited *here = nullptr)
 {
     if (!tree.text.empty() && !tree.is_leaf()) {
-        throw failure(to_text(where) + " holds both a text and other nodes");
+        throw failure(to_text(path_to(begin, here)) + " holds both a text and other nodes");
+    }
+    if (const branch *twin = tree.children.first_twin()) {
+        refuse_twin(tree.children, *twin, path_to(begin, here));
     }
     for (auto each = tree.children.begin(); each != tree.children.end(); ++each) {
-        refuse_twin(tree.children, each.held(), where);
         if (!each->is_leaf()) {
-            where.push_back(tree.children.step_to(
-                each.held(), tree.children.has_several(each->module, each->name)));
-            refuse_content(*each, where);
-            where.pop_back();
+            const visited next{here, tree.children, each.held()};
+            refuse_content(*each, begin, &next);
         }
     }
 }
@@ -310,8 +330,7 @@ void put(node &top, const path &where, std::vector<node> instances)
             parent.children.erase(each);
         }
         for (node &each : instances) {
-            path inside = where;
-            refuse_content(each, inside);
+            refuse_content(each, where);
             if (added.size() < replaced.size()) {
                 added.push_back(
                     parent.children.insert(replaced[added.size()].label, std::move(each)));
@@ -422,8 +441,7 @@ std::size_t remove(node &top, const path &where)
 void refuse_unreadable(const node &tree, const path &where)
 {
     refuse_depth(tree, where);
-    path here = where;
-    refuse_content(tree, here);
+    refuse_content(tree, where);
 }
 
 } // namespace confsim

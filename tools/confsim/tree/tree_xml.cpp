@@ -54,6 +54,21 @@ void to_xml_below(const node &tree, xmlNode *element, module_table &modules)
     }
 }
 
+node without_children(const xmlNode *element, const std::string &outer_module,
+                      module_table &modules)
+{
+    node made{"", xml::name(element), xml::text(element), {}};
+    if (element->ns != nullptr && element->ns->href != nullptr && *element->ns->href != 0) {
+        made.module = modules.name_of(element->ns);
+    } else if (outer_module.empty()) {
+        made.module = made.name;
+        modules.add_without_namespace(made.module);
+    } else {
+        made.module = outer_module;
+    }
+    return made;
+}
+
 } // namespace
 
 const std::string &module_table::name_of(const xmlNs *space)
@@ -97,21 +112,27 @@ bool module_table::needs_prefix(const std::string &module)
 
 node from_xml(const xmlNode *element, const std::string &outer_module, module_table &modules)
 {
-    node made{"", xml::name(element), xml::text(element), {}};
-    if (element->ns != nullptr && element->ns->href != nullptr && *element->ns->href != 0) {
-        made.module = modules.name_of(element->ns);
-    } else if (outer_module.empty()) {
-        made.module = made.name;
-        modules.add_without_namespace(made.module);
-    } else {
-        made.module = outer_module;
-    }
-    std::vector<node> children;
+    node made = without_children(element, outer_module, modules);
+    std::vector<std::shared_ptr<const node>> children;
     for (const xmlNode *child = xml::first_element(element); child != nullptr;
          child = xml::next_element(child)) {
-        children.push_back(from_xml(child, made.module, modules));
+        children.push_back(std::make_shared<const node>(from_xml(child, made.module, modules)));
     }
-    made.children = siblings(std::move(children));
+    made.children = siblings(children);
+    return made;
+}
+
+node from_xml(xml::node_ptr element, const std::string &outer_module, module_table &modules)
+{
+    node made = without_children(element.get(), outer_module, modules);
+    std::vector<std::shared_ptr<const node>> children;
+    for (xmlNode *child = xml::first_element(element.get()); child != nullptr;) {
+        xmlNode *next = xml::next_element(child);
+        children.push_back(
+            std::make_shared<const node>(from_xml(xml::taken(child), made.module, modules)));
+        child = next;
+    }
+    made.children = siblings(children);
     return made;
 }
 

@@ -128,6 +128,12 @@ node_ptr copy(const xmlNode *node)
     return node_ptr(made(xmlCopyNode(const_cast<xmlNode *>(node), 1)));
 }
 
+node_ptr taken(xmlNode *node)
+{
+    xmlUnlinkNode(node);
+    return node_ptr(node);
+}
+
 xmlNode *add(xmlNode *parent, const char *name, const std::string &text)
 {
     return made(xmlNewTextChild(parent, nullptr, chars(name),
@@ -198,18 +204,16 @@ int child_number(const xmlNode *parent, const char *name)
 
 namespace {
 
-// Values can hold prefixes, too, so all that are known where the element stands are declared.
-node_ptr copy_alone(const xmlNode *element)
+// Values can hold prefixes, too, so all that are known where an element stands are declared.
+void declare_known(xmlNode *made, const xmlNode *element)
 {
-    node_ptr made = copy(element);
     xmlNs **known = xmlGetNsList(element->doc, element);
     for (xmlNs **each = known; each != nullptr && *each != nullptr; ++each) {
         if ((*each)->prefix != nullptr) { // the default one is that of the element
-            (void)xmlNewNs(made.get(), (*each)->href, (*each)->prefix); // null for a second one
+            (void)xmlNewNs(made, (*each)->href, (*each)->prefix); // null for a second one
         }
     }
     xmlFree(known);
-    return made;
 }
 
 void inherit(xmlNode *element, xmlNs *space)
@@ -226,18 +230,16 @@ void inherit(xmlNode *element, xmlNs *space)
 
 void add_inheriting(xmlNode *parent, const xmlNode *element)
 {
-    node_ptr made = copy_alone(element);
+    node_ptr made = copy(element);
+    declare_known(made.get(), element);
     inherit(made.get(), parent->ns);
     add(parent, std::move(made));
 }
 
-std::string print_alone(const std::vector<const xmlNode *> &elements)
+std::string print_alone(xmlNode *element)
 {
-    std::string all;
-    for (const xmlNode *each : elements) {
-        all += print(copy_alone(each).get());
-    }
-    return all;
+    declare_known(element, element);
+    return print(element);
 }
 
 std::string print(xmlNode *node)

@@ -33,6 +33,8 @@ using doc_ptr = std::unique_ptr<xmlDoc, deleter>;
 
 [[nodiscard]] node_ptr element(const char *name);
 [[nodiscard]] node_ptr copy(const xmlNode *node);
+// Takes a node out of its document, on which its name and its namespace still depend.
+[[nodiscard]] node_ptr taken(xmlNode *node);
 xmlNode *add(xmlNode *parent, const char *name, const std::string &text = "");
 void add(xmlNode *parent, node_ptr child);
 
@@ -53,8 +55,8 @@ void add(xmlNode *parent, node_ptr child);
 // keeps the prefixes that it knows.
 void add_inheriting(xmlNode *parent, const xmlNode *element);
 
-// The elements one after the other, each with the prefixes that it knows, so it can stand alone.
-[[nodiscard]] std::string print_alone(const std::vector<const xmlNode *> &elements);
+// As print(), with the prefixes that the element knows declared in it, so it can stand alone.
+[[nodiscard]] std::string print_alone(xmlNode *element);
 
 // As indented lines, without a line break at the end.
 [[nodiscard]] std::string print(xmlNode *node);
