@@ -1,5 +1,6 @@
 // Searches the records of index.js for sections that hold each word that was typed. Where the words
-// stand in a title they count more, most of all where they are the title.
+// stand in a title they count more, most of all where they are the title; in the title of the page,
+// which its sections share, they count least.
 "use strict";
 (function () {
     const input = document.getElementById("search");
@@ -17,9 +18,9 @@
                 sum += 40;
             } else if (title.includes(word)) {
                 sum += 20;
-            } else if (record.p.toLowerCase().includes(word)) {
-                sum += 10;
             } else if (record.b.toLowerCase().includes(word)) {
+                sum += 5;
+            } else if (record.p.toLowerCase().includes(word)) {
                 sum += 1;
             } else {
                 return 0;
