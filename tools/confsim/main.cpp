@@ -20,6 +20,7 @@
 #include "service/endpoints.h"
 #include "service/loop.h"
 #include "store/configuration.h"
+#include "terminal/colour.h"
 #include "trace/trace.h"
 
 #include <CLI/CLI.hpp>
@@ -287,11 +288,11 @@ bool serve(const settings &wanted, channels &to_others, event_loop &loop, consol
         settle(service, found, loop, patience);
     }
     if (found.has_failed()) {
-        std::cerr << "confsim: what a plugin does is wrong, see above\n";
+        print_error("confsim: what a plugin does is wrong, see above");
         return false;
     }
     if (is_good && service.has_failed_by_breach()) {
-        std::cerr << "confsim: a plugin has broken the model\n";
+        print_error("confsim: a plugin has broken the model");
         cases.fail("", "a plugin has broken the model");
         return false;
     }
@@ -306,7 +307,7 @@ bool end_programs(const settings &wanted, program_list &started, case_list &case
         return true;
     }
     for (const std::string &each : started.complaints()) {
-        std::cerr << "confsim: " << each << '\n';
+        print_error("confsim: " + each);
         cases.fail("", each);
     }
     return started.complaints().empty();
@@ -346,7 +347,7 @@ int simulate(settings &wanted, bool with_command)
     }
     for (trace_file &each : to_others.traces) {
         if (const std::string wrong = each.finish(); !wrong.empty()) {
-            out.event("warning: " + wrong);
+            out.event("warning: " + wrong, tone::finding);
         }
     }
     cases.close();
@@ -415,7 +416,7 @@ int main(int count, char **arguments)
         }
         return status;
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "confsim: %s\n", error.what());
+        print_error(std::string("confsim: ") + error.what());
         return failed;
     }
 }

@@ -149,7 +149,7 @@ bool interpreter::run(const std::string &line, script *from)
         }
     } catch (const failure &reason) {
         error_ = reason.what();
-        say("error: " + error_);
+        say("error: " + error_, tone::error);
         report_->ok = false;
         report_->text = here_.out.shown(note(reason));
     }
@@ -230,14 +230,14 @@ const interpreter::command &interpreter::look_inside(const words &line)
 }
 
 // Prints a part of the answer at once.
-void interpreter::say(const std::string &text)
+void interpreter::say(const std::string &text, tone meant)
 {
     const std::string shown = here_.out.shown(text);
     report_->text += (report_->text.empty() ? "" : "\n") + shown;
     if (!keeps_answer_) {
         answer_ += (answer_.empty() ? "" : "\n") + shown;
     }
-    here_.out.print(text);
+    here_.out.print(text, meant);
 }
 
 // What the command is about.
@@ -333,7 +333,7 @@ void interpreter::commit(const words & /*line*/)
 {
     report_->data = json_value::array();
     confsim::commit(here_.service, here_.config,
-                    {[this](const std::string &text) { say(text); },
+                    {[this](const std::string &text, tone meant) { say(text, meant); },
                      [this](const publication &what, const answer &got) {
                          report_->data.push_back(publication_data(what, got));
                          if ((what.oper & CONFIG_OP_ROLLBACK) != 0 &&
