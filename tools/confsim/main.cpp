@@ -253,7 +253,9 @@ bool serve(const settings &wanted, channels &to_others, event_loop &loop, consol
     if (!wanted.config.empty() && !config.begin_with(wanted.config)) {
         out.event("the configuration of the store is used, not " + wanted.config);
     }
-    script lines(loop, wanted.script.empty() ? standard_input(loop, out)
+    const interpreter *knowing = nullptr; // which comes last
+    const auto complete = [&knowing](const std::string &line) { return knowing->complete(line); };
+    script lines(loop, wanted.script.empty() ? standard_input(loop, out, complete)
                                              : script_input(loop, wanted.script));
     endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
@@ -275,6 +277,7 @@ bool serve(const settings &wanted, channels &to_others, event_loop &loop, consol
     }
     interpreter commands({loop, out, trace, config, service, where, patience, run.started, run.logs,
                           wanted.known, &found, &cases});
+    knowing = &commands;
     std::optional<control> others;
     if (to_others.commands) {
         others.emplace(loop, out, *to_others.commands, commands);

@@ -55,9 +55,8 @@ const interpreter::command interpreter::table[] = {
     {"set", "PATH [VALUE]", "make a node of the candidate, or change a leaf", 1, 2,
      &interpreter::set},
     {"delete", "PATH", "remove nodes from the candidate", 1, 1, &interpreter::remove},
-    {"show", "[--json] [NAME] [PATH]",
-     "the configuration running, old, candidate or deployment, or published", 0, 3,
-     &interpreter::show},
+    {"show", "[--json] [running|old|candidate|deployment|published] [PATH]",
+     "a configuration, or what plugins published", 0, 3, &interpreter::show},
     {"move", "PATH before|after|first|last [PATH]",
      "move an entry of a list that users order (--yang)", 2, 3, &interpreter::move},
     {"validate", "", "whether the model allows the candidate (--yang)", 0, 0,
@@ -98,8 +97,8 @@ const interpreter::command interpreter::table[] = {
      2, &interpreter::expect_exit},
     {"start", "NAME -- COMMAND...", "start another program beside the one that runs", 3, any_number,
      &interpreter::start},
-    {"signal", "NAME SIGNAL", "send a signal to a program", 2, 2, &interpreter::signal},
-    {"wait-exit", "NAME [STATUS] [SECONDS]", "until that program ends, as expect-exit", 1, 3,
+    {"signal", "PROGRAM SIGNAL", "send a signal to a program", 2, 2, &interpreter::signal},
+    {"wait-exit", "PROGRAM [STATUS] [SECONDS]", "until that program ends, as expect-exit", 1, 3,
      &interpreter::wait_exit},
     {"fail", "COMMAND...", "carry the command out and fail unless it does", 1, any_number,
      &interpreter::expect_failure},
@@ -185,6 +184,15 @@ void interpreter::keep_nodes()
     } else if (is_list) {
         answer_nodes_ = join_words(data.get<words>(), 0);
     }
+}
+
+std::vector<usage> interpreter::usages()
+{
+    std::vector<usage> all;
+    for (const command &each : table) {
+        all.push_back({each.name, each.arguments});
+    }
+    return all;
 }
 
 const interpreter::command &interpreter::look_up(const words &line)
