@@ -56,7 +56,7 @@ protected:
     [[nodiscard]] std::string completed(const std::string &line) const
     {
         const surroundings here{
-            {commands, faults},   config, known, {"users", "routes"}, {"users:lock"},
+            {commands, faults},   *config, known, {"users", "routes"}, {"users:lock"},
             {"/shop:shop/state"}, {"sh"}};
         const completion found = complete(line, here);
         std::string now = line.substr(0, found.begin) + found.replacement;
@@ -79,11 +79,11 @@ protected:
 
     void set(const std::string &where, const char *value = nullptr)
     {
-        config.set(parse_path(where), value == nullptr ? std::nullopt : std::optional(value));
+        config->set(parse_path(where), value == nullptr ? std::nullopt : std::optional(value));
     }
 
     std::unique_ptr<model> shop;
-    configuration config{""};
+    std::optional<configuration> config{std::in_place, ""};
     variables known;
 };
 
@@ -156,8 +156,7 @@ TEST_F(Terminal, PathsAndValuesOfTheModel)
     } catch (const failure &reason) {
         GTEST_SKIP() << reason.what();
     }
-    config.~configuration();
-    new (&config) configuration("", shop.get());
+    config.emplace("", shop.get());
     set("/shop:shop/till[floor='first'][number='7']/money", "100");
     check({
         {"set /", "set /shop:shop/"},
@@ -208,7 +207,7 @@ TEST_F(Terminal, OddKeysAreReadBack)
         if (each.find_first_not_of(" \r\t") != std::string::npos) { // else XML does not keep it
             entries.push_back(
                 {{"m", "top", {}}, {"m", "list", {{"key", each}}}, {"m", "leaf", {}}});
-            config.set(entries.back(), "1");
+            config->set(entries.back(), "1");
         }
     }
     for (const char *definition : {"", "HOME=somewhere"}) {
