@@ -128,7 +128,7 @@ const interpreter::command interpreter::table[] = {
     {"full", "[on|off]", "the queue for notifications is full", 0, 1, &interpreter::fill_notifier},
     {"unreadable-profile", "[on|off]", "plugins cannot read where the sockets are", 0, 1,
      &interpreter::spoil_profile},
-    {"help", "", "this list", 0, 0, &interpreter::help},
+    {"help", "", "this list; on a terminal, Tab completes what is typed", 0, 0, &interpreter::help},
     {"quit", "", "end confsim", 0, 0, &interpreter::quit},
 };
 

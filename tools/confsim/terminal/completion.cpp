@@ -95,8 +95,9 @@ void add_files(candidates &to, const std::string &prefix)
         if (is_wanted) {
             std::error_code unknown;
             const bool is_directory = each->is_directory(unknown);
-            to.add(prefix + directory + name + (is_directory ? "/" : ""), !is_directory,
-                   prefix.size() + directory.size());
+            std::string word = prefix;
+            word.append(directory).append(name).append(is_directory ? "/" : "");
+            to.add(word, !is_directory, prefix.size() + directory.size());
         }
     }
 }

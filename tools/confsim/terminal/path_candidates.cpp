@@ -56,7 +56,9 @@ public:
             const bool is_fitting = name.starts_with(typed_.name) ||
                                     name.substr(name.find(':') + 1).starts_with(typed_.name);
             if (is_fitting) {
-                to_.add(base_ + name + end, end.empty(), base_.size());
+                std::string word = base_;
+                word.append(name).append(end);
+                to_.add(word, end.empty(), base_.size());
             }
         }
     }
