@@ -82,7 +82,8 @@ public:
         el_set(editor_.get(), EL_PROMPT, prompt);
         el_set(editor_.get(), EL_EDITOR, "emacs");
         el_set(editor_.get(), EL_HIST, history, history_.get());
-        el_set(editor_.get(), EL_ADDFN, "confsim-complete", "Complete the word", complete_word);
+        // The wide form keeps the texts as they are; the other one never frees its copies.
+        el_wset(editor_.get(), EL_ADDFN, L"confsim-complete", L"Complete the word", complete_word);
         el_set(editor_.get(), EL_BIND, "^I", "confsim-complete", nullptr);
     }
     ~terminal() override { stop_editing(); }
