@@ -154,7 +154,8 @@ TEST_F(Terminal, PathsAndValuesOfTheModel)
     try {
         shop = read_model({{"/var/tmp/shop.yang"}});
     } catch (const failure &reason) {
-        GTEST_SKIP() << reason.what();
+        ASSERT_TRUE(std::string(reason.what()).ends_with("built without libyang")) << reason.what();
+        GTEST_SKIP();
     }
     config.emplace("", shop.get());
     set("/shop:shop/till[floor='first'][number='7']/money", "100");
