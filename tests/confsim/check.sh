@@ -217,7 +217,7 @@ signals)
 terminal)
     # What is typed is UTF-8 also in the C locale; what is not is replaced.
     printf 'echo typed:\303\274:\377:\nquit\n' >"$work/keys"
-    LC_ALL=C script -qec "'$confsim' run -- true" /dev/null <"$work/keys" >"$output" || fail "$?"
+    LC_ALL=C XDG_STATE_HOME=$work script -qec "'$confsim' run -- true" /dev/null <"$work/keys" >"$output" || fail "$?"
     cat "$output"
     printf 'typed:\303\274:\357\277\275:\r\n' >"$work/wanted"
     grep -qaF -f "$work/wanted" "$output" || fail "the line is not what was typed"

@@ -20,6 +20,7 @@
 #include "service/endpoints.h"
 #include "service/loop.h"
 #include "store/configuration.h"
+#include "terminal/colour.h"
 #include "trace/trace.h"
 
 #include <CLI/CLI.hpp>
@@ -252,7 +253,9 @@ bool serve(const settings &wanted, channels &to_others, event_loop &loop, consol
     if (!wanted.config.empty() && !config.begin_with(wanted.config)) {
         out.event("the configuration of the store is used, not " + wanted.config);
     }
-    script lines(loop, wanted.script.empty() ? standard_input(loop, out)
+    const interpreter *knowing = nullptr; // which comes last
+    const auto complete = [&knowing](const std::string &line) { return knowing->complete(line); };
+    script lines(loop, wanted.script.empty() ? standard_input(loop, out, complete)
                                              : script_input(loop, wanted.script));
     endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
@@ -274,6 +277,7 @@ bool serve(const settings &wanted, channels &to_others, event_loop &loop, consol
     }
     interpreter commands({loop, out, trace, config, service, where, patience, run.started, run.logs,
                           wanted.known, &found, &cases});
+    knowing = &commands;
     std::optional<control> others;
     if (to_others.commands) {
         others.emplace(loop, out, *to_others.commands, commands);
@@ -287,11 +291,11 @@ bool serve(const settings &wanted, channels &to_others, event_loop &loop, consol
         settle(service, found, loop, patience);
     }
     if (found.has_failed()) {
-        std::cerr << "confsim: what a plugin does is wrong, see above\n";
+        print_error("confsim: what a plugin does is wrong, see above");
         return false;
     }
     if (is_good && service.has_failed_by_breach()) {
-        std::cerr << "confsim: a plugin has broken the model\n";
+        print_error("confsim: a plugin has broken the model");
         cases.fail("", "a plugin has broken the model");
         return false;
     }
@@ -306,7 +310,7 @@ bool end_programs(const settings &wanted, program_list &started, case_list &case
         return true;
     }
     for (const std::string &each : started.complaints()) {
-        std::cerr << "confsim: " << each << '\n';
+        print_error("confsim: " + each);
         cases.fail("", each);
     }
     return started.complaints().empty();
@@ -346,7 +350,7 @@ int simulate(settings &wanted, bool with_command)
     }
     for (trace_file &each : to_others.traces) {
         if (const std::string wrong = each.finish(); !wrong.empty()) {
-            out.event("warning: " + wrong);
+            out.event("warning: " + wrong, tone::finding);
         }
     }
     cases.close();
@@ -415,7 +419,7 @@ int main(int count, char **arguments)
         }
         return status;
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "confsim: %s\n", error.what());
+        print_error(std::string("confsim: ") + error.what());
         return failed;
     }
 }

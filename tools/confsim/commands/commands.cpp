@@ -55,9 +55,8 @@ const interpreter::command interpreter::table[] = {
     {"set", "PATH [VALUE]", "make a node of the candidate, or change a leaf", 1, 2,
      &interpreter::set},
     {"delete", "PATH", "remove nodes from the candidate", 1, 1, &interpreter::remove},
-    {"show", "[--json] [NAME] [PATH]",
-     "the configuration running, old, candidate or deployment, or published", 0, 3,
-     &interpreter::show},
+    {"show", "[--json] [running|old|candidate|deployment|published] [PATH]",
+     "a configuration, or what plugins published", 0, 3, &interpreter::show},
     {"move", "PATH before|after|first|last [PATH]",
      "move an entry of a list that users order (--yang)", 2, 3, &interpreter::move},
     {"validate", "", "whether the model allows the candidate (--yang)", 0, 0,
@@ -98,8 +97,8 @@ const interpreter::command interpreter::table[] = {
      2, &interpreter::expect_exit},
     {"start", "NAME -- COMMAND...", "start another program beside the one that runs", 3, any_number,
      &interpreter::start},
-    {"signal", "NAME SIGNAL", "send a signal to a program", 2, 2, &interpreter::signal},
-    {"wait-exit", "NAME [STATUS] [SECONDS]", "until that program ends, as expect-exit", 1, 3,
+    {"signal", "PROGRAM SIGNAL", "send a signal to a program", 2, 2, &interpreter::signal},
+    {"wait-exit", "PROGRAM [STATUS] [SECONDS]", "until that program ends, as expect-exit", 1, 3,
      &interpreter::wait_exit},
     {"fail", "COMMAND...", "carry the command out and fail unless it does", 1, any_number,
      &interpreter::expect_failure},
@@ -129,7 +128,7 @@ const interpreter::command interpreter::table[] = {
     {"full", "[on|off]", "the queue for notifications is full", 0, 1, &interpreter::fill_notifier},
     {"unreadable-profile", "[on|off]", "plugins cannot read where the sockets are", 0, 1,
      &interpreter::spoil_profile},
-    {"help", "", "this list", 0, 0, &interpreter::help},
+    {"help", "", "this list; on a terminal, Tab completes what is typed", 0, 0, &interpreter::help},
     {"quit", "", "end confsim", 0, 0, &interpreter::quit},
 };
 
@@ -149,7 +148,7 @@ bool interpreter::run(const std::string &line, script *from)
         }
     } catch (const failure &reason) {
         error_ = reason.what();
-        say("error: " + error_);
+        say("error: " + error_, tone::error);
         report_->ok = false;
         report_->text = here_.out.shown(note(reason));
     }
@@ -185,6 +184,15 @@ void interpreter::keep_nodes()
     } else if (is_list) {
         answer_nodes_ = join_words(data.get<words>(), 0);
     }
+}
+
+std::vector<usage> interpreter::usages()
+{
+    std::vector<usage> all;
+    for (const command &each : table) {
+        all.push_back({each.name, each.arguments});
+    }
+    return all;
 }
 
 const interpreter::command &interpreter::look_up(const words &line)
@@ -230,14 +238,14 @@ const interpreter::command &interpreter::look_inside(const words &line)
 }
 
 // Prints a part of the answer at once.
-void interpreter::say(const std::string &text)
+void interpreter::say(const std::string &text, tone meant)
 {
     const std::string shown = here_.out.shown(text);
     report_->text += (report_->text.empty() ? "" : "\n") + shown;
     if (!keeps_answer_) {
         answer_ += (answer_.empty() ? "" : "\n") + shown;
     }
-    here_.out.print(text);
+    here_.out.print(text, meant);
 }
 
 // What the command is about.
@@ -333,7 +341,7 @@ void interpreter::commit(const words & /*line*/)
 {
     report_->data = json_value::array();
     confsim::commit(here_.service, here_.config,
-                    {[this](const std::string &text) { say(text); },
+                    {[this](const std::string &text, tone meant) { say(text, meant); },
                      [this](const publication &what, const answer &got) {
                          report_->data.push_back(publication_data(what, got));
                          if ((what.oper & CONFIG_OP_ROLLBACK) != 0 &&

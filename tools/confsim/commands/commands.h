@@ -15,6 +15,7 @@
 #include "service/endpoints.h"
 #include "service/loop.h"
 #include "store/configuration.h"
+#include "terminal/completion.h"
 #include "trace/trace.h"
 
 #include <cstdint>
@@ -57,6 +58,9 @@ public:
     // Whether a command is being carried out, so that there can be no other now.
     [[nodiscard]] bool is_busy() const { return is_busy_; }
 
+    // What can stand at the end of a line that is being typed.
+    [[nodiscard]] completion complete(const std::string &line) const;
+
 private:
     using words = std::vector<std::string>;
     struct command {
@@ -69,6 +73,7 @@ private:
     };
     static const command table[];
 
+    [[nodiscard]] static std::vector<usage> usages();
     [[nodiscard]] static const command &look_up(const words &line);
     [[nodiscard]] static const command &look_inside(const words &line);
     [[nodiscard]] static bool keeps_answer(const words &line);
@@ -82,7 +87,7 @@ private:
     void expect_end(child &of, const words &line, std::size_t position);
     void keep_nodes();
     void carry_out(const words &line);
-    void say(const std::string &text);
+    void say(const std::string &text, tone meant = tone::plain);
     void concern(const std::string &plugin, const std::string &where);
     std::string note(const failure &reason);
     [[nodiscard]] std::string shown_xml(const std::string &text) const;

@@ -8,15 +8,15 @@
 
 namespace confsim {
 
-void console::print(const std::string &text) const
+void console::print(const std::string &text, tone meant) const
 {
-    put(shown(text));
+    put(shown(text), meant);
     record(text);
 }
 
 void console::print_command(const std::string &line) const
 {
-    put("> " + shown_command(line));
+    put("> " + shown_command(line), tone::plain);
     if (recorder) {
         recorder("> " + masked_command(line));
     }
@@ -29,12 +29,12 @@ void console::record(const std::string &text) const
     }
 }
 
-void console::put(const std::string &text) const
+void console::put(const std::string &text, tone meant) const
 {
     if (before) {
         before();
     }
-    std::fputs((text + "\n").c_str(), stdout);
+    std::fputs((coloured(text, has_colours_ ? meant : tone::plain) + "\n").c_str(), stdout);
     std::fflush(stdout);
     if (after) {
         after();

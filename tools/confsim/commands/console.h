@@ -3,23 +3,29 @@
 #ifndef CONFSIM_CONSOLE_H
 #define CONFSIM_CONSOLE_H
 
+#include "terminal/colour.h"
+
 #include <libxml/tree.h>
 
 #include <functional>
 #include <string>
+#include <unistd.h>
 
 namespace confsim {
 
 class console {
 public:
     // Prints a text of one or more lines.
-    void print(const std::string &text) const;
+    void print(const std::string &text, tone meant = tone::plain) const;
 
     // Prints a command of a script.
     void print_command(const std::string &line) const;
 
     // Something that happened without being asked for: a plugin came, a notification arrived.
-    void event(const std::string &text) const { print("* " + text); }
+    void event(const std::string &text, tone meant = tone::plain) const
+    {
+        print("* " + text, meant);
+    }
 
     // How a text, an XML node, a notification or a command looks when it is printed.
     [[nodiscard]] std::string shown(const std::string &text) const;
@@ -38,9 +44,10 @@ public:
     std::function<void()> after;
 
 private:
-    void put(const std::string &text) const;
+    void put(const std::string &text, tone meant) const;
 
     bool masks_ = false;
+    bool has_colours_ = has_colours(STDOUT_FILENO);
 };
 
 } // namespace confsim

@@ -3,8 +3,6 @@
 
 #include "trace/mask.h"
 
-#include <iostream>
-
 namespace confsim {
 
 // Whether a failed command ends something: for people and for programs that read the answers, it
@@ -65,7 +63,7 @@ void conversation::report_failure(const std::string &error)
 {
     cases_.fail(by_.lines.position(), masked(error));
     if (judges()) {
-        std::cerr << by_.lines.position() << ": " << out_.shown(error) << '\n';
+        print_error(by_.lines.position() + ": " + out_.shown(error));
     }
 }
 

@@ -1,15 +1,20 @@
-// Where commands come from: a terminal with line editing, or a file or pipe read line by line.
+// Where commands come from: a terminal, see terminal/edited_input.h, or a file or pipe read line by
+// line.
 #ifndef CONFSIM_INPUT_H
 #define CONFSIM_INPUT_H
 
 #include "commands/console.h"
 #include "service/loop.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 namespace confsim {
+
+struct completion;
+using completer = std::function<completion(const std::string &line)>; // of what is typed
 
 class input {
 public:
@@ -31,8 +36,9 @@ protected:
     input() = default;
 };
 
-// Commands from standard input: edited when it is a terminal.
-[[nodiscard]] std::unique_ptr<input> standard_input(event_loop &loop, console &out);
+// Commands from standard input: edited, and completed, when it is a terminal.
+[[nodiscard]] std::unique_ptr<input> standard_input(event_loop &loop, console &out,
+                                                    const completer &complete);
 
 // Throws failure when the file cannot be opened.
 [[nodiscard]] std::unique_ptr<input> script_input(event_loop &loop, const std::string &file);

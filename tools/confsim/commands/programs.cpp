@@ -35,6 +35,17 @@ void program_list::end()
     }
 }
 
+std::vector<std::string> program_list::names() const
+{
+    std::vector<std::string> found;
+    for (const program &each : all_) {
+        if (!each.process.has_ended()) {
+            found.push_back(each.name);
+        }
+    }
+    return found;
+}
+
 std::vector<std::string> program_list::complaints() const
 {
     std::vector<std::string> found;

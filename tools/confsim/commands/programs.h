@@ -27,6 +27,9 @@ public:
 
     void end();
 
+    // Those that run.
+    [[nodiscard]] std::vector<std::string> names() const;
+
     // Why the session is to fail: one for each program that did not end as it should.
     [[nodiscard]] std::vector<std::string> complaints() const;
 

@@ -64,7 +64,11 @@ fault read_fault(std::span<const std::string> words)
         return !words.empty() && words.front() == each.name;
     });
     if (found == std::end(forms)) {
-        throw failure("there is no such fault; known are: " + known_faults());
+        std::string all;
+        for (const std::string &each : known_faults()) {
+            all += (all.empty() ? "" : ", ") + each;
+        }
+        throw failure("there is no such fault; known are: " + all);
     }
     const std::string arguments = found->arguments;
     const bool has_text = arguments.ends_with('t');
@@ -108,11 +112,11 @@ std::string in_words(const fault &given)
     return text;
 }
 
-std::string known_faults()
+std::vector<std::string> known_faults()
 {
-    std::string all;
+    std::vector<std::string> all;
     for (const form &each : forms) {
-        all += (all.empty() ? "" : ", ") + std::string(each.usage);
+        all.emplace_back(each.usage);
     }
     return all;
 }

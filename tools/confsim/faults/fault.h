@@ -4,6 +4,7 @@
 
 #include <span>
 #include <string>
+#include <vector>
 
 namespace confsim {
 
@@ -37,8 +38,8 @@ struct fault {
 // The other way round.
 [[nodiscard]] std::string in_words(const fault &given);
 
-// All faults with their arguments, for a user who asks.
-[[nodiscard]] std::string known_faults();
+// All faults as they are ordered, each with its arguments.
+[[nodiscard]] std::vector<std::string> known_faults();
 
 } // namespace confsim
 

@@ -70,7 +70,8 @@ void findings::add(const std::string &plugin, const std::string &what)
 {
     const std::string text = "plugin " + plugin + " " + what;
     has_any_ = true;
-    out_.event((are_errors_ ? "error: " : "finding: ") + text);
+    out_.event((are_errors_ ? "error: " : "finding: ") + text,
+               are_errors_ ? tone::error : tone::finding);
     cases_.note(masked(text));
     if (are_errors_) {
         cases_.fail("", masked(text));

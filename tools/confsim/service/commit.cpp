@@ -12,8 +12,6 @@ namespace confsim {
 
 namespace {
 
-using speaker = std::function<void(const std::string &)>;
-
 // Lets plugins read the candidate, for its lifetime.
 class committing_scope {
 public:
@@ -44,6 +42,14 @@ answer publish(conf_daemon &service, const publication &what, bool more)
     return service.exchange(what.to, "publish", publish_params(what, more));
 }
 
+void tell(const commit_listener &listener, const char *what_is_done, const publication &what,
+          const answer &got)
+{
+    listener.say(what_is_done + in_words(what) + ": " + (got.is_result() ? "ok" : got.in_words()),
+                 got.is_result() ? tone::plain : tone::error);
+    listener.published(what, got);
+}
+
 int inverse(int oper)
 {
     switch (oper) {
@@ -68,25 +74,24 @@ void roll_back(conf_daemon &service, std::vector<publication> applied,
     const std::vector<bool> more = more_follow(applied);
     for (std::size_t i = 0; i < applied.size(); ++i) {
         const answer got = publish(service, applied[i], more[i]);
-        listener.say("roll back: " + in_words(applied[i]) + ": " +
-                     (got.is_result() ? "ok" : got.in_words()));
-        listener.published(applied[i], got);
+        tell(listener, "roll back: ", applied[i], got);
     }
 }
 
 // A subscription that is mistyped shows in what nobody is told of.
 void report_unsubscribed(const subscription_index &subscriptions,
-                         const std::vector<difference> &changes, const speaker &say)
+                         const std::vector<difference> &changes, const commit_listener &listener)
 {
     constexpr std::size_t most = 10;
     const std::vector<std::string> all = subscriptions.unsubscribed(changes);
     const std::vector<std::string> names =
         all.empty() ? std::vector<std::string>() : subscriptions.paths();
     for (std::size_t i = 0; i < std::min(all.size(), most); ++i) {
-        say("no active plugin subscribed to " + all[i] + hint_of_nearest(all[i], names));
+        listener.say("no active plugin subscribed to " + all[i] + hint_of_nearest(all[i], names),
+                     tone::plain);
     }
     if (all.size() > most) {
-        say("nor to " + counted(all.size() - most, "further path"));
+        listener.say("nor to " + counted(all.size() - most, "further path"), tone::plain);
     }
 }
 
@@ -104,13 +109,11 @@ void carry_out(conf_daemon &service, configuration &config, const commit_listene
     const std::vector<difference> changes = differences(config.running(), config.candidate());
     std::vector<publication> all = service.subscriptions().publications(changes);
     const std::vector<bool> more = more_follow(all);
-    report_unsubscribed(service.subscriptions(), changes, listener.say);
+    report_unsubscribed(service.subscriptions(), changes, listener);
     const committing_scope scope(config);
     for (std::size_t i = 0; i < all.size(); ++i) {
         const answer got = publish(service, all[i], more[i]);
-        listener.say("publish: " + in_words(all[i]) + ": " +
-                     (got.is_result() ? "ok" : got.in_words()));
-        listener.published(all[i], got);
+        tell(listener, "publish: ", all[i], got);
         if (!got.is_result()) {
             const publication refused = all[i];
             all.resize(i);
@@ -125,7 +128,8 @@ void carry_out(conf_daemon &service, configuration &config, const commit_listene
         throw failure(std::string("commit failed: ") + reason.what());
     }
     listener.say("committed: " + counted(changes.size(), "difference") + ", " +
-                 counted(all.size(), "publication"));
+                     counted(all.size(), "publication"),
+                 tone::plain);
 }
 
 } // namespace

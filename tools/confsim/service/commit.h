@@ -13,7 +13,8 @@ namespace confsim {
 
 // Who is told of each step: in words, and of each publication what became of it.
 struct commit_listener {
-    std::function<void(const std::string &)> say = [](const auto & /*text*/) {};
+    std::function<void(const std::string &, tone)> say = [](const auto & /*text*/, tone /*meant*/) {
+    };
     std::function<void(const publication &, const answer &)> published =
         [](const auto & /*what*/, const auto & /*got*/) {};
 };

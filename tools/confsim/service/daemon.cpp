@@ -140,7 +140,8 @@ void conf_daemon::report_breach(const std::string &who, const std::string &breac
     has_seen_breach_ = true;
     const std::string text =
         (who.empty() ? "a plugin" : "plugin " + who) + " breaks the model: " + breach;
-    out_.event((are_breaches_errors_ ? "error: " : "warning: ") + text);
+    out_.event((are_breaches_errors_ ? "error: " : "warning: ") + text,
+               are_breaches_errors_ ? tone::error : tone::finding);
     if (are_breaches_errors_) {
         throw failure(text);
     }
@@ -235,7 +236,8 @@ void conf_daemon::serve(const plugin_ptr &from, xmlNode *message)
         result = (this->*known->handle)(from, params);
     } catch (const failure &refusal) {
         result = error_element(-1, refusal.what());
-        out_.event("plugin " + from->called() + ": " + method + " refused: " + refusal.what());
+        out_.event("plugin " + from->called() + ": " + method + " refused: " + refusal.what(),
+                   tone::error);
     }
     reply(from, message, std::move(result));
     if (!was_active && from->is_active()) {
@@ -276,7 +278,7 @@ void conf_daemon::start(const plugin_ptr &whom)
         whom->ask("publish", publish_params(all[i], i + 1 < all.size()),
                   [this, complaint](const answer &got) {
                       if (!got.is_result()) {
-                          out_.event(complaint + got.in_words());
+                          out_.event(complaint + got.in_words(), tone::error);
                       }
                   });
     }

@@ -114,6 +114,19 @@ bool event_loop::run_until(const std::function<bool()> &done)
     return run_until(done, steady_clock::time_point::max());
 }
 
+// What is served may take longer than the wait, so what is there must wake the loop only once.
+bool event_loop::wait_readable(int descriptor)
+{
+    bool readable = false;
+    watch(descriptor, POLLIN, [&](short) {
+        readable = true;
+        forget(descriptor);
+    });
+    const bool there = run_until([&readable] { return readable; });
+    forget(descriptor);
+    return there;
+}
+
 // Those that are ready, in the order in which they were added.
 std::vector<event_loop::served> event_loop::wait_for_some(int milliseconds)
 {

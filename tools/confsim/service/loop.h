@@ -41,6 +41,10 @@ public:
     bool run_until(const std::function<bool()> &done, steady_clock::time_point deadline);
     bool run_until(const std::function<bool()> &done);
 
+    // Serves all until there is something to read, or nothing will come any more; false when it was
+    // interrupted.
+    [[nodiscard]] bool wait_readable(int descriptor);
+
     // Ends this and all further runs, until it is resumed.
     void interrupt() { interrupted_ = true; }
     void resume() { interrupted_ = false; }

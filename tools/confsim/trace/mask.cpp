@@ -33,12 +33,17 @@ void make_plain(const xmlNode *node)
     }
 }
 
-// Whether the trace would hide a value of the node that a path leads to.
-bool is_secret(const std::string &where)
+// Whether the trace would hide a value of the node of this name.
+bool is_name_of_secret(const std::string &name)
 {
-    const std::string name = parse_path(where).back().name;
     const std::string shown = "<" + name + ">value</" + name + ">";
     return masked(shown) != shown;
+}
+
+// Of the node that a path leads to.
+bool is_secret(const std::string &where)
+{
+    return is_name_of_secret(parse_path(where).back().name);
 }
 
 } // namespace
@@ -80,6 +85,14 @@ std::string masked_command(const std::string &line)
         return line.substr(0, line.find(' ', line.find_first_not_of(' ')) + 1) + hidden;
     }
     return masked_as_given(line);
+}
+
+bool may_carry_secret(const std::string &line)
+{
+    std::string names = line;
+    std::replace_if(
+        names.begin(), names.end(), [](char c) { return c == '<' || c == '>' || c == '\n'; }, ' ');
+    return masked_command(line) != line || is_name_of_secret(names);
 }
 
 } // namespace confsim

@@ -21,6 +21,9 @@ namespace confsim {
 // A command as it was given. What it sets is a value like any other.
 [[nodiscard]] std::string masked_command(const std::string &line);
 
+// Whether a command is not to be kept: it is masked, or names anything that may hold a secret.
+[[nodiscard]] bool may_carry_secret(const std::string &line);
+
 } // namespace confsim
 
 #endif

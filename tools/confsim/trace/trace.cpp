@@ -60,7 +60,7 @@ void tracer::write(traced_frame made, const std::timespec &time) const
     made.time = time;
     for (trace_file &each : *files_) {
         if (const std::string wrong = each.write(made); !wrong.empty()) {
-            out_.event("warning: " + wrong);
+            out_.event("warning: " + wrong, tone::finding);
         }
     }
 }
