@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Does what README.md tells a newcomer to do: compiles its plugin with its command, runs its session,
-# and compiles the plugin once more against an installed tree. Does the same with docs/guide.md, whose
-# blocks of each language are a program in pieces, and runs the test of a callback in docs/testing.md
-# and the programs of docs/guide/.
+# Does what README.md tells a newcomer to do, against an installed tree: compiles its plugin with its
+# command and runs its session. Does the same with docs/guide.md, whose blocks of each language are a
+# program in pieces, and runs the test of a callback in docs/testing.md and the programs of docs/guide/.
 # usage: readme.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 source_dir=$1
@@ -10,9 +9,13 @@ build_dir=$2
 readme=$source_dir/README.md
 # shellcheck source=tests/abi/scratch.sh
 source "$(dirname "${BASH_SOURCE[0]}")/scratch.sh"
-mkdir build
-ln -s "$build_dir" build/release
-ln -s "$source_dir/include" include
+install_tree "$build_dir"
+# As `eval "$(./dev env)"` does it.
+environment=$("$source_dir/scripts/environment.sh" usr)
+eval "$environment"
+[[ $(command -v confsim) == "$PWD/usr/bin/confsim" ]]
+[[ -e ${MANPATH%%:*}/man1/confsim.1 ]]
+python3 -c 'import confsvc_test'
 
 block "$readme" c 1 >hello.c
 # The session, with what a newcomer is told to see in it.
@@ -24,15 +27,13 @@ awk '
     $0 == "show" {print "expect <greeting>Hi</greeting>"}' pasted >session
 [[ $(grep -c '^expect' session) == 3 ]]
 
-block "$readme" sh 2 | sed 's/confsim run --/confsim run --script session --/' >commands
+block "$readme" sh 2 | sed 's/^cc /&-Wall -Wextra -Werror /; s/run --/run --script session --/' >commands
 grep -q 'run --script' commands
 sh -eux commands
 # Pasted into a pipe as it stands, it goes on to its end.
-build/release/tools/confsim/confsim run -- ./hello <pasted | tee printed
+confsim run -- ./hello <pasted | tee printed
 [[ $(tail -n 1 printed) == '> quit' ]]
 grep -q '<greeting>Hi</greeting>' printed
-# shellcheck disable=SC2046 # several options
-cc -Wall -Wextra -Werror -fsyntax-only -Iinclude $(pkg-config --cflags libxml-2.0) hello.c
 
 # The same in C++.
 block "$readme" cpp 1 >hello.cpp
@@ -51,20 +52,12 @@ sed '1s/^cc /c++ -std=c++17 /; s/door\.c /door.cpp /; s/ -o door/ -o door-cpp/; 
 grep -q 'door.cpp -o door-cpp' commands-cpp
 sh -eux commands-cpp
 
-install_tree "$build_dir"
 block "$source_dir/docs/testing.md" c 1 >callback.c
 # shellcheck disable=SC2046 # several options
 cc -Wall -Wextra -Werror callback.c -o callback $(pkg-config --cflags --libs libconfsvc)
-LD_LIBRARY_PATH=$PWD/$(dirname "$PKG_CONFIG_PATH")
-block "$readme" sh 4 | sed "s|=DIR|=$PWD/usr|g; s/-o hello/-o installed/" >commands
-echo 'usr/bin/confsim run --script session -- ./installed' >>commands
-sh -eux commands
+./callback
 
 # The programs of the guides, by the commands and scripts that stand beside them.
-export PATH=$PWD/usr/bin:$PATH
-LD_LIBRARY_PATH=$PWD/$(dirname "$PKG_CONFIG_PATH")
-export LD_LIBRARY_PATH
-
 # guide PAGE BLOCK_OF_C=PROGRAM... BLOCK_OF_TEXT=SCRIPT...: then does what the first block of sh says.
 guide()
 {
@@ -80,7 +73,6 @@ guide()
 guide older-interface.md 1=before.c 2=after.c 1=banner.confsim 2=restart.confsim
 confsim run --strict --script restart.confsim -- ./after
 guide agents.md 1=agent.c 2=request.c 1=agent.confsim
-mv installed hello
 guide inside-the-daemon.md 1=local.c 2=daemon.c 2=daemon.confsim
 guide secrets.md 1=apply.c 2=mask.c
 # shellcheck disable=SC2046 # several options

@@ -29,7 +29,7 @@ block $readme text 1 | awk '
     {print}
     $0 == "commit" {print "expect committed"}' >session
 [[ $(grep -c '^expect' session) == 2 ]]
-block $readme sh 4 | grep '^cc ' >compile
+block $readme sh 2 | grep '^cc ' >compile
 sh -eux compile
 confsim run --script session -- ./hello
 cmake -S . -B build >/dev/null
