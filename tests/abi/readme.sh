@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Does what README.md tells a newcomer to do, against an installed tree: compiles its plugin with its
-# command and runs its session. Does the same with docs/guide.md, whose blocks of each language are a
-# program in pieces, and runs the test of a callback in docs/testing.md and the programs of docs/guide/.
+# Does what README.md and docs/guide.md tell a newcomer to do, against an installed tree, and runs the
+# test of a callback in docs/testing.md and the programs of docs/guide/.
 # usage: readme.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 source_dir=$1
@@ -17,40 +16,8 @@ eval "$environment"
 [[ -e ${MANPATH%%:*}/man1/confsim.1 ]]
 python3 -c 'import confsvc_test'
 
-block "$readme" c 1 >hello.c
-# The session, with what a newcomer is told to see in it.
-block "$readme" text 1 >pasted
-awk '
-    $0 == "try commit" {print "fail commit\nexpect A greeting is needed."; next}
-    {print}
-    $0 == "commit" {print "expect committed"}
-    $0 == "show" {print "expect <greeting>Hi</greeting>"}' pasted >session
-[[ $(grep -c '^expect' session) == 3 ]]
-
-block "$readme" sh 2 | sed 's/^cc /&-Wall -Wextra -Werror /; s/run --/run --script session --/' >commands
-grep -q 'run --script' commands
-sh -eux commands
-# Pasted into a pipe as it stands, it goes on to its end.
-confsim run -- ./hello <pasted | tee printed
-[[ $(tail -n 1 printed) == '> quit' ]]
-grep -q '<greeting>Hi</greeting>' printed
-
-# The same in C++.
-block "$readme" cpp 1 >hello.cpp
-block "$readme" sh 3 | sed 's/^c++ /&-Wall -Wextra -Werror /; s/run --/run --script session --/' >commands
-grep -q 'run --script' commands
-sh -eux commands
-
-guide=$source_dir/docs/guide.md
-block "$guide" c all >door.c
-block "$guide" cpp all >door.cpp
-block "$guide" text 1 >door.confsim
-block "$guide" sh 1 | sed '1s/^cc /cc -Wall -Wextra -Werror /' >commands
-sh -eux commands
-sed '1s/^cc /c++ -std=c++17 /; s/door\.c /door.cpp /; s/ -o door/ -o door-cpp/; s@\./door$@./door-cpp@' \
-    commands >commands-cpp
-grep -q 'door.cpp -o door-cpp' commands-cpp
-sh -eux commands-cpp
+follow_readme "$readme"
+follow_guide "$source_dir/docs/guide.md"
 
 block "$source_dir/docs/testing.md" c 1 >callback.c
 # shellcheck disable=SC2046 # several options
@@ -67,8 +34,7 @@ guide()
         [[ $file == *.confsim ]] && language=text || language=c
         block "$page" "$language" "${file%%=*}" >"${file#*=}"
     done
-    block "$page" sh 1 | sed 's/^cc /&-Wall -Wextra -Werror /' >commands
-    sh -eux commands
+    follow "$page" 1
 }
 guide older-interface.md 1=before.c 2=after.c 1=banner.confsim 2=restart.confsim
 confsim run --strict --script restart.confsim -- ./after

@@ -34,3 +34,46 @@ readme_plugins()
         block "$1" cmake 1 | sed 's/confsvc::confsvc/confsvc::cpp/'
     } >CMakeLists.txt
 }
+
+# follow PAGE NUMBER [SED_COMMAND]: does what a block of sh says, where a warning of a compiler fails.
+follow()
+{
+    block "$1" sh "$2" | sed -E "s/^c(c|\+\+) /&-Wall -Wextra -Werror /${3:+; $3}" >commands
+    [[ -s commands ]]
+    sh -eux commands
+}
+
+# follow_readme README: its plugin, compiled and run in C and in C++ by its commands, through its session.
+follow_readme()
+{
+    local as_script='s/run --/run --script session --/'
+    block "$1" c 1 >hello.c
+    block "$1" cpp 1 >hello.cpp
+    # The session, with what a newcomer is told to see in it.
+    block "$1" text 1 >pasted
+    awk '
+        $0 == "try commit" {print "fail commit\nexpect A greeting is needed."; next}
+        {print}
+        $0 == "commit" {print "expect committed"}
+        $0 == "show" {print "expect <greeting>Hi</greeting>"}' pasted >session
+    [[ $(grep -c '^expect' session) == 3 ]]
+
+    follow "$1" 2 "$as_script"
+    # Pasted into a pipe as it stands, it goes on to its end.
+    confsim run -- ./hello <pasted | tee printed
+    [[ $(tail -n 1 printed) == '> quit' ]]
+    grep -q '<greeting>Hi</greeting>' printed
+    rm hello
+    follow "$1" 3 "$as_script"
+}
+
+# follow_guide GUIDE: its plugin, whose pieces are all blocks of a language, in C and in C++.
+follow_guide()
+{
+    block "$1" c all >door.c
+    block "$1" cpp all >door.cpp
+    block "$1" text 1 >door.confsim
+    follow "$1" 1
+    rm door
+    follow "$1" 2
+}

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs as root in a fresh root that has compilers and nothing of ours: installs the packages, follows
-# the README in C by pkg-config and in C++ by CMake, plays the examples, packages a plugin, removes
-# everything, and looks for what is left.
+# the README and the guide to a first plugin, plays the examples, packages a plugin, removes everything,
+# and looks for what is left.
 # usage: installed.sh DIRECTORY    where the packages, README.md and scratch.sh are
 set -euo pipefail
 packages=$1
@@ -19,19 +19,16 @@ list_files()
 list_files >before
 ours=("$packages"/libconfsvc1_*.deb "$packages"/libconfsvc-dev_*.deb "$packages"/libconfsvc-doc_*.deb
       "$packages"/confsim_*.deb)
-apt-get install --yes --no-install-recommends "${ours[@]}"
+time apt-get install --yes --no-install-recommends "${ours[@]}"
 
-printf '=== The README, in C by pkg-config and in C++ by CMake\n'
-readme=/usr/share/doc/libconfsvc-dev/README.md
-readme_plugins $readme
-block $readme text 1 | awk '
-    $0 == "try commit" {print "fail commit\nexpect A greeting is needed."; next}
-    {print}
-    $0 == "commit" {print "expect committed"}' >session
-[[ $(grep -c '^expect' session) == 2 ]]
-block $readme sh 2 | grep '^cc ' >compile
-sh -eux compile
-confsim run --script session -- ./hello
+printf '=== The first plugin, word for word, in C and in C++\n'
+pages=/usr/share/doc/libconfsvc-dev
+time {
+    follow_readme $pages/README.md
+    follow_guide $pages/docs/guide.md
+}
+printf '=== The README by CMake\n'
+readme_plugins $pages/README.md
 cmake -S . -B build >/dev/null
 cmake --build build
 confsim run --script session -- build/hello
