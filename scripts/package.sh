@@ -38,7 +38,8 @@ cross()
     scripts/fresh-root.sh "$work" "$(dpkg --print-architecture),$architecture" \
         "build-essential,crossbuild-essential-$architecture" "
             cd /work/$tree
-            apt-get build-dep --yes --no-install-recommends --host-architecture $architecture .
+            apt-get build-dep --yes --no-install-recommends --arch-only \
+                --host-architecture $architecture .
             DEB_BUILD_OPTIONS='$DEB_BUILD_OPTIONS nocheck' dpkg-buildpackage --no-sign \
                 --host-arch $architecture --build-profiles=cross --build=any
             rm -r /work/$tree"
