@@ -400,6 +400,8 @@ private:
 
 TEST(Models, ConfigurationsOfOthersGoThereAndBack)
 {
+    // The modules that come with libyang have types, and nothing that is configured.
+    const fs::path of_libyang = "/usr/share/yang/modules/libyang";
     model_sources all;
     std::vector<std::string> files;
     for (const char *top : {"/usr/share/yang", "/usr/share/yuma"}) {
@@ -409,7 +411,8 @@ TEST(Models, ConfigurationsOfOthersGoThereAndBack)
         for (const auto &each : fs::recursive_directory_iterator(top)) {
             if (each.is_directory()) {
                 all.directories.push_back(each.path());
-            } else if (each.path().extension() == ".yang") {
+            } else if (each.path().extension() == ".yang" &&
+                       each.path().parent_path() != of_libyang) {
                 files.push_back(each.path());
             }
         }
@@ -420,6 +423,7 @@ TEST(Models, ConfigurationsOfOthersGoThereAndBack)
     std::sort(files.begin(), files.end());
     const long seed = number_from("CONFSIM_SEED", std::random_device{}() % 1000000);
     const long rounds = number_from("CONFSIM_ROUNDS", 20);
+    std::cout << "CONFSIM_SEED=" << seed << " CONFSIM_ROUNDS=" << rounds << std::endl;
     std::mt19937 random(static_cast<unsigned>(seed));
     std::size_t set = 0;
     long round = 0;
