@@ -140,6 +140,9 @@ private:
     [[nodiscard]] yang::data_ptr parsed(const std::string &text, LYD_FORMAT format,
                                         std::uint32_t options) const
     {
+        if (text.find('\0') != std::string::npos) { // where libyang would take the text to end
+            throw failure("there is a zero byte in the text");
+        }
         lyd_node *tree = nullptr;
         const LY_ERR result = lyd_parse_data_mem(
             context(), text.c_str(), format, options | LYD_PARSE_STRICT | LYD_PARSE_ONLY, 0, &tree);

@@ -51,7 +51,7 @@ std::vector<fs::path> modules_in(const fs::path &directory)
 {
     std::map<std::string, fs::path> newest; // by name
     for (const auto &each : fs::directory_iterator(directory)) {
-        if (is_yang(each.path()) && !is_submodule(each.path())) {
+        if (is_yang(each.path()) && each.is_regular_file() && !is_submodule(each.path())) {
             const std::string stem = each.path().stem();
             fs::path &known = newest[stem.substr(0, stem.find('@'))];
             known = std::max(known, each.path());
@@ -79,6 +79,9 @@ void search(ly_ctx *context, const fs::path &directory)
 
 std::string load(ly_ctx *context, const fs::path &file)
 {
+    if (fs::exists(file) && !fs::is_regular_file(file)) {
+        throw failure("not a regular file"); // libyang maps it, and would wait for what never comes
+    }
     ly_in *opened = nullptr;
     check(ly_in_new_filepath(file.c_str(), 0, &opened), context);
     const input_ptr input(opened);

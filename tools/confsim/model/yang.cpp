@@ -210,7 +210,7 @@ std::string complaint(const ly_ctx *context, told most)
         }
     }
     ly_err_clean(const_cast<ly_ctx *>(context), nullptr);
-    return all.empty() ? "libyang cannot tell why; is there too little memory?" : all;
+    return all.empty() ? "libyang gives no reason: is the file empty, or memory exhausted?" : all;
 }
 
 void check(LY_ERR result, const ly_ctx *context, told most)
