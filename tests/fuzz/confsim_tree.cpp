@@ -2,7 +2,7 @@
 // that leads to the same place, and a change that is refused leaves the tree as it was.
 #include "failure.h"
 #include "fuzz.h"
-#include "tree/tree_xml.h"
+#include "tree/tree_text.h"
 
 using namespace confsim;
 
@@ -12,7 +12,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     module_table modules;
     node top{"", "config", "", {}};
     const auto printed = [&modules](const node &tree) {
-        return xml::print(to_xml(tree, modules).get());
+        std::string text = to_xml_text(tree, modules);
+        const std::string by_libxml2 = xml::print(to_xml(tree, modules).get());
+        MUST(text == by_libxml2, text, by_libxml2);
+        return text;
     };
     while (!in.ended()) {
         std::string before = printed(top);

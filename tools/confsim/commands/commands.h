@@ -87,7 +87,8 @@ private:
     void expect_end(child &of, const words &line, std::size_t position);
     void keep_nodes();
     void carry_out(const words &line);
-    void say(const std::string &text, tone meant = tone::plain);
+    void say(std::string text, tone meant = tone::plain);
+    [[nodiscard]] std::string shown(const node &tree) const;
     void concern(const std::string &plugin, const std::string &where);
     std::string note(const failure &reason);
     [[nodiscard]] std::string shown_xml(const std::string &text) const;

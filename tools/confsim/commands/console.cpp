@@ -10,7 +10,11 @@ namespace confsim {
 
 void console::print(const std::string &text, tone meant) const
 {
-    put(shown(text), meant);
+    if (masks_) {
+        put(masked(text), meant);
+    } else {
+        put(text, meant);
+    }
     record(text);
 }
 
@@ -34,16 +38,21 @@ void console::put(const std::string &text, tone meant) const
     if (before) {
         before();
     }
-    std::fputs((coloured(text, has_colours_ ? meant : tone::plain) + "\n").c_str(), stdout);
+    if (has_colours_ && meant != tone::plain) {
+        std::fputs(coloured(text, meant).c_str(), stdout);
+    } else {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+    }
+    std::fputc('\n', stdout);
     std::fflush(stdout);
     if (after) {
         after();
     }
 }
 
-std::string console::shown(const std::string &text) const
+std::string console::shown(std::string text) const
 {
-    return masks_ ? masked(text) : text;
+    return masks_ ? masked(std::move(text)) : std::move(text);
 }
 
 std::string console::shown(xmlNode *node) const

@@ -28,12 +28,13 @@ public:
     }
 
     // How a text, an XML node, a notification or a command looks when it is printed.
-    [[nodiscard]] std::string shown(const std::string &text) const;
+    [[nodiscard]] std::string shown(std::string text) const;
     [[nodiscard]] std::string shown(xmlNode *node) const;
     [[nodiscard]] std::string shown_notification(const std::string &text) const;
     [[nodiscard]] std::string shown_command(const std::string &line) const;
 
     void mask_all() { masks_ = true; }
+    [[nodiscard]] bool masks() const { return masks_; }
 
     // Is given each text that is printed, and those that are not, with secrets masked.
     std::function<void(const std::string &)> recorder;

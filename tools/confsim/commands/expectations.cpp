@@ -96,9 +96,7 @@ void interpreter::expect_match(const words &line)
 
 void interpreter::expect_xpath(const words &line)
 {
-    const std::string text =
-        answer_nodes_ ? *answer_nodes_
-                      : here_.out.shown(here_.config.as_xml(here_.config.running()).get());
+    const std::string text = answer_nodes_ ? *answer_nodes_ : shown(here_.config.running());
     const xpath_result found = evaluate_xpath(text, line[1], here_.config.modules());
     report_->data = found.values;
     if (!fits(found, line, 2)) {

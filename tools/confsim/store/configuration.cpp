@@ -161,10 +161,7 @@ void configuration::keep(const std::string &name, const node &tree)
 
 std::string configuration::as_file(const node &tree)
 {
-    const std::string text = xml::print(as_xml(tree).get());
-    if (text.empty()) {
-        throw failure("There is no memory to store the configuration.");
-    }
+    const std::string text = as_xml_text(tree);
     (void)xml::parse_text(text, "the configuration cannot be read back"); // as the next start does
     return text + "\n";
 }
@@ -218,7 +215,11 @@ void configuration::move(const path &where, destination to, const path &other)
 
 std::string configuration::as_text(const node &tree)
 {
-    return print_inside(as_xml(tree).get());
+    std::string all;
+    for (const node &each : tree.children) {
+        all += as_xml_text(each);
+    }
+    return all;
 }
 
 std::string configuration::as_text(const path &around, const std::vector<const xmlNode *> &inside)

@@ -15,6 +15,7 @@
 
 #include "model/model.h"
 #include "store/store.h"
+#include "tree/tree_text.h"
 #include "tree/tree_xml.h"
 
 #include <string>
@@ -92,8 +93,9 @@ public:
 
     [[nodiscard]] const module_table &modules() const { return modules_; }
 
-    // A tree as XML; the nodes of a whole configuration are wrapped into <config>.
+    // A tree as XML, and as its text; the nodes of a whole configuration are wrapped into <config>.
     [[nodiscard]] xml::node_ptr as_xml(const node &tree) { return to_xml(tree, modules_); }
+    [[nodiscard]] std::string as_xml_text(const node &tree) { return to_xml_text(tree, modules_); }
 
     // Texts that the model reads: a configuration, and elements inside of what a path leads to,
     // whose namespaces are those of the path where they have none.
