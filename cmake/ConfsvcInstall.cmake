@@ -38,6 +38,8 @@ install(FILES ${PROJECT_SOURCE_DIR}/kits/cpp/confsvc_test.hpp
 if(TARGET confsim)
     set_target_properties(confsim PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
     install(TARGETS confsim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT simulator)
+    install(TARGETS confsim_watch COMPONENT simulator
+            LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/confsim)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/kits/python/confsvc_test
             DESTINATION ${CONFSVC_PYTHON_DIR} COMPONENT simulator FILES_MATCHING PATTERN "*.py")
     install(FILES ${PROJECT_SOURCE_DIR}/kits/wireshark/confsvc.lua COMPONENT simulator

@@ -32,7 +32,7 @@ do_install_ptest() {
 RDEPENDS:${PN}-ptest += "bash"
 
 PACKAGES =+ "confsim ${PN}-examples"
-FILES:confsim = "${bindir}/confsim ${mandir}/man1 ${datadir}/bash-completion ${datadir}/confsvc ${datadir}/zsh ${libdir}/python3"
+FILES:confsim = "${bindir}/confsim ${mandir}/man1 ${datadir}/bash-completion ${datadir}/confsvc ${datadir}/zsh ${libdir}/confsim ${libdir}/python3"
 FILES:${PN} = "${libdir}/libconfsvc.so.*"
 FILES:${PN}-dev = "${includedir} ${libdir}/libconfsvc.so ${libdir}/cmake ${libdir}/pkgconfig"
 FILES:${PN}-examples = "${docdir}/confsvc/examples"

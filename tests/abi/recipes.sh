@@ -31,7 +31,7 @@ same 'options that are there' '' "$(comm -23 <(grep -ohE 'DCONFSVC_[A-Z]+' "$rec
 packages=$(sed -n '/^build_packages=(/,/)/{s/^.*(//; s/)//; p}' "$1/dev" | tr -s ' ' '\n' |
     grep -vxE 'g\+\+|binutils' | sort)
 same 'packages for building in debian/control' "$packages" \
-    "$(sed -n '/^Build-Depends:/,/^[^ B]/{s/^Build-Depends:.*//; s/^ *\([^ ,]*\),*$/\1/p}' \
+    "$(sed -n '/^Build-Depends:/,/^[^ B]/{s/^Build-Depends:.*//; s/^ *\([^ ,:]*\)[^ ,]*,*$/\1/p}' \
         "$1/debian/control" | grep . | sort)"
 
 # Packages take files in the order of PACKAGES, those of "=+" in front.
@@ -71,7 +71,7 @@ MAKE
 make -s -f "$makefile" TOPDIR=. INCLUDE_DIR=. PKG_INSTALL_DIR=.
 same 'files on the device' "$(find usr -name 'libconfsvc.so.*' | sort)" \
     "$(cd device && find usr ! -type d | sort)"
-same 'files of the staging directory' "$(find usr/include usr/lib ! -type d ! -path '*python*' | sort)" \
+same 'files of the staging directory' "$(find usr/include usr/lib ! -type d ! -path '*python*' ! -path '*/confsim/*' | sort)" \
     "$(cd staging && find usr ! -type d | sort)"
 # They build what they say, on the machine that is here.
 read -ra options <options

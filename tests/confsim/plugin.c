@@ -15,6 +15,7 @@
  */
 #include "conf_api.h"
 #include "conf_debug.h"
+#include "conf_values.h"
 
 #include <libxml/tree.h>
 #include <poll.h>
@@ -108,7 +109,8 @@ static void send_message(const char *text)
 
 /*
  * Gives its input back; without input the output stays empty. <die/> ends the process, <leak/>
- * loses memory, <hoard/> a descriptor, and the texts of <send> are sent as messages.
+ * loses memory, <hoard/> a descriptor, <record> and <refuse> record their text as an error and
+ * succeed, <return/> is refused, and the texts of <send> are sent as messages.
  */
 static int on_echo(int session_id, xmlNode *input, xmlNode **output)
 {
@@ -126,6 +128,16 @@ static int on_echo(int session_id, xmlNode *input, xmlNode **output)
     }
     if (input != NULL && strcmp((const char *)input->name, "hoard") == 0) {
         (void)dup(daemon_socket);
+    }
+    if (input != NULL && strcmp((const char *)input->name, "record") == 0) {
+        econf_plugin_error(24, (const char *)input->children->content);
+    }
+    if (input != NULL && strcmp((const char *)input->name, "refuse") == 0) {
+        (void)econf_plugin_refuse(26, "%s is refused", (const char *)input->children->content);
+    }
+    if (input != NULL && strcmp((const char *)input->name, "return") == 0) {
+        (void)conf_set_error(25, "refused as it should be");
+        return 25;
     }
     if (input != NULL && strcmp((const char *)input->name, "send") == 0) {
         send_message((const char *)input->children->content);

@@ -121,7 +121,16 @@ void add_common_options(CLI::App &app, settings &wanted)
 }
 
 // Moves into private namespaces, and keeps in sight there whatever the command line names.
-void enter_sandbox(settings &wanted)
+// What hears of recorded errors, unless an emulator would hand it on to a program of another
+// machine.
+std::string watch_for(const std::string &program)
+{
+    const bool is_emulator =
+        std::filesystem::path(program).filename().string().starts_with("qemu-");
+    return is_emulator ? "" : error_watch::library();
+}
+
+void enter_sandbox(settings &wanted, const std::string &watch)
 {
     struct stat outside {};
     if (!wanted.store.empty()) {
@@ -131,6 +140,9 @@ void enter_sandbox(settings &wanted)
     sandbox::options options;
     options.network = wanted.network;
     options.keep = wanted.command;
+    if (!watch.empty()) {
+        options.keep.push_back(watch);
+    }
     for (const std::string &file : {wanted.config, wanted.store, wanted.script, wanted.directory}) {
         if (!file.empty()) {
             options.keep.push_back(file);
@@ -240,6 +252,7 @@ void settle(conf_daemon &service, findings &found, event_loop &loop, seconds pat
 struct run_parts {
     program_list *started = nullptr;
     program_logs *logs = nullptr;
+    error_watch *recorded = nullptr;
 };
 
 // Plays the daemon until the commands end, and hangs up. Returns whether all went well.
@@ -259,7 +272,8 @@ bool serve(const settings &wanted, channels &to_others, event_loop &loop, consol
                                              : script_input(loop, wanted.script));
     endpoints where(wanted.directory);
     const seconds patience(wanted.timeout);
-    findings found(out, cases, wanted.slow ? std::optional<seconds>(*wanted.slow) : std::nullopt,
+    findings found(out, cases, run.recorded,
+                   wanted.slow ? std::optional<seconds>(*wanted.slow) : std::nullopt,
                    wanted.strict);
     if (!make_room_for_plugins(wanted.most_plugins) &&
         wanted.most_plugins > conf_daemon::usual_plugins) {
@@ -321,9 +335,12 @@ int simulate(settings &wanted, bool with_command)
     channels to_others;
     open_channels(wanted, to_others);
     std::optional<sandbox::process_space> space;
+    error_watch recorded;
     if (with_command) {
-        enter_sandbox(wanted);
+        const std::string library = watch_for(wanted.command.front());
+        enter_sandbox(wanted, library);
         space.emplace();
+        recorded.begin(library);
     }
     console out;
     if (wanted.mask) {
@@ -343,7 +360,7 @@ int simulate(settings &wanted, bool with_command)
     if (space) {
         program_logs logs(loop, out, wanted.log);
         program_list started(loop, out, *space);
-        is_good = serve(wanted, to_others, loop, out, cases, {&started, &logs});
+        is_good = serve(wanted, to_others, loop, out, cases, {&started, &logs, &recorded});
         is_good = end_programs(wanted, started, cases) && is_good;
     } else {
         is_good = serve(wanted, to_others, loop, out, cases, {});

@@ -7,6 +7,7 @@
 #include "reports/cases.h"
 #include "service/loop.h"
 #include "service/plugin.h"
+#include "watch/error_watch.h"
 
 #include <list>
 #include <map>
@@ -18,13 +19,18 @@ namespace confsim {
 class findings final : public plugin_watcher {
 public:
     // Answers that take longer than `slow` are findings; none are when it is not given.
-    findings(const console &out, case_list &cases, std::optional<seconds> slow, bool are_errors)
-        : out_(out), cases_(cases), slow_(slow), are_errors_(are_errors)
+    findings(const console &out, case_list &cases, error_watch *recorded,
+             std::optional<seconds> slow, bool are_errors)
+        : out_(out), cases_(cases), recorded_(recorded), slow_(slow), are_errors_(are_errors)
     {
     }
 
     void add(const std::string &plugin, const std::string &what) override;
     void answered(const std::string &plugin, const std::string &request, seconds taken) override;
+    std::optional<std::string> take_recorded(const std::string &process) override
+    {
+        return recorded_ == nullptr ? std::nullopt : recorded_->taken(process);
+    }
 
     // At the end of each case: whether the processes of plugins hold more from case to case.
     void compare(const std::list<plugin_ptr> &plugins);
@@ -49,6 +55,7 @@ private:
 
     const console &out_;
     case_list &cases_;
+    error_watch *recorded_; // null for plugins that somebody else starts
     std::optional<seconds> slow_;
     bool are_errors_;
     bool has_any_ = false;

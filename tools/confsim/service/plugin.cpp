@@ -147,6 +147,7 @@ void plugin::send_next()
 {
     timeout_ = loop_.start_timer(patience_, [this] { give_up_first(); });
     own_request_.clear();
+    (void)take_recorded(); // outside of a request
     probes_before_ = last_probe_;
     sent_ = steady_clock::now();
     stream.send(requests_.front().document.get());
@@ -223,9 +224,19 @@ void plugin::check_answer(const xmlNode *reply) const
     if (xml::child(reply, "result") == nullptr && xml::child(reply, "error") == nullptr) {
         report("answers " + asked() + " with neither a result nor an error");
     }
+    const std::optional<std::string> recorded = take_recorded();
+    if (recorded && xml::child(reply, "error") == nullptr) {
+        report("returns 0 from " + asked() +
+               ", so the error that it recorded is lost: " + *recorded);
+    }
     if (watcher != nullptr && !has_met_fault_) {
         watcher->answered(called(), asked(), steady_clock::now() - sent_);
     }
+}
+
+std::optional<std::string> plugin::take_recorded() const
+{
+    return watcher == nullptr ? std::nullopt : watcher->take_recorded(stream.process());
 }
 
 void plugin::report(const std::string &what) const

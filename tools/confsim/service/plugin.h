@@ -65,6 +65,9 @@ public:
     virtual void add(const std::string &plugin, const std::string &what) = 0;
     virtual void answered(const std::string &plugin, const std::string &request, seconds taken) = 0;
 
+    // The last error that a process recorded since this was called, in words, if that can be seen.
+    virtual std::optional<std::string> take_recorded(const std::string &process) = 0;
+
 protected:
     plugin_watcher() = default;
 };
@@ -138,6 +141,7 @@ private:
     void send_next();
     void give_up_first();
     void check_answer(const xmlNode *reply) const;
+    [[nodiscard]] std::optional<std::string> take_recorded() const;
     void probe();
     void lose_first();
     static void end(const std::deque<request> &given_up, const std::string &why);
