@@ -2,7 +2,7 @@
 """Modules and data that nobody would write in good faith: each ends in the result or the reason that
 stands beside it, and never in a crash or a hang.
 
-hostile_models.py CONFSIM
+hostile_models.py CONFSIM [sanitized]
 """
 import concurrent.futures
 import os
@@ -47,6 +47,7 @@ DIAMONDS = "identity a0; identity b0;" + "".join(
 SET = "set /m:x 1"
 LONG = "set /m:x " + "a" * 5000 + "!"
 THROUGH = None # every command succeeds
+TOO_BIG = "memory exhausted?"
 
 # A module, the commands, and what is said of it.
 MODULES = [
@@ -56,7 +57,7 @@ MODULES = [
     (nested(120, "choice"), "", "nested too deep"),
     (module("container a;") * 2, "", "end-of-input"),
     ("grouping g { container a { uses g; } } uses g;", "", "references itself"),
-    (BOMB, "", "memory exhausted?"),
+    (BOMB, "", TOO_BIG),
     ("typedef t { type u; } typedef u { type t; } leaf x { type t; }", "", "circular chain of types"),
     ('leaf a { type leafref { path "../b"; } } leaf b { type leafref { path "../a"; } }', "",
      "circular chain of leafrefs"),
@@ -64,7 +65,7 @@ MODULES = [
      "cyclic dependency"),
     ("feature a { if-feature b; } feature b { if-feature a; }", "", "referenced from itself"),
     (DIAMONDS, "set /m:x m:b59\ncommit", THROUGH),
-    (must("(" * A_LOT + "1" + ")" * A_LOT), "", "nesting of expressions"),
+    (must("(" * 10000 + "1" + ")" * 10000), "", "nesting of expressions"),
     (must("(" * 50), "", "XPath expression end"),
     (must("nothing(1)"), "", "Unknown XPath function"),
     (pattern("((a+)+)+b"), LONG, "match limit exceeded"),
@@ -165,7 +166,9 @@ def play(confsim, files, yang, script, said):
 def main():
     confsim = os.path.abspath(sys.argv[1])
     sessions = [({"m.yang": body if body.startswith("module") else module(body)}, "m.yang", script, said)
-                for body, script, said in MODULES]
+                for body, script, said in MODULES
+                # With a sanitizer there is no limit to the memory, only one to the time.
+                if said != TOO_BIG or "sanitized" not in sys.argv]
     sessions += [({"m.yang": DATA_MODULE, f"d.{kind}": text}, "m.yang", f"load d.{kind}", said)
                  for kind, text, said in DATA]
     sessions += [({"m.yang": make} if make else {}, yang, "", said) for make, yang, said in ODD_FILES]
