@@ -47,6 +47,13 @@ leave_out()
     sed -i "/^# only with $1\$/,/^# end\$/d" "$session"
 }
 
+# All that the plugin says is checked against the model, where confsim can read one.
+model=(--yang ietf-interfaces.yang --strict)
+"$confsim" run "${model[@]}" -- true </dev/null >"$found" 2>&1 || true
+if grep -q 'built without libyang' "$found"; then
+    model=()
+fi
+
 look_around
 cp demo.confsim "$session"
 if [[ -n $(answer proc) && $(answer proc) == "$(answer sys)" ]]; then
@@ -69,7 +76,7 @@ fi
 echo 'Lines that begin with ">" are the commands of the session, those with "*" are what happens by'
 echo 'itself, and those with "interfaces:" come from the plugin.'
 
-"$confsim" "${run[@]}" --config interfaces-startup.xml --store "$store" --script "$session" -- \
+"$confsim" "${run[@]}" "${model[@]}" --config interfaces-startup.xml --store "$store" --script "$session" -- \
     bash -c "$start" "$plugin" 2>&1 | sed -u 's/^> # [0-9]/\n&/' | tee "$found"
 grep -q 'interface\[name=lan1\] stands behind .*\[name=lan0\]$' "$found"
 grep -q '<name>lan0</name>' "$store/deployment.xml"
