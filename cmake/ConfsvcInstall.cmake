@@ -33,6 +33,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/libconfsvc.pc
 include(ConfsvcDocs)
 
 install(FILES ${PROJECT_SOURCE_DIR}/kits/cpp/confsvc_test.hpp
+              ${PROJECT_SOURCE_DIR}/kits/cpp/confsvc_test_channel.hpp
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 
 if(TARGET confsim)

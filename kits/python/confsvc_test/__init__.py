@@ -156,9 +156,17 @@ class Session:
         """Removes nodes from the candidate."""
         return self.send("delete " + _words(path), may_fail)
 
+    def move(self, path, where, other=None, may_fail=False):
+        """Moves a list entry "first" or "last", or "before" or "after" another one. Needs a model."""
+        return self.send("move " + _words(path, where, *([] if other is None else [other])), may_fail)
+
     def load(self, file, may_fail=False):
         """Takes the candidate from a file."""
         return self.send("load " + _words(os.path.abspath(file)), may_fail)
+
+    def validate(self, may_fail=False):
+        """Whether the model allows the candidate."""
+        return self.send("validate", may_fail)
 
     def commit(self, may_fail=False):
         """Puts the candidate in force. `data` has what each plugin was told and answered."""
@@ -194,13 +202,45 @@ class Session:
         words = [plugin, method] + [each for each in (xpath, value) if each is not None]
         return self.send(f"expect-message {_words(*words)} {seconds}", may_fail)
 
+    def expect_log(self, text, may_fail=False):
+        """Until a program has logged a line with a text that was not expected before."""
+        return self.send("expect-log " + _words(text), may_fail)
+
     def fault(self, plugin, *what):
         """Orders a fault, such as fault("hello", "drop"), or "off"."""
         return self.send("fault " + _words(plugin, *what))
 
+    def chaos(self, seed, rate):
+        """Draws faults for `rate` percent of frames, requests and commands, until chaos_off()."""
+        return self.send(f"chaos {seed} {rate}")
+
+    def chaos_off(self):
+        """Nothing goes wrong any more."""
+        return self.send("chaos off")
+
+    def stop(self, seconds):
+        """The daemon hangs, and stays connected."""
+        return self.send(f"stop {seconds}")
+
     def restart(self, seconds=0):
         """The daemon goes away and comes back."""
         return self.send(f"restart {seconds}")
+
+    def kill(self, plugin):
+        """The daemon hangs up on a plugin."""
+        return self.send("kill " + _words(plugin))
+
+    def start(self, name, command):
+        """Starts a further program, a list of words, in the sandbox."""
+        return self.send(f"start {_words(name)} -- {_words(*command)}")
+
+    def signal(self, program, which):
+        """Sends a signal to a program."""
+        return self.send("signal " + _words(program, which))
+
+    def wait_exit(self, program, status=0, seconds=30, may_fail=False):
+        """Until a program ends with a status, or by a signal whose name is given."""
+        return self.send(f"wait-exit {_words(program, status)} {seconds}", may_fail)
 
     def kickoff(self, plugin):
         """Kicks a plugin off, which ends it in good order."""
