@@ -35,7 +35,8 @@ if ((${#todo[@]} == 0)); then
     exit 0
 fi
 printf '%s\0' "${todo[@]}" | xargs -0 -n 2 -P "$jobs" bash -c '
-    if clang-tidy --quiet -p "$0" "$2"; then
+    # The counts of warnings in system headers say nothing.
+    if clang-tidy --quiet -p "$0" "$2" 2> >(grep -v " warnings\{0,1\} generated\.$" >&2); then
         : >"$1"
     else
         exit 1

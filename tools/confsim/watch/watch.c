@@ -29,13 +29,14 @@ static void tell(int code, const char *text)
     const int saved = errno;
     const char *name = getenv("CONFSIM_WATCH");
     struct sockaddr_un address = {AF_UNIX, ""};
-    if (code != 0 && name != NULL && strlen(name) < sizeof address.sun_path) {
+    const size_t length = name == NULL ? 0 : strlen(name);
+    if (code != 0 && length > 0 && length < sizeof address.sun_path) {
         const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         struct iovec parts[] = {{&code, sizeof code},
                                 {(void *)text, text == NULL ? 0 : strnlen(text, most_text)}};
         struct msghdr message = {
             .msg_name = &address, .msg_namelen = sizeof address, .msg_iov = parts, .msg_iovlen = 2};
-        strcpy(address.sun_path, name);
+        memcpy(address.sun_path, name, length);
         if (descriptor >= 0) {
             (void)sendmsg(descriptor, &message, MSG_NOSIGNAL);
             close(descriptor);
