@@ -82,6 +82,26 @@ cmake -S moved/share/doc/confsvc/examples -B examples -G Ninja -DCMAKE_PREFIX_PA
     >log 2>&1 || { cat log; exit 1; }
 cmake --build examples
 
+printf '=== the project to copy, by the commands of its workflow\n'
+cp -r moved/share/doc/confsvc/examples/starter starter
+played=0
+while read -r command; do
+    case $command in
+    './ci.sh install'* | './ci.sh chaos 500') ;; # packages, which are tested as such, and the nights
+    './ci.sh '*)
+        (cd starter && CMAKE_PREFIX_PATH="$OLDPWD/moved" PATH="$OLDPWD/moved/bin:$PATH" \
+            $command </dev/null) || exit 1
+        played=$((played + 1))
+        ;;
+    *)
+        printf 'the workflow runs what nobody else can: %s\n' "$command"
+        exit 1
+        ;;
+    esac
+done < <(sed -n 's/^ *- run: //p' starter/.github/workflows/plugin.yml)
+((played == 2))
+grep -q 'testcase .*it refuses what is too long' starter/build/hello.junit.xml
+
 printf '=== pkg-config\n'
 mkdir bare
 # shellcheck disable=SC2046 # several options

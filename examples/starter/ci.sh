@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# What CI does, and anybody at their desk:
+#
+#     ./ci.sh install [DIRECTORY]     installs compilers, and the packages of confsvc from a directory
+#     ./ci.sh test                    builds with sanitizers, and runs the tests
+#     ./ci.sh chaos [SEEDS] [FIRST]   plays tests/chaos.confsim with so many seeds
+#     ./ci.sh seed SEED               plays it with one
+#
+# build/*.junit.xml has the cases, build/chaos-SEED.log the messages of a seed. One that fails is named.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")"
+
+build()
+{
+    cmake -B build -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS='-fsanitize=address,undefined' >/dev/null
+    cmake --build build
+}
+
+command=${1:-test}
+(($# == 0)) || shift
+case $command in
+install)
+    apt-get update
+    apt-get install --yes --no-install-recommends cmake gcc libc6-dev make pkg-config \
+        "$(realpath "${1:-packages}")"/*.deb
+    ;;
+test)
+    build
+    ctest --test-dir build --output-on-failure
+    ;;
+chaos)
+    build
+    first=${2:-1}
+    # Sessions wait most of their time.
+    seq "$first" $((first + ${1:-20} - 1)) | xargs --max-procs=10 --replace ./ci.sh seed '{}'
+    ;;
+seed)
+    log=build/chaos-$1.log
+    if ! confsim run --strict --trace --timeout 2 -D SEED="$1" --script tests/chaos.confsim \
+        -- build/hello >"$log" 2>&1; then
+        printf 'seed %d fails: see %s\n' "$1" "$log"
+        tail -n 5 "$log"
+        exit 1
+    fi
+    ;;
+*)
+    sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0" >&2
+    exit 2
+    ;;
+esac
