@@ -59,7 +59,7 @@ class Bench:
         return file
 
     def session(self, *words, **more):
-        return Session([self.plugin, *words], confsim=self.confsim, **more)
+        return Session([self.plugin, *words], log=os.devnull, confsim=self.confsim, **more)
 
     def add(self, name, unit, columns, values, goal=None):
         """A row with the median of each column, and its ratio to the first."""
@@ -143,7 +143,7 @@ def files(bench):
             return [float(each) for each in done.stdout.split()]
 
         def served(yang):
-            with Session(["sleep", "1000"], confsim=bench.confsim, yang=yang,
+            with Session(["sleep", "1000"], log=os.devnull, confsim=bench.confsim, yang=yang,
                          options=["--ignore-exit"]) as daemon:
                 took = daemon.load(file).seconds, daemon.show(store="candidate").seconds
             return took

@@ -103,6 +103,7 @@ struct options {
     std::string config{};            // file with the configuration at the beginning
     std::vector<std::string> yang{}; // files and directories of YANG modules
     std::vector<std::string> more{}; // further options of confsim
+    std::string log{};               // file for what both print; else it goes to standard error
     std::string confsim{};           // the program; else $CONFSIM, or what is in PATH
     int patience = 30;               // seconds for the plugin to be activated
 };
@@ -112,7 +113,7 @@ public:
     // `command` is the plugin with its arguments. Throws error, or failed when the plugin does not
     // come.
     explicit session(const std::vector<std::string> &command, const options &wanted = {})
-        : confsim_(std::make_shared<detail::channel>(line_for(command, wanted)))
+        : confsim_(std::make_shared<detail::channel>(line_for(command, wanted), wanted.log))
     {
         if (!wanted.plugin.empty()) {
             wait(wanted.plugin, wanted.patience);

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <spawn.h>
 #include <stdexcept>
@@ -137,7 +138,8 @@ inline std::string words(const std::vector<std::string> &all)
 // confsim with the program that it runs, and the socket that is its standard input and output.
 class channel {
 public:
-    explicit channel(const std::vector<std::string> &command)
+    // What is printed for people goes to the file `log`, or to standard error.
+    channel(const std::vector<std::string> &command, const std::string &log)
     {
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -152,6 +154,10 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, ends[1], 0);
         posix_spawn_file_actions_adddup2(&actions, ends[1], 1);
+        if (!log.empty()) {
+            posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(),
+                                             O_WRONLY | O_CREAT | O_TRUNC, 0666);
+        }
         const int cause =
             posix_spawnp(&process_, arguments[0], &actions, nullptr, arguments.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
@@ -159,7 +165,9 @@ public:
         socket_ = ends[0];
         if (cause != 0) {
             close(socket_);
-            throw error("cannot start " + command[0] + ": " + std::strerror(cause));
+            throw error("cannot start " + command[0] +
+                        (log.empty() ? "" : " that prints to " + log) + ": " +
+                        std::strerror(cause));
         }
     }
     ~channel() { (void)end(); }

@@ -2,7 +2,9 @@
 // throws. kit_test.py does the same in Python.
 #include <confsvc_test.hpp>
 
+#include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 
 namespace {
 
@@ -13,6 +15,7 @@ session served()
 {
     options wanted{"good", RUNNING};
     wanted.more = {"--log"};
+    wanted.log = "kit_cpp.log";
     return session({PLUGIN, "good", "log"}, wanted);
 }
 
@@ -43,6 +46,9 @@ TEST(Kit, CarriesCommandsOut)
     daemon.wait_exit("lasting", "KILL");
     daemon.kickoff("good");
     daemon.close();
+    std::ifstream log("kit_cpp.log");
+    const std::string printed{std::istreambuf_iterator<char>(log), {}};
+    EXPECT_NE(printed.find("> kickoff \"good\""), std::string::npos) << printed;
 }
 
 TEST(Kit, LetsThingsGoWrong)
@@ -68,7 +74,8 @@ TEST(Kit, LetsThingsGoWrong)
     daemon.kill("again");
     daemon.close();
     EXPECT_THROW(daemon.commit(), std::logic_error);
-    EXPECT_THROW(session({"true"}, {"nobody", "", {}, {}, "", 1}), failed);
+    EXPECT_THROW(session({"true"}, {"nobody", "", {}, {}, "", "", 1}), failed);
+    EXPECT_THROW(session({"true"}, {"", "", {}, {}, "", "/nothing/there"}), error);
     EXPECT_THROW(session({"true"}, {"", "", {}, {}, "/nothing/there"}), error);
     EXPECT_THROW(session({"sh", "-c", "exit 3"}).close(), error);
 }

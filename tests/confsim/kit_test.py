@@ -7,12 +7,14 @@ kit_test.py CONFSIM PLUGIN RUNNING KITS COMMANDS
 import pathlib
 import re
 import sys
+import tempfile
 
 CONFSIM, PLUGIN, RUNNING, KITS, COMMANDS = sys.argv[1:6]
 sys.path.insert(0, f"{KITS}/python")
 sys.dont_write_bytecode = True
 from confsvc_test import Error, Failed, Refused, Session  # noqa: E402
 
+LOG = tempfile.NamedTemporaryFile()
 ANN = '/test:system/user[name="ann"]'
 
 
@@ -30,7 +32,8 @@ def fails(kind, call, *words, **named):
 
 
 def served():
-    return Session([PLUGIN, "good", "log"], "good", config=RUNNING, options=["--log"], confsim=CONFSIM)
+    return Session([PLUGIN, "good", "log"], "good", config=RUNNING, options=["--log"],
+                   log=LOG.name, confsim=CONFSIM)
 
 
 def check_commands():
@@ -55,6 +58,7 @@ def check_commands():
         daemon.signal("lasting", "KILL")
         daemon.wait_exit("lasting", "KILL")
         daemon.kickoff("good")
+    check(b'> kickoff "good"' in LOG.read(), "the log")
 
 
 def check_faults():
@@ -76,6 +80,7 @@ def check_faults():
     fails(ValueError, daemon.commit)
     fails(Failed, Session, ["true"], "nobody", confsim=CONFSIM, patience=1)
     fails(Error, Session, ["true"], confsim="/nothing/there")
+    fails(Error, Session, ["true"], log="/nothing/there", confsim=CONFSIM)
     fails(Error, Session(["sh", "-c", "exit 3"], confsim=CONFSIM).close)
 
 

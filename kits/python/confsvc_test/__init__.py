@@ -18,6 +18,7 @@ With pytest, `pytest_plugins = ["confsvc_test.fixtures"]` in conftest.py brings 
 
 Relies on confsim, which is looked for in $CONFSIM and then in PATH, and its option --json.
 """
+import contextlib
 import json
 import os
 import subprocess
@@ -79,12 +80,13 @@ class Session:
     yang       a file or directory of YANG modules, or a list of them
     trace      a file that gets every frame, secrets masked, or a list of them: FILE.jsonl, FILE.pcapng
     options    further options of confsim, such as ["--trace"]
+    log        a file for what both print; by default it goes to standard error
     confsim    the program; by default $CONFSIM, or what is in PATH
     patience   seconds for the plugin to be activated
     """
 
     def __init__(self, command, plugin=None, config=None, yang=(), trace=(), options=(),
-                 confsim=None, patience=30):
+                 log=None, confsim=None, patience=30):
         words = [confsim or os.environ.get("CONFSIM", "confsim"), "run", "--json", *options]
         words += ["--config", str(config)] if config else []
         for option, files in ("--yang", yang), ("--trace-file", trace):
@@ -93,7 +95,9 @@ class Session:
         words += ["--", *map(str, command)]
         self.last = None
         try:
-            self._process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            with open(log, "wb") if log else contextlib.nullcontext() as printed:
+                self._process = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                                 stderr=printed)
         except OSError as why:
             raise Error(f"cannot start {words[0]}: {why}") from why
         try:
