@@ -348,6 +348,7 @@ public:
         if (first == nullptr || second == nullptr || (count = put_in_force(first.get())) == 0) {
             return 0;
         }
+        expect_same_verdict(first.get(), random);
         const node former = config_.running();
         for (const node &each : former.children) {
             config_.remove({{each.module, each.name, {}}});
@@ -379,6 +380,46 @@ private:
         expect_same(config_.running(), configuration(copy, known_.get()).running(),
                     "not read back");
         return count;
+    }
+
+    // Whatever goes, the whole is as valid as what is looked at again.
+    void expect_same_verdict(lyd_node *in_force, std::mt19937 &random)
+    {
+        std::vector<std::string> paths;
+        lyd_node *top = nullptr;
+        LY_LIST_FOR(in_force, top)
+        {
+            lyd_node *each = nullptr;
+            LYD_TREE_DFS_BEGIN(top, each)
+            {
+                paths.push_back(generator::path_of(each));
+                LYD_TREE_DFS_END(top, each);
+            }
+        }
+        for (int i = 0; i < 5; ++i) {
+            const std::string &chosen = paths[random() % paths.size()];
+            try {
+                config_.remove(parse_path(chosen));
+            } catch (const failure &) {
+                continue; // a key, or there only by default
+            }
+            const std::string whole =
+                verdict([this] { known_->validate(config_.as_text(config_.candidate())); });
+            EXPECT_EQ(verdict([this] { config_.validate(); }).empty(), whole.empty())
+                << "without " << chosen << ": " << whole;
+            config_.discard();
+        }
+    }
+
+    template <typename Check>
+    static std::string verdict(Check check)
+    {
+        try {
+            check();
+            return "";
+        } catch (const failure &reason) {
+            return reason.what();
+        }
     }
 
     static std::string fresh_store()

@@ -27,6 +27,7 @@ struct schema_node {
     bool is_configuration = true;
     bool is_presence = false; // a container that means something when it is empty
     bool is_ordered_by_user = false;
+    bool is_independent = false;       // a list whose entries can be checked one at a time
     std::vector<std::string> keys{};   // of a list; "." of a leaf-list; none: told by position
     std::string joined_keys{};         // by zero bytes
     std::vector<std::string> values{}; // that a leaf can have, if they can be counted

@@ -2,6 +2,7 @@
 #include "model/yang.h"
 
 #include "failure.h"
+#include "model/independence.h"
 
 #include <libyang/plugins_types.h>
 
@@ -11,6 +12,8 @@
 namespace confsim::yang {
 
 namespace {
+
+using lists = std::set<const lysc_node *>;
 
 // More than any schema has; a document that is nested deeper could not be read.
 constexpr std::size_t deepest = 200;
@@ -81,14 +84,6 @@ private:
     const lysc_node *leaf_;
     lyd_value value_{};
 };
-
-template <typename Item, typename Visit>
-void for_each_of(const Item *array, Visit visit) // as libyang counts them
-{
-    for (LY_ARRAY_COUNT_TYPE i = 0; array != nullptr && i < LY_ARRAY_COUNT(array); ++i) {
-        visit(array[i]);
-    }
-}
 
 void add_identities(const lysc_ident *base, std::set<std::string> &to)
 {
@@ -172,14 +167,15 @@ void add_keys(schema_node &to, const lysc_node *from)
 }
 
 // Choices and cases stand in no data, only what is in them does.
-void add_children(schema_node &to, const lysc_node *first, std::size_t depth)
+void add_children(schema_node &to, const lysc_node *first, const lists &independent,
+                  std::size_t depth)
 {
     if (first != nullptr && depth > deepest) {
         throw failure("the nodes of " + std::string(first->module->name) + " are nested too deep");
     }
     for (const lysc_node *from = first; from != nullptr; from = from->next) {
         if ((from->nodetype & (LYS_CHOICE | LYS_CASE)) != 0) {
-            add_children(to, lysc_node_child(from), depth + 1);
+            add_children(to, lysc_node_child(from), independent, depth + 1);
             continue;
         }
         auto made = std::make_unique<schema_node>();
@@ -188,12 +184,13 @@ void add_children(schema_node &to, const lysc_node *first, std::size_t depth)
         made->name = from->name;
         made->is_configuration = (from->flags & LYS_CONFIG_W) != 0;
         made->is_presence = from->nodetype == LYS_CONTAINER && (from->flags & LYS_PRESENCE) != 0;
+        made->is_independent = independent.contains(from);
         made->is_ordered_by_user = made->is_configuration && lysc_is_userordered(from);
         add_keys(*made, from);
         if (made->has_value()) {
             add_leaf_type(*made, from);
         }
-        add_children(*made, lysc_node_child(from), depth + 1);
+        add_children(*made, lysc_node_child(from), independent, depth + 1);
         to.children.push_back(std::move(made));
     }
 }
@@ -222,11 +219,12 @@ void check(LY_ERR result, const ly_ctx *context, told most)
 
 schema_node made_schema(const ly_ctx *context)
 {
+    const lists independent = independent_lists(context);
     schema_node top;
     std::uint32_t position = 0;
     while (const lys_module *each = ly_ctx_get_module_iter(context, &position)) {
         if (each->implemented != 0 && each->compiled != nullptr) {
-            add_children(top, each->compiled->data, 1);
+            add_children(top, each->compiled->data, independent, 1);
         }
     }
     return top;

@@ -23,6 +23,14 @@ using data_ptr = std::unique_ptr<lyd_node, deleter>;
 using input_ptr = std::unique_ptr<ly_in, deleter>;
 using text_ptr = std::unique_ptr<char, deleter>;
 
+template <typename Item, typename Visit>
+void for_each_of(const Item *array, Visit visit) // as libyang counts them
+{
+    for (LY_ARRAY_COUNT_TYPE i = 0; array != nullptr && i < LY_ARRAY_COUNT(array); ++i) {
+        visit(array[i]);
+    }
+}
+
 // Why the last call failed; forgets it. The line is of no use where the text is one that we wrote.
 enum class told { cause, place, line }; // each with what stands before it
 [[nodiscard]] std::string complaint(const ly_ctx *context, told most);

@@ -4,6 +4,7 @@
 #include "failure.h"
 #include "files.h"
 #include "model/resolve.h"
+#include "model/unchecked.h"
 
 #include <string_view>
 
@@ -259,7 +260,8 @@ std::string configuration::as_json(const node &tree, const path &where)
 void configuration::validate()
 {
     if (model_ != nullptr) {
-        model_->validate(as_text(candidate_));
+        model_->validate(as_text(valid_ ? unchecked_part(*valid_, candidate_) : candidate_));
+        valid_ = candidate_;
     }
 }
 

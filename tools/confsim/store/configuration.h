@@ -8,8 +8,7 @@
 //
 // Running and old are stored at each commit; the deployment when a plugin saves it. They are
 // versions that share what they have in common, so a commit without a store, and what plugins ask,
-// takes the time of what changed; only a store writes, and reads back, the whole, and a model looks
-// at the whole.
+// takes the time of what changed; only a store writes, and reads back, the whole.
 #ifndef CONFSIM_CONFIGURATION_H
 #define CONFSIM_CONFIGURATION_H
 
@@ -18,6 +17,7 @@
 #include "tree/tree_text.h"
 #include "tree/tree_xml.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,7 +71,8 @@ public:
     [[nodiscard]] const schema_node *top_place() const;
     [[nodiscard]] path as_modelled(const path &where) const;
 
-    // Throws failure when the model forbids the candidate.
+    // Throws failure when the model forbids the candidate. Takes the time of what changed since the
+    // last one that it allowed, as far as the model has lists whose entries are independent.
     void validate();
 
     // The candidate becomes the running configuration. Throws failure when it cannot be stored,
@@ -123,6 +124,7 @@ private:
     node candidate_;
     node deployment_;
     node published_;
+    std::optional<node> valid_; // the last one that the model allowed
     bool committing_ = false;
 };
 
