@@ -87,8 +87,8 @@ def entry(number, leaf=""):
     return f'/bench:top/entry[name="e{number}"]{leaf}'
 
 
-def large_lists(bench):
-    sessions = [(size, bench.session("one", plugin="one", config=bench.file_of(size)))
+def large_lists(bench, suffix="", **options):
+    sessions = [(size, bench.session("one", plugin="one", config=bench.file_of(size), **options))
                 for size in SIZES]
 
     def asked(daemon, operation, size):
@@ -109,28 +109,32 @@ def large_lists(bench):
         return took
 
     for name, values in in_turn(ROUNDS, sessions, play).items():
-        bench.add(name, "us", SIZES, values, 3)
+        bench.add(name + suffix, "us", SIZES, values, 3)
     for _, daemon in sessions:
         daemon.kickoff("one")
         daemon.close()
 
 
-def commits_with(bench):
-    """What a model and a store add to a commit of one change."""
-    for size in SIZES:
-        options = ({}, {"yang": bench.module}, {"options": ["--store", bench.work / f"store{size}"]})
-        sessions = [bench.session("one", plugin="one", config=bench.file_of(size), **each)
-                    for each in options]
+def modelled_lists(bench):
+    large_lists(bench, ", --yang", yang=bench.module)
 
-        def play(daemon, turn, size=size):
-            daemon.set(entry(turn, "/value"), turn + size)
-            return {"commit": daemon.commit().seconds}
 
-        (values,) = in_turn(5, sessions, play).values()
-        bench.add(f"commit, {size} entries", "ms", ("plain", "--yang", "--store"), values)
-        for daemon in sessions:
-            daemon.kickoff("one")
-            daemon.close()
+def stores(bench):
+    """A store writes the whole at each commit."""
+    sessions = [(size, bench.session("one", plugin="one", config=bench.file_of(size),
+                                     options=["--store", bench.work / f"store{size}"]))
+                for size in SIZES]
+
+    def play(contender, turn):
+        size, daemon = contender
+        daemon.set(entry(turn, "/value"), turn + size)
+        return {"commit, --store": daemon.commit().seconds}
+
+    for name, values in in_turn(5, sessions, play).items():
+        bench.add(name, "us", SIZES, values)
+    for _, daemon in sessions:
+        daemon.kickoff("one")
+        daemon.close()
 
 
 def files(bench):
@@ -218,7 +222,7 @@ def main():
     build = pathlib.Path(sys.argv[1]).resolve()
     with tempfile.TemporaryDirectory() as work:
         bench = Bench(build, pathlib.Path(work))
-        for part in (large_lists, crowds, reports, commits_with, files):
+        for part in (large_lists, modelled_lists, crowds, reports, stores, files):
             part(bench)
     cpu = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
     facts = {"cpu": cpu[1] if cpu else "", "processors": os.cpu_count(), "load": os.getloadavg()}
