@@ -2,6 +2,7 @@
 // each kind of constraint that relates a list entry to something else, and some inside of one.
 #include "failure.h"
 #include "model/model.h"
+#include "model/unchecked.h"
 #include "store/configuration.h"
 #include "test_support.h"
 
@@ -160,6 +161,25 @@ TEST(Constraints, AreSeenWhateverIsLookedAtAgain)
     EXPECT_NO_THROW(config.validate());
     config.set(parse_path("/m:e[k='b']"), std::nullopt);
     EXPECT_THROW(config.validate(), failure);
+}
+
+TEST(Constraints, LeaveOutEntriesThatAreTheSame)
+{
+    const std::unique_ptr<model> known =
+        made("container top { leaf a { type uint8; } list e { key k; "
+             "leaf k { type string; } leaf v { type uint8; } } }");
+    configuration config("", known.get());
+    edit(config, "a 1");
+    for (int i = 0; i < 100; ++i) {
+        edit(config, "e[k='" + std::to_string(i) + "']/v 1");
+    }
+    const node valid = config.candidate();
+    edit(config, "e[k='50']/v 2");
+    edit(config, "e[k='new']");
+    edit(config, "-e[k='60']");
+    const node part = unchecked_part(valid, config.candidate());
+    EXPECT_EQ(find(part, parse_path("/m:top/e")).size(), 2U);
+    EXPECT_EQ(find(part, parse_path("/m:top/a")).size(), 1U);
 }
 
 } // namespace
