@@ -7,6 +7,7 @@
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/xmlerror.h>
+#include <libxml/xmlreader.h>
 
 #include <algorithm>
 #include <array>
@@ -42,15 +43,8 @@ void begin_silently()
     xmlResetLastError();
 }
 
-doc_ptr checked(xmlDoc *parsed, const std::string &origin)
+[[noreturn]] void fail(const std::string &origin)
 {
-    doc_ptr doc(parsed);
-    if (doc != nullptr && doc->intSubset != nullptr) { // its entities would be lost
-        throw failure(origin + ": a document type declaration is not supported");
-    }
-    if (doc != nullptr && xmlDocGetRootElement(doc.get()) != nullptr) {
-        return doc;
-    }
     const xmlError *error = xmlGetLastError();
     if (error == nullptr || error->message == nullptr) {
         throw failure(origin + ": no XML element");
@@ -61,6 +55,18 @@ doc_ptr checked(xmlDoc *parsed, const std::string &origin)
     }
     throw failure(origin + (error->line > 0 ? ":" + std::to_string(error->line) : "") + ": " +
                   cause);
+}
+
+doc_ptr checked(xmlDoc *parsed, const std::string &origin)
+{
+    doc_ptr doc(parsed);
+    if (doc != nullptr && doc->intSubset != nullptr) { // its entities would be lost
+        throw failure(origin + ": a document type declaration is not supported");
+    }
+    if (doc == nullptr || xmlDocGetRootElement(doc.get()) == nullptr) {
+        fail(origin);
+    }
+    return doc;
 }
 
 xmlNode *skip_to_element(xmlNode *node)
@@ -85,6 +91,22 @@ doc_ptr parse_file(const std::string &file)
 {
     begin_silently();
     return checked(xmlReadFile(file.c_str(), nullptr, options), file);
+}
+
+void check_text(const std::string &text, const std::string &origin)
+{
+    struct free_reader {
+        void operator()(xmlTextReader *reader) const { xmlFreeTextReader(reader); }
+    };
+    begin_silently();
+    const std::unique_ptr<xmlTextReader, free_reader> reader(made(
+        xmlReaderForMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, options)));
+    int result = 0;
+    while ((result = xmlTextReaderRead(reader.get())) == 1) {
+    }
+    if (result < 0) {
+        fail(origin);
+    }
 }
 
 std::size_t character_length(const std::string &text, std::size_t at)

@@ -21,6 +21,9 @@ using doc_ptr = std::unique_ptr<xmlDoc, deleter>;
 [[nodiscard]] doc_ptr parse_text(const std::string &text, const std::string &origin);
 [[nodiscard]] doc_ptr parse_file(const std::string &file);
 
+// Throws the failure that parse_text() would. Makes no document, in less than half the time.
+void check_text(const std::string &text, const std::string &origin);
+
 // The bytes of the character that begins at a place of a text; 0 if it is no UTF-8, or XML cannot
 // hold it, not even escaped.
 [[nodiscard]] std::size_t character_length(const std::string &text, std::size_t at);
