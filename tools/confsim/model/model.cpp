@@ -163,11 +163,12 @@ private:
         to.children = std::move(plain.children);
     }
 
-    static siblings to_nodes(const lyd_node *first, const schema_node &parent,
-                             module_table &modules)
+    // Frees the entries below on the way, or a large file would be there twice.
+    static siblings to_nodes(lyd_node *first, const schema_node &parent, module_table &modules)
     {
         std::vector<std::shared_ptr<const node>> made;
-        for (const lyd_node *from = first; from != nullptr; from = from->next) {
+        for (lyd_node *from = first, *next = nullptr; from != nullptr; from = next) {
+            next = from->next;
             const schema_node *place = parent.child(from->schema->module->name, from->schema->name);
             node to{from->schema->module->name, from->schema->name, "", {}, place};
             if (place == nullptr) {
@@ -181,6 +182,9 @@ private:
                 to.children = to_nodes(lyd_child(from), *place, modules);
             }
             made.push_back(std::make_shared<const node>(std::move(to)));
+            if (from->parent != nullptr && from->schema->nodetype == LYS_LIST) {
+                lyd_free_tree(from);
+            }
         }
         return siblings(made);
     }
