@@ -90,6 +90,7 @@ fail call echo <send>&lt;reply>&lt;id>1&lt;/id>&lt;/reply></send> -> answers pub
 call echo <record>lost</record> -> returns 0 from publish, so the error that it recorded is lost: code 24: lost$
 call echo <refuse>it</refuse> -> returns 0 from publish, so the error that it recorded is lost: code 26: it is refused$
 fail call echo <return/> : call echo <a/> ->
+fault good duplicate : fail call echo <return/> : call echo <a/> ->
 x 6 call echo <hoard/> -> holds more descriptors after each of 4 cases in a row, now \d+
 x 3 call echo <hoard/> ->
 x 14 call echo <leak/> -> holds more memory \(in kB\) after each of 8 cases in a row, now \d+

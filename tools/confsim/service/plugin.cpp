@@ -128,6 +128,7 @@ void plugin::take_reply(xml::node_ptr reply)
         if (!may_answer_again_) {
             report("sends a reply that answers nothing, with the id " + std::to_string(id));
         }
+        (void)take_recorded(); // of what this answers
         return;
     }
     check_answer(reply.get());
