@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# What CI does, and anybody at their desk:
+# The commands that CI runs, and that you can run yourself:
 #
-#     ./ci.sh install [DIRECTORY]     installs compilers, and the packages of confsvc from a directory
+#     ./ci.sh install [DIRECTORY]     installs compilers, and the confsvc packages from a directory
 #     ./ci.sh test                    builds with sanitizers, and runs the tests
-#     ./ci.sh chaos [SEEDS] [FIRST]   plays tests/chaos.confsim with so many seeds
-#     ./ci.sh seed SEED               plays it with one
+#     ./ci.sh chaos [SEEDS] [FIRST]   runs tests/chaos.confsim with a number of seeds
+#     ./ci.sh seed SEED               runs it with one seed, after a build
 #
-# build/*.junit.xml has the cases, build/chaos-SEED.log the messages of a seed. One that fails is named.
+# Results are in build/*.junit.xml, and in build/chaos-SEED.log for each seed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
@@ -31,7 +31,7 @@ test)
 chaos)
     build
     first=${2:-1}
-    # Sessions wait most of their time.
+    # Sessions spend most of their time waiting, so many of them can run at once.
     seq "$first" $((first + ${1:-20} - 1)) | xargs --max-procs=10 --replace ./ci.sh seed '{}'
     ;;
 seed)

@@ -1,6 +1,6 @@
 /*
- * A plugin to begin with: it has a greeting that operators configure, and says it as its status. It
- * relies on the supervisor, which joins the daemon and comes back after a restart.
+ * A minimal plugin: operators configure a greeting, and its status shows it. The supervisor
+ * registers with the daemon, and does so again after a restart.
  */
 #include <conf_supervisor.h>
 #include <conf_values.h>
@@ -9,10 +9,10 @@
 #include <stdio.h>
 #include <string.h>
 
-static char greeting[64]; /* in force; "" when there is none */
+static char greeting[64]; /* in force; "" if none is configured */
 
-/* Takes over what is configured. */
-static int take_over(int old)
+/* Applies the configuration. */
+static int apply(int old)
 {
     xmlNode *settings = NULL;
     const char *text = "";
@@ -33,8 +33,8 @@ static int take_over(int old)
 static int on_settings(int session_id, int oper, int more, int priority, const char *path)
 {
     (void)session_id, (void)more, (void)priority, (void)path;
-    /* A roll-back goes back to what was in force before the commit. */
-    return take_over((oper & CONFIG_OP_ROLLBACK) != 0);
+    /* A roll-back restores the configuration before the commit. */
+    return apply((oper & CONFIG_OP_ROLLBACK) != 0);
 }
 
 static int on_state(int session_id, const char *path, const char *filter, xmlNode **status)
@@ -44,12 +44,12 @@ static int on_state(int session_id, const char *path, const char *filter, xmlNod
     return *status == NULL ? ENOMEM : 0;
 }
 
-/* Nothing told the plugin what has changed while it was away. */
+/* No callback reports what changed while the plugin was away. */
 static void on_joined(void *user)
 {
     (void)user;
-    if (take_over(0) != 0)
-        fprintf(stderr, "hello: the settings were not taken over\n");
+    if (apply(0) != 0)
+        fprintf(stderr, "hello: the settings were not applied\n");
 }
 
 int main(void)

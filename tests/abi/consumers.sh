@@ -100,7 +100,7 @@ while read -r command; do
     esac
 done < <(sed -n 's/^ *- run: //p' starter/.github/workflows/plugin.yml)
 ((played == 2))
-grep -q 'testcase .*it refuses what is too long' starter/build/hello.junit.xml
+grep -q 'testcase .*it refuses a greeting that is too long' starter/build/hello.junit.xml
 
 printf '=== pkg-config\n'
 mkdir bare
