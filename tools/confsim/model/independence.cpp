@@ -47,7 +47,7 @@ bool is_constrained(const lysc_node *node)
 
 class search {
 public:
-    explicit search(const ly_ctx *context) : context_(context)
+    explicit search(const ly_ctx *context)
     {
         std::uint32_t position = 0;
         while (const lys_module *each = ly_ctx_get_module_iter(context, &position)) {
@@ -136,7 +136,6 @@ private:
                             std::inserter(dependent_, dependent_.end()));
     }
 
-    const ly_ctx *context_;
     nodes lists_;
     nodes dependent_;
     bool looks_anywhere_ = false;
