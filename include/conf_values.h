@@ -1,8 +1,7 @@
 /*
- * conf_values.h - reading and writing what a callback deals with: the values in XML trees, the keys
- * in paths, refusals with a text.
+ * conf_values.h - helpers for callbacks: values in XML trees, keys in paths, refusals with a text.
  *
- * Every function takes null for whatever it is given, so calls nest without a check in between:
+ * Every function accepts null pointers, so calls can be nested without checks:
  *
  *     static int apply(xmlNode *interface)
  *     {
@@ -17,16 +16,16 @@
  *         return set_mtu(name, mtu);
  *     }
  *
- * The functions that read a value return 1 when it is there, 0 when the node is null, which is what
- * "absent" becomes, and -1 when the node holds something else. Only 1 writes to the output, so that
- * a variable may hold the default before.
+ * The functions that read a value return 1 if there is one, 0 if the node is null, that is, absent,
+ * and -1 if the node holds something else. They write to the output only with 1, so the variable
+ * can hold the default beforehand.
  *
- * A value is what XML says, however it is written: in a CDATA section, in several pieces, around a
- * comment. An element that holds elements or references to entities has none, and is answered with
+ * Values follow the rules of XML: text may be in a CDATA section, in several nodes, or around a
+ * comment. An element that contains elements or entity references has no value, and the result is
  * -1. Names are compared without prefix and namespace.
  *
- * Nothing here is logged. The functions keep no state: they may be called from any thread, each
- * tree from one at a time. econf_plugin_refuse() belongs to the thread of the plugin.
+ * Nothing here is logged. The functions keep no state. They may be called from any thread, but only
+ * from one at a time for the same tree. econf_plugin_refuse() belongs to the thread of the plugin.
  *
  * All of this header came with version 1.1 of the interface. The loader refuses a program that uses
  * it where the library is older: "version `CONFSVC_1.1' not found".
@@ -47,8 +46,8 @@ extern "C" {
 /* ---- Finding nodes ------------------------------------------------------------------------- */
 
 /*
- * The first element of that name: among `list` and the siblings behind it, among the children of
- * `parent`, among the siblings behind `node`. Null when there is none; a null name stands for any.
+ * The first element with that name: in `list` and the siblings after it, among the children of
+ * `parent`, or among the siblings after `node`. Null if there is none. A null name matches any.
  *
  *     xmlNode *user = econf_node_child(users, "user");
  *     for (; user != NULL; user = econf_node_next(user, "user"))
@@ -61,28 +60,29 @@ xmlNode *econf_node_next(xmlNode *node, const char *name);
 /* ---- Reading values ------------------------------------------------------------------------ */
 
 /*
- * The text of an element, an attribute, or a node of text, with all its white space; "" for an
- * empty one. It belongs to the node and lives as long as its content is not changed.
+ * The text of an element, an attribute or a text node, including white space; "" for an empty one.
+ * It belongs to the node, and stays valid until the node's content changes.
  *
- * A text in one piece is used where it stands. Pieces are joined, once: the first takes the whole,
- * the others leave the tree and are wiped. For that memory is needed, and -1 is also what comes
- * when there is none.
+ * Text in a single node is returned in place. Several nodes are joined first: the first one takes
+ * the whole text, and the others are removed from the tree and wiped. If there is no memory for
+ * that, the result is -1, too.
  */
 int econf_node_text(xmlNode *node, const char **text);
 
 /*
- * A whole number from `least` to `most`: decimal digits, perhaps behind a "-", with white space
- * around. A zero in front of other digits is refused, for it makes the number octal to some.
+ * An integer from `least` to `most`: decimal digits, optionally after a "-", surrounded by optional
+ * white space. A leading zero is refused, since some programs take it as octal.
  */
 int econf_node_number(xmlNode *node, long long least, long long most, long long *number);
 int econf_node_unsigned(xmlNode *node, unsigned long long least, unsigned long long most,
                         unsigned long long *number);
 
-/* A truth value: "true" or "false", with white space around. */
+/* A boolean: "true" or "false", surrounded by optional white space. */
 int econf_node_boolean(xmlNode *node, bool_t *value);
 
 /*
- * One of `words`, whose end is a null pointer, with white space around; `*index` becomes its place.
+ * One of `words`, an array that ends with a null pointer, surrounded by optional white space.
+ * `*index` becomes its position.
  *
  *     static const char *const duplexes[] = {"auto", "half", "full", NULL};
  *     int duplex = 0;
@@ -94,13 +94,13 @@ int econf_node_choice(xmlNode *node, const char *const words[], int *index);
 /* ---- Building and freeing trees ------------------------------------------------------------ */
 
 /*
- * A new element with children, given as pairs of name and text up to a null name. A null text makes
- * an empty child. Texts are escaped where the tree is printed, so they may hold anything.
+ * A new element with children, given as pairs of name and text, up to a null name. A null text
+ * makes an empty child. Text is escaped when the tree is printed, so it may contain anything.
  *
  *     *status = econf_node_build("user", "name", name, "shell", shell, NULL);
  *
- * Returns the element, for the caller to release (a callback hands it to the library), or null when
- * there is no memory, with nothing left behind.
+ * Returns the element, which the caller releases (a callback hands it to the library), or null if
+ * there is no memory; nothing is left behind then.
  */
 xmlNode *econf_node_build(const char *element, ...)
 #if defined(__GNUC__)
@@ -109,8 +109,8 @@ xmlNode *econf_node_build(const char *element, ...)
     ;
 
 /*
- * Adds a child element with a text made as by printf(), or without one for a null format. Returns
- * the child, or null, with `parent` as before, when that is null or there is no memory.
+ * Adds a child element with a text formatted as by printf(), or without text for a null format.
+ * Returns the child. Returns null, with `parent` unchanged, if that is null or there is no memory.
  *
  *     made = econf_node_add(port, "mtu", "%u", port_mtu) != NULL && made;
  */
@@ -121,9 +121,9 @@ xmlNode *econf_node_add(xmlNode *parent, const char *element, const char *format
     ;
 
 /*
- * Frees a node and the siblings behind it, as xmlFreeNodeList() does, after overwriting all that
- * they hold: texts, CDATA sections, attribute values, comments. For what has been pulled, and for
- * every other list of the caller's own that may hold secrets.
+ * Frees a node and the siblings after it, as xmlFreeNodeList() does, after wiping their content:
+ * text, CDATA sections, attribute values, comments. Use it for pulled values, and for all other
+ * lists of the caller that may hold secrets.
  */
 void econf_node_free_list(xmlNode *list);
 
@@ -131,27 +131,26 @@ void econf_node_free_list(xmlNode *list);
 
 /*
  * The value of a key in a path, as plain text: [name=a], [name="a\"b"] and [name='a'] hold a, a"b
- * and a; several keys stand in one pair of brackets or each in its own. `step` names the list, with
- * or without its prefix; null stands for any. Where several steps have the key, the last one
- * counts.
+ * and a. Several keys may share a pair of brackets, or each have their own. `step` names the list,
+ * with or without its prefix; null matches any. If several steps have the key, the last one counts.
  *
  *     char name[IFNAMSIZ];
  *     if (econf_path_key(path, "interface", "name", name, sizeof(name)) != 1)
  *         return econf_plugin_refuse(EINVAL, "%s names no interface of Linux", path);
  *
- * Copies the value into `size` bytes with its terminating zero. Returns 1; 0 when the path has no
- * such key; -1 when the value does not fit and when the path is damaged. After 0 and -1 `value` is
- * the empty text, if it has room for one; it never needs more room than the path.
+ * Copies the value and its terminating zero into `size` bytes. Returns 1; 0 if the path has no such
+ * key; -1 if the value does not fit or the path is damaged. With 0 and -1 `value` is set to "" if
+ * it has room for that. The value never needs more room than the path.
  */
 int econf_path_key(const char *path, const char *step, const char *key, char *value, size_t size);
 
 /* ---- Refusals with a text ------------------------------------------------------------------ */
 
 /*
- * Records the error that answers the request being handled, as econf_plugin_error() does, with a
- * text made as by printf(), and returns its code: what a callback ends with. Code 0, which would be
- * success, becomes -1. A null format gives the default text. The text is copied. Operators read it
- * and logs keep it, so no secret belongs into it.
+ * Records an error for the reply to the current request, as econf_plugin_error() does, with a text
+ * formatted as by printf(). Returns its code, for the callback to return. Code 0, which would mean
+ * success, becomes -1. A null format selects the default text. The text is copied. Operators see it
+ * and logs keep it, so it must not contain secrets.
  *
  *     if (mtu < 68)
  *         return econf_plugin_refuse(ERANGE, "interface %s: mtu is 68 to 65535", name);
