@@ -182,4 +182,17 @@ TEST(Constraints, LeaveOutEntriesThatAreTheSame)
     EXPECT_EQ(find(part, parse_path("/m:top/a")).size(), 1U);
 }
 
+// Nothing tells that this constraint is about the entries; without them it would not hold.
+TEST(Constraints, LeaveTheLastWordToTheWhole)
+{
+    const std::unique_ptr<model> known =
+        made("leaf x { type string; } container top { must \"contains(., 'abc')\"; list e { key k; "
+             "leaf k { type string; } } }");
+    configuration config("", known.get());
+    edit(config, "e[k='abc']");
+    EXPECT_NO_THROW(config.validate());
+    config.set(parse_path("/m:x"), "1");
+    EXPECT_NO_THROW(config.validate());
+}
+
 } // namespace

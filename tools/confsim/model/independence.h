@@ -2,7 +2,8 @@
 // such an entry to anything outside it, so a change elsewhere cannot make it invalid, and a change
 // of the entry cannot make anything else invalid.
 //
-// The answer errs on the side of "dependent", which costs time only.
+// The answer errs on the side of "dependent", which costs time only, except for one thing that no
+// module should do, and libyang warns of: a constraint that reads the text of a whole container.
 #ifndef CONFSIM_INDEPENDENCE_H
 #define CONFSIM_INDEPENDENCE_H
 

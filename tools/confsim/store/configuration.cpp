@@ -279,12 +279,25 @@ std::string configuration::as_json(const node &tree, const path &where)
     return model_->to_json(as_text({where.begin(), where.end() - 1}, shown));
 }
 
+bool configuration::is_allowed(const node &tree)
+{
+    try {
+        model_->validate(as_text(tree));
+        return true;
+    } catch (const failure &) {
+        return false;
+    }
+}
+
 void configuration::validate()
 {
-    if (model_ != nullptr) {
-        model_->validate(as_text(valid_ ? unchecked_part(*valid_, candidate_) : candidate_));
-        valid_ = candidate_;
+    if (model_ == nullptr) {
+        return;
     }
+    if (!valid_ || !is_allowed(unchecked_part(*valid_, candidate_))) {
+        model_->validate(as_text(candidate_)); // the whole has the last word
+    }
+    valid_ = candidate_;
 }
 
 given_data configuration::read_given(const path &where, const std::vector<const xmlNode *> &data,

@@ -108,6 +108,7 @@ public:
     [[nodiscard]] std::string as_json(const node &tree, const path &where);
 
 private:
+    [[nodiscard]] bool is_allowed(const node &tree);
     [[nodiscard]] node top() const { return {"", "config", "", {}, top_place()}; }
     [[nodiscard]] node read(const std::string &file);
     [[nodiscard]] siblings read_xml(const std::string &file, module_table &modules) const;
